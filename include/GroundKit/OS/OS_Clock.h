@@ -1,0 +1,41 @@
+// Clocks, and the one way the library turns a time-out into a deadline.
+#ifndef GROUNDKIT_OS_OS_CLOCK_H
+#define GROUNDKIT_OS_OS_CLOCK_H
+
+#include "GroundKit/OS/OSType.h"
+#include "os_clock.h"
+
+namespace OS {
+
+class Clock {
+public:
+    static const clockid_t MONOTONIC = 1;  // CLOCK_MONOTONIC on Linux
+
+    static int getTime(clockid_t clockId, timespec* time, RT_MODE mode) {
+        return os_clock_get_time(clockId, time, mode);
+    }
+    // Carries whole seconds out of tv_nsec after a caller added to it.
+    static void adjustClockTime(timespec* time) { os_clock_adjust_clock_time(time); }
+
+    // Now on the monotonic clock plus `ms` milliseconds: the whole seconds go
+    // to tv_sec, the rest times 1,000,000 to tv_nsec, then normalised.
+    static timespec monotonicDeadline(unsigned long ms) {
+        timespec deadline{0, 0};
+        getTime(MONOTONIC, &deadline, USE_DEFAULT);
+        addMilliseconds(&deadline, ms);
+        return deadline;
+    }
+    static void addMilliseconds(timespec* time, unsigned long ms) {
+        time->tv_sec += static_cast<time_t>(ms / 1000);
+        time->tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
+        adjustClockTime(time);
+    }
+    // True when a is strictly earlier than b.
+    static bool isEarlier(const timespec& a, const timespec& b) {
+        return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
+    }
+};
+
+}  // namespace OS
+
+#endif
