@@ -30,4 +30,16 @@ protected:
     ~IBase() = default;
 };
 
+// The cast functions (asIApartmentEx, asIApartmentSink, ...) are this, named:
+// null for a null object or a refused query; otherwise the interface pointer
+// with one reference added, which the caller owns and adopts.
+template <class Interface>
+Interface* queryInterfaceAs(IBase* pObject) {
+    if (pObject == nullptr) return nullptr;
+    Interface* pResult = nullptr;
+    if (!pObject->queryInterface(Interface::interfaceName(), reinterpret_cast<void**>(&pResult)))
+        return nullptr;
+    return pResult;
+}
+
 #endif
