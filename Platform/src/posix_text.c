@@ -1,6 +1,7 @@
 #include <errno.h>
 #include <iconv.h>
 #include <langinfo.h>
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -95,7 +96,8 @@ int os_clibrary_string_get_formatted_length(const char* format, va_list ap) {
     va_copy(copy, ap);
     int n = vsnprintf(NULL, 0, format, copy);
     va_end(copy);
-    return n < 0 ? 0 : n + 1;
+    /* A text of INT_MAX characters has no size that fits the result. */
+    return (n < 0 || n == INT_MAX) ? 0 : n + 1;
 }
 
 int os_clibrary_string_is_ascii(const char* text) {
