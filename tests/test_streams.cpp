@@ -142,6 +142,8 @@ TEST(Streams, BoundedStreamRefusesGrowthPastItsBound) {
     EXPECT_FALSE(out.enoughWritable(3));
     EXPECT_EQ(thrownCode([&] { out << 2u; }), StreamException::NOT_ENOUGH_SPACE);
     EXPECT_EQ(thrownCode([&] { out << ""; }), StreamException::NOT_ENOUGH_SPACE);
+    // The ASCII check comes before the size check.
+    EXPECT_EQ(thrownCode([&] { out << "\xff"; }), StreamException::UNEXPECTED_VALUE_ERROR);
     EXPECT_EQ(out.getLength(), 4u);
     EXPECT_EQ(thrownCode([&] { out.writeObject("abc", 3); }), StreamException::NOT_ENOUGH_SPACE);
     // Space that has been read is given back to the bound.
@@ -194,6 +196,17 @@ TEST(ByteStores, NullHandlesAndOverflowingSizesFailCleanly) {
     EXPECT_EQ(binary_stream_write(bin, "ab", SIZE_MAX), BYTE_STREAM_NOT_ENOUGH_SPACE);
     EXPECT_EQ(binary_stream_read(bin, &byte, SIZE_MAX), BYTE_STREAM_NOT_ENOUGH_SPACE);
     EXPECT_EQ(binary_stream_get_length(bin), 2u);
+    binary_stream_destroy(&bin);
+    EXPECT_EQ(bin, nullptr);
+
+    // Growing after a partial read keeps the unread bytes in order.
+    bin = binary_stream_create(0, 4);
+    char out[5] = {};
+    EXPECT_EQ(binary_stream_write(bin, "abc", 3), BYTE_STREAM_OPERATE_SUCCEED);
+    EXPECT_EQ(binary_stream_read(bin, out, 1), BYTE_STREAM_OPERATE_SUCCEED);
+    EXPECT_EQ(binary_stream_write(bin, "def", 3), BYTE_STREAM_OPERATE_SUCCEED);
+    EXPECT_EQ(binary_stream_read(bin, out, 5), BYTE_STREAM_OPERATE_SUCCEED);
+    EXPECT_EQ(std::string(out, 5), "bcdef");
     binary_stream_destroy(&bin);
     EXPECT_EQ(bin, nullptr);
 
