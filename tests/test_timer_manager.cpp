@@ -29,7 +29,6 @@ public:
     }
 };
 
-const unsigned int kNoTimer = 0xFFFFFFFFu;
 const unsigned int kNever = 60000;  // a lag no test waits for
 
 class TimerManagerTest : public ::testing::Test {
