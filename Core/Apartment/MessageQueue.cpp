@@ -1,0 +1,93 @@
+#include "MessageQueue.h"
+
+#include "GroundKit/OS/OS_Clock.h"
+
+namespace {
+// The deadline that means "no limit".
+bool isUnlimited(const timespec& deadline) {
+    return deadline.tv_sec == -1 && deadline.tv_nsec == -1;
+}
+}  // namespace
+
+CMessageQueue::CMessageQueue()
+    : m_bInterruptPop(false),
+      m_bLockQueue(false),
+      m_QueueMutex(MUTEX_NONE, USE_STD, nullptr),
+      m_QueueNotEmptyCondition(nullptr, USE_STD) {
+    m_QueueNotEmptyCondition.bindMutex(&m_QueueMutex);
+}
+
+CMessageQueue::~CMessageQueue() {}
+
+void CMessageQueue::reset() {
+    TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
+    if (m_bLockQueue) return;
+    m_bInterruptPop = false;
+    m_ElementQueue.clear();
+}
+
+void CMessageQueue::push(const APARTMENT_TMSG& msg) {
+    TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
+    if (m_bLockQueue) return;
+    m_ElementQueue.push_back(msg);
+    // Every waiter re-tests the list; waking one could pick a pop that is
+    // about to give up (interrupted, timed out) and strand the message.
+    m_QueueNotEmptyCondition.notifyAll();
+}
+
+bool CMessageQueue::tryPop(APARTMENT_TMSG& msg) {
+    TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
+    if (m_bLockQueue || m_ElementQueue.empty()) return false;
+    msg = m_ElementQueue.front();
+    m_ElementQueue.pop_front();
+    return true;
+}
+
+bool CMessageQueue::pop(APARTMENT_TMSG& msg) { return pop(msg, -1); }
+
+bool CMessageQueue::pop(APARTMENT_TMSG& msg, int intTimeout) {
+    timespec deadline{-1, -1};
+    if (intTimeout >= 0) deadline = OS::Clock::monotonicDeadline(static_cast<unsigned long>(intTimeout));
+    return pop(msg, deadline);
+}
+
+bool CMessageQueue::pop(APARTMENT_TMSG& msg, timespec deadline) {
+    TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
+    // An interrupt meant for pops that were already waiting must not end
+    // this one.
+    m_bInterruptPop = false;
+    const bool bUnlimited = isUnlimited(deadline);
+    while (m_ElementQueue.empty()) {
+        if (m_bInterruptPop || m_bLockQueue) return false;
+        const int result = bUnlimited ? m_QueueNotEmptyCondition.wait()
+                                      : m_QueueNotEmptyCondition.wait(deadline);
+        if (result != WAIT_CONDITION_OK) return false;
+    }
+    if (m_bLockQueue) return false;
+    msg = m_ElementQueue.front();
+    m_ElementQueue.pop_front();
+    return true;
+}
+
+void CMessageQueue::interruptPop() {
+    TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
+    m_bInterruptPop = true;
+    m_QueueNotEmptyCondition.notifyAll();
+}
+
+unsigned int CMessageQueue::getQueueSize() {
+    TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
+    return static_cast<unsigned int>(m_ElementQueue.size());
+}
+
+void CMessageQueue::lockQueue() {
+    TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
+    // Both under the mutex: a woken waiter cannot run before the flag is set.
+    m_QueueNotEmptyCondition.notifyAll();
+    m_bLockQueue = true;
+}
+
+void CMessageQueue::unlockQueue() {
+    TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
+    m_bLockQueue = false;
+}

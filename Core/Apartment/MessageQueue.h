@@ -1,0 +1,44 @@
+// CMessageQueue: the apartment's message queue (see IMessageQueue for the
+// contract of each operation).
+//
+// An apartment holds two of these by value, so the reference count that the
+// stub supplies is normally never used. Any number of threads may push and
+// pop at once. The queue's mutex is a leaf: while holding it the queue calls
+// nothing but the list and its condition, so callers may use the queue from
+// inside any lock of their own. Messages still queued when the queue goes
+// away are dropped without looking at their payloads.
+#ifndef APARTMENT_MESSAGEQUEUE_H
+#define APARTMENT_MESSAGEQUEUE_H
+
+#include <list>
+
+#include "GroundKit/OS/OS_Condition.h"
+#include "GroundKit/OS/OS_Mutex.h"
+#include "IMessageQueue.h"
+
+class CMessageQueue : public IMessageQueueStub {
+public:
+    CMessageQueue();
+    virtual ~CMessageQueue();
+
+    void reset() override;
+    void push(const APARTMENT_TMSG& msg) override;
+    bool tryPop(APARTMENT_TMSG& msg) override;
+    bool pop(APARTMENT_TMSG& msg) override;
+    bool pop(APARTMENT_TMSG& msg, int intTimeout) override;
+    bool pop(APARTMENT_TMSG& msg, timespec deadline) override;
+    void interruptPop() override;
+    unsigned int getQueueSize() override;
+    void lockQueue() override;
+    void unlockQueue() override;
+
+private:
+    // All five members are guarded by m_QueueMutex.
+    bool m_bInterruptPop;  // set by interruptPop; cleared on entry to each blocking pop and by reset
+    bool m_bLockQueue;     // set by lockQueue; cleared by unlockQueue
+    std::list<APARTMENT_TMSG> m_ElementQueue;  // push at the back, pop at the front
+    OS::TBaseMutex m_QueueMutex;
+    OS::TCondition m_QueueNotEmptyCondition;  // signalled (all waiters) on push, interrupt and lock
+};
+
+#endif
