@@ -67,10 +67,10 @@ public:
     }
     operator sockaddr_in*() { return this; }
 
-    static const socklen_t LENGTH = sizeof(sockaddr_in);  // 16
+    static constexpr socklen_t LENGTH = sizeof(sockaddr_in);  // 16
 
 private:
-    static const size_t INET_TEXT_SIZE = 16;  // "255.255.255.255" and its zero
+    static constexpr size_t INET_TEXT_SIZE = 16;  // "255.255.255.255" and its zero
     void clear() {
         std::memset(static_cast<sockaddr_in*>(this), 0, sizeof(sockaddr_in));
         sin_family = AF_INET;
@@ -83,8 +83,8 @@ class CSocket : public ISocketStub {
 public:
     // Time-outs for blocking calls and the initial buffer sizes given to
     // every attached descriptor; the sinks raise the buffers afterwards.
-    static const DWORD IO_TIMEOUT_MS = 500;
-    static const int INITIAL_BUFFER_SIZE = 8192;
+    static constexpr DWORD IO_TIMEOUT_MS = 500;
+    static constexpr int INITIAL_BUFFER_SIZE = 8192;
 
     CSocket() : m_iSocketFd(-1), m_RtMode(USE_STD) { OS::Socket::initLibrary(); }
     // A descriptor still held here is closed, so that an object dropped
