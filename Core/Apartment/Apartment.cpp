@@ -1,0 +1,901 @@
+#include "Apartment.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "ApartmentFrame.h"
+#include "ApartmentFrameCodec.h"
+#include "ApartmentNode.h"
+#include "ApartmentSink.h"
+#include "ApartmentTimerManager.h"
+#include "GroundKit/OS/OS_Clock.h"
+#include "GroundKit/OS/OS_Thread.h"
+#include "GroundKit/StringAssistant/StringAssistant.h"
+
+namespace {
+const unsigned int NO_TIMER = 0xFFFFFFFFu;
+// The most sinks one waitFrameOnSinks call serves.
+const unsigned int MAX_SINKS_PER_WAIT = 64;
+// How long dispatch waits, per readable event, for a new link's first frame.
+const DWORD CONNECTION_INFO_TIMEOUT_MS = 100;
+}  // namespace
+
+CApartment::CApartment()
+    : m_ConnectionManageMutex(MUTEX_NONE, USE_STD, nullptr),
+      m_ConnectionNotEmptyCondition(nullptr, USE_STD),
+      m_bKeepListen(false),
+      m_hListenThread(0),
+      m_bKeepNonRtCommunication(false),
+      m_hNonRtCommunicationThread(0),
+      m_bKeepRtCommunication(false),
+      m_hRtCommunicationThread(0),
+      m_bAllowReentry(true),
+      m_bLockDispatch(false),
+      m_bKeepDispatch(true),
+      m_ulLockedDispatchThreadId(0),
+      m_ulNextRequestId(1) {
+    m_ConnectionNotEmptyCondition.bindMutex(&m_ConnectionManageMutex);
+}
+
+CApartment::~CApartment() {
+    // Messages that were never dispatched still own what their wParam
+    // carries (frames, sinks, nodes); the queues themselves never free it.
+    for (CMessageQueue* queue : {&m_ApartmentMsgQueue, &m_ApartmentCacheMsgQueue}) {
+        queue->unlockQueue();
+        APARTMENT_TMSG msg;
+        while (queue->tryPop(msg)) releaseMessagePayload(msg);
+    }
+}
+
+void CApartment::onFinalRelease() { destroyApartment(); }
+
+// ---------------------------------------------------------------- lifecycle
+
+bool CApartment::initApartment(const char* strApartmentUrl, bool bListen) {
+    if (strApartmentUrl != nullptr && std::strlen(strApartmentUrl) > MAX_APARTMENT_URL_LENGTH) {
+        printf("Apartment url is too long: %s.\n", strApartmentUrl);
+        return false;
+    }
+    std::string url = strApartmentUrl != nullptr ? strApartmentUrl : "";
+    std::string address;
+    getPortAddressFromApartmentUrl(strApartmentUrl, address);
+
+    if (bListen) {
+        CReference<IApartmentSink> sink(createSink(LISTEN_SINK));
+        if (sink.nil() || !sink->initSink(address.c_str(), nullptr)) return false;
+        CApartmentSinkHelper::getLocalAddress(sink, address);
+        getApartmentUrlFromPortAddress(address.c_str(), url);
+        sink->setLocalApartmentUrl(url.c_str());
+        m_ListenSink = asIApartmentListenSink(sink);
+        createListenThread();
+        printf("Apartment listen at port(%s).\n", url.c_str());
+    } else {
+        getApartmentUrlFromPortAddress(address.c_str(), url);
+    }
+    m_strApartmentUrl = url;
+    return true;
+}
+
+void CApartment::destroyApartment() {
+    killAllTimer();
+    m_strApartmentUrl.clear();
+    destroyNonRtCommunicationThread();
+    destroyRtCommunicationThread();
+    destroyListenThread();
+    m_ListenSink = nullptr;
+    m_LoopbackClientSink = nullptr;
+    m_LoopbackServerSink = nullptr;
+    m_NonRtCommunicationSinkMap.clear();
+    m_RtCommunicationSinkMap.clear();
+    std::map<std::string, CReference<IApartmentNode>> nodes;
+    {
+        TAutoMutex<OS::TRecursiveMutex> lock(&m_NodeManageMutex);
+        nodes.swap(m_ApartmentNodeMap);
+    }
+    // A pending node timer holds the node (and this apartment) through the
+    // timer manager; kill them so that both can go.
+    for (auto& entry : nodes) static_cast<CApartmentNode*>(entry.second.operator->())->killAllTimer();
+}
+
+bool CApartment::getApartmentUrl(char* strApartmentUrl, DWORD& dwLen) const {
+    return CStringAssistant::getBaseStringFromSTLString(m_strApartmentUrl, strApartmentUrl, dwLen);
+}
+
+// -------------------------------------------------------------------- nodes
+
+bool CApartment::createApartmentNode(const char* strNodeUrl) {
+    CReference<IApartmentNode> node(new CApartmentNode(this));
+    const std::string name = strNodeUrl != nullptr ? strNodeUrl : "";
+    TAutoMutex<OS::TRecursiveMutex> lock(&m_NodeManageMutex);
+    return m_ApartmentNodeMap.emplace(name, node).second;
+}
+
+IApartmentNode* CApartment::findApartmentNode(const char* strNodeUrl) {
+    if (strNodeUrl == nullptr) return nullptr;
+    TAutoMutex<OS::TRecursiveMutex> lock(&m_NodeManageMutex);
+    auto it = m_ApartmentNodeMap.find(strNodeUrl);
+    if (it == m_ApartmentNodeMap.end()) return nullptr;
+    it->second->addRef();
+    return it->second;
+}
+
+bool CApartment::destroyApartmentNode(const char* strNodeUrl) {
+    if (strNodeUrl == nullptr) return false;
+    CReference<IApartmentNode> removed;
+    TAutoMutex<OS::TRecursiveMutex> lock(&m_NodeManageMutex);
+    auto it = m_ApartmentNodeMap.find(strNodeUrl);
+    if (it == m_ApartmentNodeMap.end()) return false;
+    removed = it->second;
+    m_ApartmentNodeMap.erase(it);
+    return true;
+}
+
+bool CApartment::setCallback(IApartmentCallback* pCallback) {
+    if (pCallback != nullptr) pCallback->addRef();
+    CReference<IApartmentCallback> previous;
+    TAutoMutex<OS::TBaseMutex> lock(&m_CallbackMutex);
+    previous = m_apartmentCallback;
+    m_apartmentCallback = pCallback;
+    return true;
+}
+
+CReference<IApartmentCallback> CApartment::apartmentCallback() {
+    TAutoMutex<OS::TBaseMutex> lock(&m_CallbackMutex);
+    return m_apartmentCallback;
+}
+
+// ------------------------------------------------------------------ threads
+
+void CApartment::createListenThread() {
+    TAutoMutex<OS::TBaseMutex> lock(&m_ThreadControlMutex);
+    if (m_hListenThread != 0) return;
+    m_bKeepListen = true;
+    OS::Thread::create(&m_hListenThread, apartmentListenThreadFunc, this, USE_STD, 0);
+}
+
+void CApartment::createNonRtCommunicationThread() {
+    TAutoMutex<OS::TBaseMutex> lock(&m_ThreadControlMutex);
+    if (m_hNonRtCommunicationThread != 0) return;
+    m_bKeepNonRtCommunication = true;
+    OS::Thread::create(&m_hNonRtCommunicationThread, apartmentNonRtCommunicationThreadFunc, this,
+                       USE_STD, 0);
+}
+
+void CApartment::createRtCommunicationThread() {
+    TAutoMutex<OS::TBaseMutex> lock(&m_ThreadControlMutex);
+    if (m_hRtCommunicationThread != 0) return;
+    m_bKeepRtCommunication = true;
+    OS::Thread::create(&m_hRtCommunicationThread, apartmentRtCommunicationThreadFunc, this,
+                       USE_STD, 0);
+}
+
+namespace {
+// Clears the keep flag and joins, without holding the control mutex during
+// the join (the thread may need locks that a creator holds).
+void stopThread(OS::TBaseMutex& control, std::atomic<bool>& keep, pthread_t& handle) {
+    pthread_t thread = 0;
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&control);
+        if (handle == 0) return;
+        keep = false;
+        thread = handle;
+        handle = 0;
+    }
+    OS::Thread::join(thread, USE_DEFAULT);
+}
+}  // namespace
+
+void CApartment::destroyListenThread() {
+    stopThread(m_ThreadControlMutex, m_bKeepListen, m_hListenThread);
+}
+
+void CApartment::destroyNonRtCommunicationThread() {
+    stopThread(m_ThreadControlMutex, m_bKeepNonRtCommunication, m_hNonRtCommunicationThread);
+}
+
+void CApartment::destroyRtCommunicationThread() {
+    stopThread(m_ThreadControlMutex, m_bKeepRtCommunication, m_hRtCommunicationThread);
+}
+
+void* CApartment::apartmentListenThreadFunc(void* pParam) {
+    CApartment* apartment = static_cast<CApartment*>(pParam);
+    while (apartment != nullptr && apartment->m_bKeepListen)
+        apartment->listenConnection(THREAD_PASS_MS);
+    return nullptr;
+}
+
+void* CApartment::apartmentNonRtCommunicationThreadFunc(void* pParam) {
+    CApartment* apartment = static_cast<CApartment*>(pParam);
+    while (apartment != nullptr && apartment->m_bKeepNonRtCommunication)
+        apartment->receiveFrame(THREAD_PASS_MS, false);
+    return nullptr;
+}
+
+void* CApartment::apartmentRtCommunicationThreadFunc(void* pParam) {
+    CApartment* apartment = static_cast<CApartment*>(pParam);
+    while (apartment != nullptr && apartment->m_bKeepRtCommunication)
+        apartment->receiveFrame(THREAD_PASS_MS, true);
+    return nullptr;
+}
+
+void CApartment::listenConnection(DWORD dwTimeout) {
+    // Only this thread and destroyApartment (after joining it) touch the
+    // listen sink, so it needs no lock.
+    if (m_ListenSink.nil()) return;
+    IApartmentServerSink* serverSink = m_ListenSink->processConnectRequest(dwTimeout);
+    if (serverSink == nullptr) return;
+    APARTMENT_TMSG msg;
+    msg.m_intMsg = ADD_APARTMENT_CONNECTION;
+    msg.wParam = reinterpret_cast<WPARAM>(serverSink);
+    msg.lParam = 0;
+    // Straight into the main queue: this code is never deferred.
+    m_ApartmentMsgQueue.push(msg);
+}
+
+void CApartment::receiveFrame(DWORD dwTimeout, bool bRtConnection) {
+    std::vector<IApartmentSink*>& sinks = bRtConnection ? m_RtReceiveSinks : m_NonRtReceiveSinks;
+    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+    const timespec deadline = OS::Clock::monotonicDeadline(dwTimeout);
+
+    auto take = [&sinks](IApartmentSink* sink) {
+        if (sink == nullptr || sink->isSinkClosed()) return;
+        if (sink->isExpectSinkClosed()) {
+            sink->closeSink();
+            return;
+        }
+        sink->addRef();
+        sinks.push_back(sink);
+    };
+
+    m_ConnectionManageMutex.lock();
+    if (!bRtConnection) {
+        take(m_LoopbackClientSink);
+        take(m_LoopbackServerSink);
+    }
+    for (auto& entry : map) take(entry.second);
+
+    if (sinks.empty()) {
+        m_ConnectionNotEmptyCondition.wait(deadline);
+        m_ConnectionManageMutex.unlock();
+        return;
+    }
+    m_ConnectionManageMutex.unlock();
+
+    for (size_t first = 0; first < sinks.size(); first += MAX_SINKS_PER_WAIT) {
+        const size_t count = std::min<size_t>(MAX_SINKS_PER_WAIT, sinks.size() - first);
+        waitFrameOnSinks(&sinks[first], static_cast<unsigned int>(count), dwTimeout);
+    }
+    for (IApartmentSink* sink : sinks) sink->releaseRef();
+    sinks.clear();
+}
+
+// ------------------------------------------------------------- message loop
+
+bool CApartment::dispatchGatePasses() const {
+    if (!m_bKeepDispatch) return false;
+    return !m_bLockDispatch || OS::Thread::current() == m_ulLockedDispatchThreadId;
+}
+
+bool CApartment::allowMessage(const APARTMENT_TMSG& msg) const {
+    if (m_bAllowReentry) return true;
+    return msg.m_intMsg != REQUEST_FRAME_ARRIVED && msg.m_intMsg != APARTMENT_CONNECTION_CLOSED;
+}
+
+void CApartment::postMessage(const APARTMENT_TMSG& msg) {
+    if (allowMessage(msg))
+        m_ApartmentMsgQueue.push(msg);
+    else
+        m_ApartmentCacheMsgQueue.push(msg);
+}
+
+bool CApartment::getMessage(APARTMENT_TMSG& msg, timespec deadline) {
+    if (!dispatchGatePasses()) return false;
+    // Deferred messages come back first, one per call, once re-entry is
+    // allowed again.
+    if (m_bAllowReentry && m_ApartmentCacheMsgQueue.pop(msg, 0)) return true;
+    return m_ApartmentMsgQueue.pop(msg, deadline);
+}
+
+int CApartment::dispatchMessage(const APARTMENT_TMSG& msg) {
+    if (!dispatchGatePasses()) return -1;
+    if (!allowMessage(msg)) {
+        postMessage(msg);  // into the cache queue, reference and all
+        return 1;
+    }
+    switch (msg.m_intMsg) {
+        case APARTMENT_QUIT:
+            return 0;
+        case ADD_APARTMENT_CONNECTION:
+            onAddConnection(reinterpret_cast<IApartmentServerSink*>(msg.wParam));
+            return 1;
+        case REMOVE_APARTMENT_CONNECTION: {
+            CReference<IApartmentServerSink> serverSink(
+                reinterpret_cast<IApartmentServerSink*>(msg.wParam));
+            CReference<IApartmentSink> sink(asIApartmentSink(serverSink));
+            removeApartmentSink(sink);
+            return 1;
+        }
+        case APARTMENT_CONNECTION_CLOSED: {
+            CReference<IApartmentSink> sink(reinterpret_cast<IApartmentSink*>(msg.wParam));
+            onConnectionClosed(sink);
+            return 1;
+        }
+        case LOOPDATA_FRAME_ARRIVED:
+        case REQUEST_FRAME_ARRIVED:
+        case RESPONSE_FRAME_ARRIVED:
+        case NORMAL_FRAME_ARRIVED: {
+            CReference<IApartmentFrame> frame(reinterpret_cast<IApartmentFrame*>(msg.wParam));
+            if (msg.m_intMsg == LOOPDATA_FRAME_ARRIVED)
+                onLoopbackFrameArrived(frame);
+            else if (msg.m_intMsg == REQUEST_FRAME_ARRIVED)
+                onRequestFrameArrived(frame);
+            else if (msg.m_intMsg == RESPONSE_FRAME_ARRIVED)
+                onResponseFrameArrived(frame);
+            else
+                onNormalFrameArrived(frame);
+            return 1;
+        }
+        case APARTMENT_TIMER: {
+            CReference<IApartmentNode> node(reinterpret_cast<IApartmentNode*>(msg.wParam));
+            onApartmentTimer(node, static_cast<unsigned int>(msg.lParam & 0xFFFFFFFF));
+            return 1;
+        }
+    }
+    return -1;
+}
+
+void CApartment::releaseMessagePayload(const APARTMENT_TMSG& msg) {
+    if (msg.wParam == 0) return;
+    switch (msg.m_intMsg) {
+        case ADD_APARTMENT_CONNECTION:
+        case REMOVE_APARTMENT_CONNECTION:
+            reinterpret_cast<IApartmentServerSink*>(msg.wParam)->releaseRef();
+            break;
+        case APARTMENT_CONNECTION_CLOSED:
+            reinterpret_cast<IApartmentSink*>(msg.wParam)->releaseRef();
+            break;
+        case LOOPDATA_FRAME_ARRIVED:
+        case REQUEST_FRAME_ARRIVED:
+        case RESPONSE_FRAME_ARRIVED:
+        case NORMAL_FRAME_ARRIVED:
+            reinterpret_cast<IApartmentFrame*>(msg.wParam)->releaseRef();
+            break;
+        case APARTMENT_TIMER:
+            reinterpret_cast<IApartmentNode*>(msg.wParam)->releaseRef();
+            break;
+        default:
+            break;
+    }
+}
+
+bool CApartment::stopDispatchMessage() {
+    m_bKeepDispatch = false;
+    m_ApartmentMsgQueue.lockQueue();
+    return true;
+}
+
+bool CApartment::lockDispatchThread() {
+    bool expected = false;
+    if (!m_bLockDispatch.compare_exchange_strong(expected, true)) return false;
+    m_ulLockedDispatchThreadId = OS::Thread::current();
+    return true;
+}
+
+bool CApartment::unlockDispatchThread() {
+    bool expected = true;
+    if (!m_bLockDispatch.compare_exchange_strong(expected, false)) return false;
+    m_ulLockedDispatchThreadId = 0;
+    return true;
+}
+
+bool CApartment::lockedDispatchThreadId(unsigned long& ulThreadId) {
+    if (!m_bLockDispatch) return false;
+    ulThreadId = m_ulLockedDispatchThreadId;
+    return true;
+}
+
+bool CApartment::allowReentry(bool bAllowReentry) {
+    m_bAllowReentry = bAllowReentry;
+    return true;
+}
+
+// -------------------------------------------------------------- connections
+
+std::map<std::string, CReference<IApartmentSink>>& CApartment::sinkMap(bool bRtConnection) {
+    return bRtConnection ? m_RtCommunicationSinkMap : m_NonRtCommunicationSinkMap;
+}
+
+bool CApartment::loopbackApartment(const char* strRemoteApartmentUrl) const {
+    return strRemoteApartmentUrl != nullptr && !m_strLoopbackApartmentUrl.empty() &&
+           m_strLoopbackApartmentUrl == strRemoteApartmentUrl;
+}
+
+bool CApartment::connectApartment(const char* strRemoteApartmentUrl, bool bRtConnection) {
+    if (strRemoteApartmentUrl == nullptr) return false;
+    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+    std::string address;
+    getPortAddressFromApartmentUrl(strRemoteApartmentUrl, address);
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+        if (map.count(strRemoteApartmentUrl) != 0) return true;
+    }
+
+    CReference<IApartmentSink> sink(createSink(CLIENT_SINK));
+    if (sink.nil()) return false;
+    if (!sink->initSink(nullptr, address.c_str())) return false;
+
+    sink->setLocalApartmentUrl(m_strApartmentUrl.c_str());
+    std::string localUrl;
+    CApartmentSinkHelper::getLocalApartmentUrl(sink, localUrl);
+    sink->setRemoteApartmentUrl(strRemoteApartmentUrl);
+    sink->setRTConnection(bRtConnection);
+
+    char block[APARTMENT_CONNECTION_BLOCK_SIZE];
+    CApartmentFrameCodec::buildConnectionBlock(bRtConnection, localUrl.c_str(), block);
+    sink->sendFrame(APARTMENT_CONNECTION_FRAME, block,
+                    static_cast<unsigned int>(APARTMENT_CONNECTION_BLOCK_SIZE));
+
+    if (localUrl == strRemoteApartmentUrl) {
+        sink->setLoopbackType(CLIENT_LOOPBACK_TYPE);
+        bool stored = false;
+        {
+            TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+            if (m_LoopbackClientSink.nil()) {
+                m_strLoopbackApartmentUrl = strRemoteApartmentUrl;
+                m_LoopbackClientSink = sink;
+                // Both communication threads may idle on this condition: wake
+                // both rather than risk waking the one this sink is not for.
+                m_ConnectionNotEmptyCondition.notifyAll();
+                printf("Detected client loopback interface changed(%s---->%s).\n", localUrl.c_str(),
+                       strRemoteApartmentUrl);
+                stored = true;
+            }
+        }
+        // Loopback sinks never pass through addApartmentSink, which starts
+        // the non-real-time thread for ordinary links; without this an
+        // apartment linked only to itself would never read its loopback.
+        if (stored) createNonRtCommunicationThread();
+    } else {
+        addApartmentSink(sink);
+    }
+    return true;
+}
+
+void CApartment::addApartmentSink(IApartmentSink* pSink) {
+    if (pSink == nullptr) return;
+    const bool bRtConnection = pSink->getRTConnection();
+    std::string localUrl, remoteUrl;
+    CApartmentSinkHelper::getLocalApartmentUrl(pSink, localUrl);
+    CApartmentSinkHelper::getRemoteApartmentUrl(pSink, remoteUrl);
+
+    if (localUrl != remoteUrl) {
+        std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+        CReference<IApartmentSink> replaced;  // released after the unlock
+        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+        if (map.empty()) {
+            if (bRtConnection)
+                createRtCommunicationThread();
+            else
+                createNonRtCommunicationThread();
+        }
+        auto it = map.find(remoteUrl);
+        if (it != map.end()) {
+            if (pSink->compareConnection(it->second) > 0) {
+                replaced = it->second;
+                pSink->addRef();
+                it->second = pSink;
+            }
+            return;
+        }
+        pSink->addRef();
+        map.emplace(remoteUrl, CReference<IApartmentSink>(pSink));
+        m_ConnectionNotEmptyCondition.notifyAll();
+        return;
+    }
+
+    TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+    if (pSink->sinkType() == CLIENT_SINK) {
+        if (!m_LoopbackClientSink.nil())
+            puts("Client loopback apartment sink is already added.");
+        else
+            printf("Client loopback apartment sink should not be added in function %s.\n",
+                   "addApartmentSink");
+    } else if (pSink->sinkType() == SERVER_SINK) {
+        if (!m_LoopbackServerSink.nil())
+            puts("Server loopback apartment sink is already added.");
+        else
+            printf("Server loopback apartment sink should not be added in function %s.\n",
+                   "addApartmentSink");
+    }
+}
+
+void CApartment::removeApartmentSink(IApartmentSink* pSink) {
+    if (pSink == nullptr) return;
+    const bool bRtConnection = pSink->getRTConnection();
+    std::string remoteUrl;
+    CApartmentSinkHelper::getRemoteApartmentUrl(pSink, remoteUrl);
+
+    if (pSink->getLoopbackType() != NONE_LOOPBACK_TYPE) {
+        CReference<IApartmentSink> client, server;
+        {
+            TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+            m_strLoopbackApartmentUrl.clear();
+            client = m_LoopbackClientSink;
+            server = m_LoopbackServerSink;
+            m_LoopbackClientSink = nullptr;
+            m_LoopbackServerSink = nullptr;
+        }
+        puts("Loopback apartment sink is removed.");
+        return;
+    }
+
+    CReference<IApartmentSink> removed;
+    TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+    auto it = map.find(remoteUrl);
+    if (it == map.end()) return;
+    removed = it->second;
+    map.erase(it);
+}
+
+bool CApartment::hasConnection(const char* strRemoteApartmentUrl, bool bRtConnection) {
+    if (strRemoteApartmentUrl == nullptr) return false;
+    TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+    if (loopbackApartment(strRemoteApartmentUrl)) return true;
+    return sinkMap(bRtConnection).count(strRemoteApartmentUrl) != 0;
+}
+
+bool CApartment::disconnectApartment(const char* strRemoteApartmentUrl, bool bRtConnection) {
+    if (strRemoteApartmentUrl == nullptr) return false;
+    CReference<IApartmentSink> first, second;  // released after the unlock
+    TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+    if (loopbackApartment(strRemoteApartmentUrl)) {
+        m_strLoopbackApartmentUrl.clear();
+        first = m_LoopbackClientSink;
+        second = m_LoopbackServerSink;
+        m_LoopbackClientSink = nullptr;
+        m_LoopbackServerSink = nullptr;
+        return true;
+    }
+    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+    auto it = map.find(strRemoteApartmentUrl);
+    if (it == map.end()) return false;
+    first = it->second;
+    map.erase(it);
+    return true;
+}
+
+bool CApartment::localApartmentUrl(const char* strRemoteApartmentUrl, bool bRtConnection,
+                                   char* strLocalApartmentUrl, DWORD& dwLen) {
+    if (strRemoteApartmentUrl == nullptr) return false;
+    TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+    if (loopbackApartment(strRemoteApartmentUrl))
+        return !m_LoopbackClientSink.nil() &&
+               m_LoopbackClientSink->getLocalApartmentUrl(strLocalApartmentUrl, dwLen);
+    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+    auto it = map.find(strRemoteApartmentUrl);
+    if (it == map.end()) return false;
+    return it->second->getLocalApartmentUrl(strLocalApartmentUrl, dwLen);
+}
+
+void CApartment::onConnectionClosed(IApartmentSink* pSink) {
+    if (pSink == nullptr) return;
+    std::string remoteUrl;
+    CApartmentSinkHelper::getRemoteApartmentUrl(pSink, remoteUrl);
+    {
+        TAutoMutex<OS::TRecursiveMutex> lock(&m_NodeManageMutex);
+        for (auto& entry : m_ApartmentNodeMap)
+            if (!entry.second.nil()) entry.second->notifyApartmentOffline(remoteUrl.c_str());
+    }
+    removeApartmentSink(pSink);
+}
+
+void CApartment::onAddConnection(IApartmentServerSink* pServerSink) {
+    CReference<IApartmentServerSink> serverSink(pServerSink);
+    if (serverSink.nil()) return;
+    CReference<IApartmentSink> sink(asIApartmentSink(serverSink));
+    bool bRtConnection = false;
+    if (sink.nil() || !serverSink->waitRemoteConnectionInfo(CONNECTION_INFO_TIMEOUT_MS, bRtConnection))
+        return;  // the connection is dropped with the last references
+    sink->setRTConnection(bRtConnection);
+    std::string localUrl, remoteUrl;
+    CApartmentSinkHelper::getLocalApartmentUrl(sink, localUrl);
+    CApartmentSinkHelper::getRemoteApartmentUrl(sink, remoteUrl);
+    if (localUrl == remoteUrl) {
+        sink->setLoopbackType(SERVER_LOOPBACK_TYPE);
+        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+        if (m_LoopbackServerSink.nil()) {
+            m_LoopbackServerSink = sink;
+            printf("Detected server loopback interface changed(%s---->%s).\n", localUrl.c_str(),
+                   remoteUrl.c_str());
+        }
+        return;
+    }
+    addApartmentSink(sink);
+}
+
+// ------------------------------------------------------------ frame writing
+
+CReference<IApartmentSink> CApartment::findLink(const char* strRemoteApartmentUrl,
+                                                bool bRtConnection, bool* pbLoopback) {
+    TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+    if (loopbackApartment(strRemoteApartmentUrl)) {
+        if (pbLoopback != nullptr) *pbLoopback = true;
+        return m_LoopbackClientSink;
+    }
+    if (strRemoteApartmentUrl == nullptr) return CReference<IApartmentSink>();
+    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+    auto it = map.find(strRemoteApartmentUrl);
+    return it == map.end() ? CReference<IApartmentSink>() : it->second;
+}
+
+bool CApartment::sendPayload(IApartmentSink* pSink, unsigned int uintFrameType,
+                             const std::vector<char>& payload) {
+    return pSink->sendFrame(uintFrameType, payload.empty() ? nullptr : payload.data(),
+                            static_cast<unsigned int>(payload.size()));
+}
+
+bool CApartment::writeRequestFrame(const char* strApartmentNodeUrl,
+                                   const char* strRemoteApartmentUrl,
+                                   const char* strRemoteApartmentNodeUrl, void* pRequestBuffer,
+                                   unsigned int uintBufLen, bool bRtConnection,
+                                   unsigned int& uintRequestId, bool bRequireResponse) {
+    if (!hasConnection(strRemoteApartmentUrl, bRtConnection) &&
+        !connectApartment(strRemoteApartmentUrl, bRtConnection))
+        return false;
+    CReference<IApartmentSink> link = findLink(strRemoteApartmentUrl, bRtConnection);
+    if (link.nil()) return false;
+    std::string localUrl;
+    CApartmentSinkHelper::getLocalApartmentUrl(link, localUrl);
+    // The counter returns the value after the addition; the id is the one
+    // before it. Only its low 32 bits travel.
+    const unsigned int id =
+        static_cast<unsigned int>(OS::Thread::syncFetchAdd(&m_ulNextRequestId) - 1);
+    const std::vector<char> payload = CApartmentFrameCodec::buildRequestPayload(
+        localUrl, strApartmentNodeUrl, strRemoteApartmentUrl, strRemoteApartmentNodeUrl, id,
+        bRequireResponse, pRequestBuffer, uintBufLen);
+    const bool sent = sendPayload(link, APARTMENT_REQUEST_FRAME, payload);
+    if (sent) uintRequestId = id;
+    return sent;
+}
+
+bool CApartment::writeResponseFrame(const char* strApartmentNodeUrl,
+                                    const char* strRemoteApartmentUrl,
+                                    const char* strRemoteApartmentNodeUrl,
+                                    unsigned int uintRequestId, int intResponseCode,
+                                    void* pResponseBuffer, unsigned int uintBufLen,
+                                    bool bRtConnection) {
+    if (!hasConnection(strRemoteApartmentUrl, bRtConnection) &&
+        !connectApartment(strRemoteApartmentUrl, bRtConnection))
+        return false;
+    CReference<IApartmentSink> link = findLink(strRemoteApartmentUrl, bRtConnection);
+    if (link.nil()) return false;
+    std::string localUrl;
+    CApartmentSinkHelper::getLocalApartmentUrl(link, localUrl);
+    const std::vector<char> payload = CApartmentFrameCodec::buildResponsePayload(
+        localUrl, strApartmentNodeUrl, strRemoteApartmentUrl, strRemoteApartmentNodeUrl,
+        uintRequestId, intResponseCode, pResponseBuffer, uintBufLen);
+    return sendPayload(link, APARTMENT_RESPONSE_FRAME, payload);
+}
+
+bool CApartment::writeRawFrame(const char* strRemoteApartmentUrl, unsigned int uintFrameType,
+                               const void* pRawBuffer, unsigned int uintBufLen,
+                               bool bRtConnection) {
+    bool loopback = false;
+    CReference<IApartmentSink> link = findLink(strRemoteApartmentUrl, bRtConnection, &loopback);
+    if (loopback) {
+        // A raw frame to itself is never sent: it reaches the callback at
+        // once, on this thread.
+        CReference<IApartmentCallback> cb = apartmentCallback();
+        if (!cb.nil()) cb->onRawFrameReceived(uintFrameType, pRawBuffer, uintBufLen);
+        return true;
+    }
+    if (link.nil()) return false;
+    return link->sendFrame(uintFrameType, pRawBuffer, uintBufLen);
+}
+
+// ------------------------------------------------------------ frame arrival
+
+void CApartment::onLoopbackFrameArrived(IApartmentFrame* pFrame) {
+    const unsigned int type = pFrame->getFrameType();
+    const unsigned int size = pFrame->getFrameSize();
+    CReference<IApartmentSink> server;
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+        server = m_LoopbackServerSink;
+    }
+    // Back through the server end to the client end, where it arrives as an
+    // ordinary frame.
+    if (!server.nil()) server->sendFrame(type, pFrame->getFrameBuffer(), size);
+}
+
+void CApartment::onRequestFrameArrived(IApartmentFrame* pFrame) {
+    APARTMENT_REQUEST_PAYLOAD request;
+    if (!CApartmentFrameCodec::parseRequestPayload(pFrame->getFrameBuffer(), pFrame->getFrameSize(),
+                                                   request))
+        return;
+    CReference<IApartmentNode> node(findApartmentNode(request.m_strTargetNodeUrl.c_str()));
+    if (node.nil()) return;
+    node->receiveRequest(request.m_strSourceApartmentUrl.c_str(),
+                         request.m_strSourceNodeUrl.c_str(),
+                         request.m_strTargetApartmentUrl.c_str(),
+                         request.m_strTargetNodeUrl.c_str(), request.m_uintRequestId,
+                         request.m_vecData.empty() ? nullptr : request.m_vecData.data(),
+                         static_cast<unsigned int>(request.m_vecData.size()),
+                         request.m_bRequireResponse);
+}
+
+void CApartment::onResponseFrameArrived(IApartmentFrame* pFrame) {
+    APARTMENT_RESPONSE_PAYLOAD response;
+    if (!CApartmentFrameCodec::parseResponsePayload(pFrame->getFrameBuffer(),
+                                                    pFrame->getFrameSize(), response))
+        return;
+    CReference<IApartmentNode> node(findApartmentNode(response.m_strTargetNodeUrl.c_str()));
+    if (node.nil()) return;
+    if (!node->addResponse(response.m_uintRequestId, response.m_intResponseCode,
+                           response.m_vecData.empty() ? nullptr : response.m_vecData.data(),
+                           static_cast<unsigned int>(response.m_vecData.size())))
+        printf("[Apartment Warning]: Request %u already have response.\n",
+               response.m_uintRequestId);
+}
+
+void CApartment::onNormalFrameArrived(IApartmentFrame* pFrame) {
+    if (pFrame->getFrameType() == APARTMENT_ALIVE_FRAME)
+        onAliveFrameArrived(pFrame);
+    else if (pFrame->getFrameType() == APARTMENT_ALIVE_ACK_FRAME)
+        onAliveAckFrameArrived(pFrame);
+}
+
+// ------------------------------------------------------ timers and heartbeat
+
+unsigned int CApartment::setTimer(const char* strNodeUrl, unsigned int uintLagTime,
+                                  unsigned int uintInterval) {
+    if (strNodeUrl != nullptr) {
+        TAutoMutex<OS::TRecursiveMutex> lock(&m_NodeManageMutex);
+        auto it = m_ApartmentNodeMap.find(strNodeUrl);
+        return it == m_ApartmentNodeMap.end() ? NO_TIMER
+                                              : it->second->setTimer(uintLagTime, uintInterval);
+    }
+    CApartmentTimerManager* manager = CApartmentTimerManager::getUniqueApartmentTimerManager();
+    if (manager == nullptr) return NO_TIMER;
+    APARTMENT_TIMER_INFO info;
+    addRef();
+    info.m_Apartment = static_cast<IApartment*>(this);
+    info.m_uintLagTime = uintLagTime;
+    info.m_uintInterval = uintInterval;
+    const unsigned int id = manager->setTimer(info);
+    if (id != NO_TIMER) {
+        TAutoMutex<OS::TBaseMutex> lock(&m_TimerIdMutex);
+        m_timerIdSet.insert(id);
+    }
+    return id;
+}
+
+unsigned int CApartment::setSingleTimer(const char* strNodeUrl, unsigned int uintLagTime) {
+    return setTimer(strNodeUrl, uintLagTime, 0);
+}
+
+bool CApartment::killTimer(const char* strNodeUrl, unsigned int uintTimerId) {
+    if (strNodeUrl != nullptr) {
+        TAutoMutex<OS::TRecursiveMutex> lock(&m_NodeManageMutex);
+        auto it = m_ApartmentNodeMap.find(strNodeUrl);
+        return it != m_ApartmentNodeMap.end() && it->second->killTimer(uintTimerId);
+    }
+    CApartmentTimerManager* manager = CApartmentTimerManager::getUniqueApartmentTimerManager();
+    if (manager == nullptr || !manager->killTimer(uintTimerId)) return false;
+    TAutoMutex<OS::TBaseMutex> lock(&m_TimerIdMutex);
+    m_timerIdSet.erase(uintTimerId);
+    return true;
+}
+
+void CApartment::killAllTimer() {
+    std::set<unsigned int> ids;
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_TimerIdMutex);
+        ids.swap(m_timerIdSet);
+    }
+    CApartmentTimerManager* manager = CApartmentTimerManager::getUniqueApartmentTimerManager();
+    if (manager == nullptr) return;
+    for (unsigned int id : ids) manager->killTimer(id);
+}
+
+bool CApartment::keepAliveWith(const char* strRemoteApartmentUrl, unsigned int uintAliveCounter,
+                               unsigned int uintAliveInterval) {
+    const std::string url = strRemoteApartmentUrl != nullptr ? strRemoteApartmentUrl : "";
+    TAutoMutex<OS::TBaseMutex> lock(&m_HeartbeatMutex);
+    auto watched = m_HeartbeatTimerIdMap.find(url);
+    if (uintAliveCounter != 0) {
+        if (watched != m_HeartbeatTimerIdMap.end()) return false;
+        const unsigned int id = setTimer(nullptr, 0, uintAliveInterval);
+        m_HeartbeatTimerIdMap[url] = id;
+        m_HeartbeatTimerInfoMap[id] = _HEARTBEAT_INFO{url, uintAliveCounter, uintAliveCounter};
+        return true;
+    }
+    if (watched == m_HeartbeatTimerIdMap.end()) return false;
+    const unsigned int id = watched->second;
+    killTimer(nullptr, id);
+    m_HeartbeatTimerInfoMap.erase(id);
+    m_HeartbeatTimerIdMap.erase(watched);
+    return true;
+}
+
+void CApartment::onApartmentTimer(IApartmentNode* pNode, unsigned int uintTimerId) {
+    if (pNode != nullptr) {
+        pNode->onApartmentTimer(uintTimerId);
+        return;
+    }
+    bool heartbeat = false;
+    bool counterLeft = false;
+    std::string remoteUrl;
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_HeartbeatMutex);
+        auto it = m_HeartbeatTimerInfoMap.find(uintTimerId);
+        if (it != m_HeartbeatTimerInfoMap.end()) {
+            heartbeat = true;
+            counterLeft = it->second.m_uintAliveCounter != 0;
+            remoteUrl = it->second.m_strRemoteApartmentUrl;
+        }
+    }
+    if (heartbeat && counterLeft) {
+        heartbeatWithApartment(remoteUrl.c_str(), uintTimerId);
+        // Looked up again: the watch may have been stopped meanwhile.
+        TAutoMutex<OS::TBaseMutex> lock(&m_HeartbeatMutex);
+        auto it = m_HeartbeatTimerInfoMap.find(uintTimerId);
+        if (it != m_HeartbeatTimerInfoMap.end() && it->second.m_uintAliveCounter != 0)
+            --it->second.m_uintAliveCounter;
+    } else {
+        CReference<IApartmentCallback> cb = apartmentCallback();
+        if (!cb.nil()) {
+            if (heartbeat)
+                cb->onApartmentOffline(remoteUrl.c_str());
+            else
+                cb->onTimer(uintTimerId);
+        }
+    }
+    CApartmentTimerManager* manager = CApartmentTimerManager::getUniqueApartmentTimerManager();
+    if (manager == nullptr || !manager->generateNextTimer(uintTimerId)) killTimer(nullptr, uintTimerId);
+}
+
+bool CApartment::heartbeatWithApartment(const char* strRemoteApartmentUrl,
+                                        unsigned int uintTimerId) {
+    CReference<IApartmentSink> link;
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+        auto it = m_NonRtCommunicationSinkMap.find(strRemoteApartmentUrl != nullptr
+                                                       ? strRemoteApartmentUrl
+                                                       : "");
+        if (it != m_NonRtCommunicationSinkMap.end()) link = it->second;
+    }
+    if (link.nil()) return false;
+    std::string localUrl;
+    CApartmentSinkHelper::getLocalApartmentUrl(link, localUrl);
+    return sendPayload(link, APARTMENT_ALIVE_FRAME,
+                       CApartmentFrameCodec::buildAlivePayload(localUrl, uintTimerId));
+}
+
+void CApartment::onAliveFrameArrived(IApartmentFrame* pFrame) {
+    APARTMENT_ALIVE_PAYLOAD alive;
+    if (!CApartmentFrameCodec::parseAlivePayload(pFrame->getFrameBuffer(), pFrame->getFrameSize(),
+                                                 alive))
+        return;
+    CReference<IApartmentSink> link;
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+        auto it = m_NonRtCommunicationSinkMap.find(alive.m_strSenderApartmentUrl);
+        if (it != m_NonRtCommunicationSinkMap.end()) link = it->second;
+    }
+    // Echo the payload unchanged.
+    if (!link.nil())
+        link->sendFrame(APARTMENT_ALIVE_ACK_FRAME, pFrame->getFrameBuffer(), pFrame->getFrameSize());
+}
+
+void CApartment::onAliveAckFrameArrived(IApartmentFrame* pFrame) {
+    APARTMENT_ALIVE_PAYLOAD alive;
+    if (!CApartmentFrameCodec::parseAlivePayload(pFrame->getFrameBuffer(), pFrame->getFrameSize(),
+                                                 alive))
+        return;
+    TAutoMutex<OS::TBaseMutex> lock(&m_HeartbeatMutex);
+    auto it = m_HeartbeatTimerInfoMap.find(alive.m_uintTimerId);
+    if (it != m_HeartbeatTimerInfoMap.end())
+        it->second.m_uintAliveCounter = it->second.m_uintMaxCounter;
+}

@@ -1,0 +1,254 @@
+// CApartment: the transport-independent part of an apartment.
+//
+// An apartment owns a message queue, named nodes, timers and links to other
+// apartments. It is single-threaded from the host's point of view: every
+// event (a connection added or closed, a frame, a timer) becomes a message
+// in m_ApartmentMsgQueue, and the host pumps that queue on a thread of its
+// choosing with getMessage/dispatchMessage; handlers and host callbacks run
+// there. The exceptions: raw frames on real-time links reach the callback on
+// the real-time communication thread, and a raw frame written to the
+// apartment's own URL reaches it on the writer's thread.
+//
+// Threads of an apartment: the listen thread (when it listens) and two
+// communication threads, real-time and non-real-time, each a 100 ms polling
+// loop started on first use and stopped by destroyApartment.
+//
+// Lock order: m_NodeManageMutex and m_ConnectionManageMutex are never held
+// together; sinks are released only after m_ConnectionManageMutex is
+// dropped and nothing is sent under it. m_HeartbeatMutex is never held
+// with m_ConnectionManageMutex. The queues' mutexes are leaves. No lock of
+// the apartment is held while a host callback runs, except
+// m_NodeManageMutex (recursive) while nodes hear an offline notice.
+//
+// A subclass supplies the transport: createSink, the URL/address
+// conversions and waitFrameOnSinks.
+#ifndef APARTMENT_APARTMENT_H
+#define APARTMENT_APARTMENT_H
+
+#include <atomic>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "GroundKit/Base/Stub.h"
+#include "GroundKit/OS/OS_Condition.h"
+#include "GroundKit/OS/OS_Mutex.h"
+#include "GroundKit/Reference/Reference.h"
+#include "IApartment.h"
+#include "IApartmentEx.h"
+#include "IApartmentFrame.h"
+#include "IApartmentSink.h"
+#include "MessageQueue.h"
+
+class IApartmentStub : public TRootStub<IApartment> {};
+class IApartmentExStub : public TExtensionStub<IApartmentStub, IApartmentEx> {
+public:
+    using TExtensionStub::TExtensionStub;
+};
+
+class CApartment : public IApartmentExStub {
+public:
+    // The length of a pass of the listen and communication threads, in ms:
+    // it bounds how long stopping a thread takes.
+    static const DWORD THREAD_PASS_MS = 100;
+    // The most URL characters an apartment accepts.
+    static const size_t MAX_APARTMENT_URL_LENGTH = 128;
+
+    CApartment();
+    virtual ~CApartment();
+
+    // Lifecycle and identity.
+    bool initApartment(const char* strApartmentUrl, bool bListen) override;
+    void destroyApartment() override;
+    bool getApartmentUrl(char* strApartmentUrl, DWORD& dwLen) const override;
+
+    // Nodes.
+    bool createApartmentNode(const char* strNodeUrl) override;
+    IApartmentNode* findApartmentNode(const char* strNodeUrl) override;
+    bool destroyApartmentNode(const char* strNodeUrl) override;
+    bool setCallback(IApartmentCallback* pCallback) override;
+
+    // Connections. connectApartment runs on the caller's thread; it opens
+    // the link and sends the connection frame without waiting for the peer.
+    bool connectApartment(const char* strRemoteApartmentUrl, bool bRtConnection) override;
+    bool hasConnection(const char* strRemoteApartmentUrl, bool bRtConnection) override;
+    bool disconnectApartment(const char* strRemoteApartmentUrl, bool bRtConnection) override;
+    bool localApartmentUrl(const char* strRemoteApartmentUrl, bool bRtConnection,
+                           char* strLocalApartmentUrl, DWORD& dwLen) override;
+
+    // Message loop. getMessage blocks until the deadline ({-1,-1}: no
+    // limit); both it and dispatchMessage refuse callers once dispatch is
+    // stopped, and any thread but the locked one while dispatch is locked.
+    bool getMessage(APARTMENT_TMSG& msg, timespec deadline) override;
+    // 1 handled or deferred, 0 for APARTMENT_QUIT, -1 refused or unknown.
+    int dispatchMessage(const APARTMENT_TMSG& msg) override;
+    bool stopDispatchMessage() override;
+    bool lockedDispatchThreadId(unsigned long& ulThreadId) override;
+    bool lockDispatchThread() override;
+    bool unlockDispatchThread() override;
+    bool allowReentry(bool bAllowReentry) override;
+
+    // Frames, written on the caller's thread. True when the frame was handed
+    // to the link whole. The request and response writers throw the stream's
+    // CAbstractStream::CStreamException* for a node name or destination URL
+    // that is not pure ASCII.
+    bool writeRequestFrame(const char* strApartmentNodeUrl, const char* strRemoteApartmentUrl,
+                           const char* strRemoteApartmentNodeUrl, void* pRequestBuffer,
+                           unsigned int uintBufLen, bool bRtConnection,
+                           unsigned int& uintRequestId, bool bRequireResponse) override;
+    bool writeResponseFrame(const char* strApartmentNodeUrl, const char* strRemoteApartmentUrl,
+                            const char* strRemoteApartmentNodeUrl, unsigned int uintRequestId,
+                            int intResponseCode, void* pResponseBuffer, unsigned int uintBufLen,
+                            bool bRtConnection) override;
+    bool writeRawFrame(const char* strRemoteApartmentUrl, unsigned int uintFrameType,
+                       const void* pRawBuffer, unsigned int uintBufLen,
+                       bool bRtConnection) override;
+
+    // Timers and heartbeat.
+    unsigned int setTimer(const char* strNodeUrl, unsigned int uintLagTime,
+                          unsigned int uintInterval) override;
+    unsigned int setSingleTimer(const char* strNodeUrl, unsigned int uintLagTime) override;
+    bool killTimer(const char* strNodeUrl, unsigned int uintTimerId) override;
+    bool keepAliveWith(const char* strRemoteApartmentUrl, unsigned int uintAliveCounter,
+                       unsigned int uintAliveInterval) override;
+
+    // Runs destroyApartment before the memory goes.
+    void onFinalRelease() override;
+    // Queues a message, into the cache queue while re-entry is refused and
+    // the message is a request or a connection-closed notice. Any thread.
+    void postMessage(const APARTMENT_TMSG& msg) override;
+
+protected:
+    // The transport. createSink returns an uninitialised sink with one
+    // reference for the caller, or null for an unknown type.
+    virtual IApartmentSink* createSink(APARTMENT_SINK_TYPE type) = 0;
+    virtual bool getPortAddressFromApartmentUrl(const char* strApartmentUrl,
+                                                std::string& strAddress) = 0;
+    virtual bool getApartmentUrlFromPortAddress(const char* strAddress,
+                                                std::string& strApartmentUrl) = 0;
+    // Waits up to dwTimeout ms for frames on at most 64 sinks and turns what
+    // arrived into messages (or, on real-time links, callbacks). Called by
+    // one communication thread with its own snapshot.
+    virtual void waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintCount,
+                                  DWORD dwTimeout) = 0;
+
+    // The host's callback as a counted reference, or empty. Any thread.
+    CReference<IApartmentCallback> apartmentCallback();
+
+    // One pass of a communication thread (real-time or not).
+    void receiveFrame(DWORD dwTimeout, bool bRtConnection);
+
+    // Frame handlers, run by dispatch on the dispatching thread.
+    void onLoopbackFrameArrived(IApartmentFrame* pFrame);
+    void onRequestFrameArrived(IApartmentFrame* pFrame);
+    void onResponseFrameArrived(IApartmentFrame* pFrame);
+    void onNormalFrameArrived(IApartmentFrame* pFrame);
+    void onAliveFrameArrived(IApartmentFrame* pFrame);
+    void onAliveAckFrameArrived(IApartmentFrame* pFrame);
+    void onApartmentTimer(IApartmentNode* pNode, unsigned int uintTimerId);
+    bool heartbeatWithApartment(const char* strRemoteApartmentUrl, unsigned int uintTimerId);
+    void killAllTimer();
+
+    // Connection handling on the dispatching thread.
+    void addApartmentSink(IApartmentSink* pSink);
+    void removeApartmentSink(IApartmentSink* pSink);
+    void onConnectionClosed(IApartmentSink* pSink);
+    void onAddConnection(IApartmentServerSink* pServerSink);
+
+private:
+    struct _HEARTBEAT_INFO {
+        std::string m_strRemoteApartmentUrl;
+        unsigned int m_uintAliveCounter;
+        unsigned int m_uintMaxCounter;
+    };
+
+    bool allowMessage(const APARTMENT_TMSG& msg) const;
+    bool dispatchGatePasses() const;
+    // Caller holds m_ConnectionManageMutex.
+    bool loopbackApartment(const char* strRemoteApartmentUrl) const;
+    // The link used to reach a remote apartment (the loopback client for
+    // this apartment's own URL), as a counted reference, or empty.
+    CReference<IApartmentSink> findLink(const char* strRemoteApartmentUrl, bool bRtConnection,
+                                        bool* pbLoopback = nullptr);
+    std::map<std::string, CReference<IApartmentSink>>& sinkMap(bool bRtConnection);
+    // Sends a built payload on a link; frees nothing of the caller's.
+    static bool sendPayload(IApartmentSink* pSink, unsigned int uintFrameType,
+                            const std::vector<char>& payload);
+    // Releases what a message's wParam carries, for messages that will never
+    // be dispatched.
+    static void releaseMessagePayload(const APARTMENT_TMSG& msg);
+
+    void listenConnection(DWORD dwTimeout);
+    void createListenThread();
+    void destroyListenThread();
+    void createNonRtCommunicationThread();
+    void destroyNonRtCommunicationThread();
+    void createRtCommunicationThread();
+    void destroyRtCommunicationThread();
+    static void* apartmentListenThreadFunc(void* pParam);
+    static void* apartmentNonRtCommunicationThreadFunc(void* pParam);
+    static void* apartmentRtCommunicationThreadFunc(void* pParam);
+
+    std::string m_strApartmentUrl;
+    CReference<IApartmentListenSink> m_ListenSink;
+
+    // Guards the two sink maps, the loopback URL and both loopback slots.
+    // m_ConnectionNotEmptyCondition wakes an idle communication thread when
+    // a sink becomes available.
+    OS::TBaseMutex m_ConnectionManageMutex;
+    OS::TCondition m_ConnectionNotEmptyCondition;
+    std::map<std::string, CReference<IApartmentSink>> m_NonRtCommunicationSinkMap;
+    std::map<std::string, CReference<IApartmentSink>> m_RtCommunicationSinkMap;
+    std::string m_strLoopbackApartmentUrl;
+    CReference<IApartmentSink> m_LoopbackClientSink;
+    CReference<IApartmentSink> m_LoopbackServerSink;
+
+    // Guards m_ApartmentNodeMap; recursive because node callbacks run under
+    // it and may come back to the apartment.
+    OS::TRecursiveMutex m_NodeManageMutex;
+    std::map<std::string, CReference<IApartmentNode>> m_ApartmentNodeMap;
+
+    // Guards m_apartmentCallback, which the real-time thread reads while a
+    // host thread may replace it. Never held during a callback.
+    OS::TBaseMutex m_CallbackMutex;
+    CReference<IApartmentCallback> m_apartmentCallback;
+
+    // Guards m_timerIdSet: host threads set and kill apartment timers while
+    // the dispatching thread forgets finished ones.
+    OS::TBaseMutex m_TimerIdMutex;
+    std::set<unsigned int> m_timerIdSet;
+
+    // Written by the owner, read by the threads between passes.
+    std::atomic<bool> m_bKeepListen;
+    pthread_t m_hListenThread;
+    std::atomic<bool> m_bKeepNonRtCommunication;
+    pthread_t m_hNonRtCommunicationThread;
+    std::atomic<bool> m_bKeepRtCommunication;
+    pthread_t m_hRtCommunicationThread;
+    // Starting a communication thread may race between the dispatching
+    // thread (addApartmentSink) and a connecting host thread: this guards
+    // the thread handles.
+    OS::TBaseMutex m_ThreadControlMutex;
+
+    CMessageQueue m_ApartmentMsgQueue;
+    std::atomic<bool> m_bAllowReentry;
+    CMessageQueue m_ApartmentCacheMsgQueue;
+    std::atomic<bool> m_bLockDispatch;
+    std::atomic<bool> m_bKeepDispatch;
+    std::atomic<unsigned long> m_ulLockedDispatchThreadId;
+
+    volatile unsigned long m_ulNextRequestId;
+
+    // Guards the two heartbeat maps.
+    OS::TBaseMutex m_HeartbeatMutex;
+    std::map<std::string, unsigned int> m_HeartbeatTimerIdMap;
+    std::map<unsigned int, _HEARTBEAT_INFO> m_HeartbeatTimerInfoMap;
+
+    // Sink snapshots of the two communication threads, kept across passes
+    // so that no list is allocated per pass; each used by its thread alone.
+    std::vector<IApartmentSink*> m_RtReceiveSinks;
+    std::vector<IApartmentSink*> m_NonRtReceiveSinks;
+};
+
+#endif

@@ -1,0 +1,162 @@
+// The Apartment library's C interface.
+//
+// A process initialises one apartment, named "tcp://<IPv4>:<port>", creates
+// named nodes in it and exchanges requests, responses, notifications and raw
+// frames with the nodes of other processes' apartments. Every function but
+// the four lifecycle ones takes the apartment's URL first; null means the
+// apartment that apartment_initialize made.
+//
+// Results: bool functions return false when the library is not initialised,
+// the apartment is unknown or the operation failed. Status functions return
+// 0 or an APARTMENT_ERROR. Timer functions return the timer id, or
+// 4294967295. No function throws.
+//
+// Threads: call apartment_initialize and apartment_uninitialize from one
+// thread while no other call runs. Between them any thread may call any
+// function. One thread pumps the apartment with apartment_dispatch_message;
+// node and apartment callbacks run on that thread, except
+// onRawFrameReceived, which runs on the library's real-time thread (or on
+// the writer's thread for a raw frame written to the apartment's own URL).
+//
+// Inside a callback on the pumping thread a host may call every function
+// except apartment_initialize and apartment_uninitialize: answering a
+// request from inside onRequestReceived, writing requests, reading a
+// response (which pumps further messages while it waits), setting and
+// killing timers. Inside onRawFrameReceived a host may write and set
+// timers, but must not read responses or pump.
+//
+// Out-arguments declared as references to constants (uintRequestId,
+// intResponseCode, uintBufLen, dwLen) are written all the same; the
+// declarations are kept for compatibility with existing hosts.
+#ifndef APARTMENT_APARTMENTAPI_H
+#define APARTMENT_APARTMENTAPI_H
+
+#include <time.h>
+
+#include "ApartmentErrorDef.h"
+#include "FieldKit/ModuleDef/IModuleVersion.h"
+#include "GroundKit/Base/BaseType.h"
+#include "IApartmentCallback.h"
+#include "IApartmentNodeCallback.h"
+
+#define APARTMENT_API extern "C" __attribute__((visibility("default")))
+
+// The code a responder passes with its answer, carried to the requester.
+enum APARTMENT_RESPONSE_CODE {
+    REQUEST_OK = 0,
+    REQUEST_METHOD_NOT_FOUND = -1,
+    REQUEST_PARAMETER_ERROR = -2,
+    REQUEST_OPERATE_FAILED = -3
+};
+
+// ---- Lifecycle
+// Creates this process's apartment. "tcp://" alone picks every interface
+// and a free port; supportPassiveConnection makes it accept links. False
+// when already initialised (the running apartment is untouched), for a
+// scheme other than "tcp://", a URL over 128 characters or a port in use.
+APARTMENT_API bool apartment_initialize(const char* strApartmentUrl, bool supportPassiveConnection);
+// Stops timers, threads and links and releases everything.
+APARTMENT_API void apartment_uninitialize();
+// A new version object (count 1), owned by the caller: releaseRef it.
+APARTMENT_API IModuleVersion* apartment_get_module_version();
+// Installs (null: removes) the apartment callback; the library keeps its own
+// reference.
+APARTMENT_API bool apartment_set_callback(const char* strApartmentUrl,
+                                          IApartmentCallback* pCallback);
+
+// ---- Dispatch
+// true binds dispatching to the calling thread; false releases the binding.
+APARTMENT_API bool apartment_set_dispatch_enabled(const char* strApartmentUrl, bool bEnable);
+// Waits until the absolute monotonic deadline (both fields -1: no limit)
+// for one message and dispatches it. The dispatch result (1 handled, 0 a
+// quit message), or -1 when nothing came or the library is not initialised.
+APARTMENT_API int apartment_dispatch_message(const char* strApartmentUrl, timespec timeout);
+// Stops dispatching for good and wakes a blocked apartment_dispatch_message.
+APARTMENT_API bool apartment_stop_dispatch_message(const char* strApartmentUrl);
+// false defers incoming requests and connection-closed notices until re-entry
+// is allowed again (for a host that pumps from inside a handler).
+APARTMENT_API bool apartment_allow_reentry(const char* strApartmentUrl, bool bAllow);
+
+// ---- Connections (bRtConnection: the real-time link, else the other)
+// The URL this apartment has on its link to the remote (size protocol).
+APARTMENT_API bool apartment_local_url(const char* strApartmentUrl,
+                                       const char* strRemoteApartmentUrl,
+                                       const bool bRtConnection, char* strLocalApartmentUrl,
+                                       const DWORD& dwLen);
+APARTMENT_API bool apartment_connect_remote(const char* strApartmentUrl,
+                                            const char* strRemoteApartmentUrl,
+                                            const bool bRtConnection);
+APARTMENT_API bool apartment_has_connect_remote(const char* strApartmentUrl,
+                                                const char* strRemoteApartmentUrl,
+                                                const bool bRtConnection);
+APARTMENT_API bool apartment_disconnect_remote(const char* strApartmentUrl,
+                                               const char* strRemoteApartmentUrl,
+                                               const bool bRtConnection);
+
+// ---- Nodes and messaging
+// True whenever the apartment exists, also for a name already taken.
+APARTMENT_API bool apartment_node_create(const char* strApartmentUrl, const char* strNodeUrl);
+// True whenever the apartment exists, also for an unknown name.
+APARTMENT_API bool apartment_node_destroy(const char* strApartmentUrl, const char* strNodeUrl);
+APARTMENT_API bool apartment_node_set_callback(const char* strApartmentUrl,
+                                               const char* strNodeUrl,
+                                               IApartmentNodeCallback* pCallback);
+// Sends a raw frame with the caller's type number over the real-time link,
+// which must already be connected. A frame to the apartment's own URL
+// reaches its callback at once, on this thread.
+APARTMENT_API int apartment_raw_write(const char* strApartmentUrl,
+                                      const char* strRemoteApartmentUrl,
+                                      const unsigned int uintFrameType, void* pRawBuffer,
+                                      const unsigned int& uintBufLen);
+// The node messaging functions reach the initialised apartment for a null
+// URL or any URL containing "tcp://"; any other URL gives -2. Node names
+// and remote URLs must be pure ASCII (else -4). A request opens the link on
+// first use; the new request id is written to uintRequestId.
+APARTMENT_API int apartment_node_write_request(const char* strApartmentUrl,
+                                               const char* strNodeUrl,
+                                               const char* strRemoteApartmentUrl,
+                                               const char* strRemoteNodeUrl,
+                                               void* pRequestBuffer, unsigned int uintBufLen,
+                                               const unsigned int& uintRequestId);
+// As a request, but no response is expected.
+APARTMENT_API int apartment_node_write_notify(const char* strApartmentUrl,
+                                              const char* strNodeUrl,
+                                              const char* strRemoteApartmentUrl,
+                                              const char* strRemoteNodeUrl,
+                                              void* pRequestBuffer, unsigned int uintBufLen,
+                                              const unsigned int& uintRequestId);
+APARTMENT_API int apartment_node_write_response(const char* strApartmentUrl,
+                                                const char* strNodeUrl,
+                                                const char* strRemoteApartmentUrl,
+                                                const char* strRemoteNodeUrl,
+                                                unsigned int uintRequestId, int intResponseCode,
+                                                void* pRequestBuffer, unsigned int uintBufLen);
+// Waits up to intTimeout ms (negative: no limit) for the response to a
+// request. A null buffer reads the code and length and keeps the response;
+// a buffer of at least that length receives it and the response is removed.
+// -3 for an unknown node, -4 on time-out or a buffer that is too small.
+APARTMENT_API int apartment_node_read_response(const char* strApartmentUrl,
+                                               const char* strNodeUrl,
+                                               unsigned int uintRequestId,
+                                               const int& intResponseCode, void* pResponseBuffer,
+                                               const unsigned int& uintBufLen, int intTimeout);
+
+// ---- Timers (milliseconds; a null node sets an apartment-level timer)
+APARTMENT_API unsigned int apartment_set_timer(const char* strApartmentUrl,
+                                               const char* strNodeUrl, unsigned int uintLagTime,
+                                               unsigned int uintInterval);
+APARTMENT_API unsigned int apartment_set_single_timer(const char* strApartmentUrl,
+                                                      const char* strNodeUrl,
+                                                      unsigned int uintLagTime);
+APARTMENT_API bool apartment_kill_timer(const char* strApartmentUrl, const char* strNodeUrl,
+                                        unsigned int uintTimerId);
+// Sends an alive frame every uintAliveInterval ms over the (already
+// connected) non-real-time link; after uintAliveCounter unanswered periods
+// onApartmentOffline is called on every period until the remote answers.
+// A counter of 0 stops watching.
+APARTMENT_API bool apartment_keepalive_with(const char* strApartmentUrl,
+                                            const char* strRemoteApartmentUrl,
+                                            unsigned int uintAliveCounter,
+                                            unsigned int uintAliveInterval);
+
+#endif

@@ -1,0 +1,29 @@
+// CApartmentFrame: a received frame's type and payload. The receiver creates
+// it with one reference, fills the buffer and posts it; the message carries
+// that reference to the dispatcher, whose release destroys the frame.
+#ifndef APARTMENT_APARTMENTFRAME_H
+#define APARTMENT_APARTMENTFRAME_H
+
+#include "GroundKit/Base/Stub.h"
+#include "IApartmentFrame.h"
+
+class IApartmentFrameStub : public TRootStub<IApartmentFrame> {};
+
+class CApartmentFrame : public IApartmentFrameStub {
+public:
+    // Allocates exactly uintFrameSize bytes (none for 0) for the receiver to
+    // fill.
+    CApartmentFrame(unsigned int uintFrameType, unsigned int uintFrameSize);
+    virtual ~CApartmentFrame();
+
+    unsigned int getFrameType() override { return m_uintFrameType; }
+    unsigned int getFrameSize() override { return m_uintFrameSize; }
+    char* getFrameBuffer() override { return m_pFrameBuffer; }
+
+private:
+    unsigned int m_uintFrameType;
+    unsigned int m_uintFrameSize;
+    char* m_pFrameBuffer;
+};
+
+#endif

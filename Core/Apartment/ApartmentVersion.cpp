@@ -1,0 +1,5 @@
+#include "ApartmentVersion.h"
+
+unsigned int CApartmentVersion::getMajorVersionNum() { return 1; }
+unsigned int CApartmentVersion::getMinorVersionNum() { return 0; }
+unsigned int CApartmentVersion::getRevisionNum() { return 0; }

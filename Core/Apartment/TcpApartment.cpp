@@ -1,0 +1,145 @@
+#include "TcpApartment.h"
+
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "ApartmentFrame.h"
+#include "GroundKit/OS/Socket/OS_Socket.h"
+#include "TcpApartmentSink.h"
+
+namespace {
+const char TCP_SCHEME[] = "tcp://";
+const size_t TCP_SCHEME_LENGTH = sizeof(TCP_SCHEME) - 1;
+const unsigned int MAX_SINKS_PER_WAIT = 64;
+const int EINTR_CODE = 4;
+}  // namespace
+
+CTcpApartment::CTcpApartment()
+    : m_pRtRawBuffer(new (std::nothrow) char[RT_RAW_BUFFER_SIZE]()),
+      m_uintRtRawBufferSize(m_pRtRawBuffer != nullptr ? RT_RAW_BUFFER_SIZE : 0) {}
+
+CTcpApartment::~CTcpApartment() {
+    delete[] m_pRtRawBuffer;
+    m_pRtRawBuffer = nullptr;
+}
+
+IApartmentSink* CTcpApartment::createSink(APARTMENT_SINK_TYPE type) {
+    switch (type) {
+        case LISTEN_SINK:
+            return static_cast<IApartmentSink*>(new CTcpListenSink());
+        case CLIENT_SINK:
+            return static_cast<IApartmentSink*>(new CTcpClientSink());
+        case SERVER_SINK:
+            return static_cast<IApartmentSink*>(new CTcpServerSink());
+        default:
+            return nullptr;
+    }
+}
+
+bool CTcpApartment::getPortAddressFromApartmentUrl(const char* strApartmentUrl,
+                                                   std::string& strAddress) {
+    if (strApartmentUrl == nullptr || *strApartmentUrl == '\0')
+        strAddress = "0.0.0.0:0";
+    else if (std::strncmp(strApartmentUrl, TCP_SCHEME, TCP_SCHEME_LENGTH) == 0)
+        strAddress = strApartmentUrl + TCP_SCHEME_LENGTH;
+    else
+        strAddress = strApartmentUrl;
+    return true;
+}
+
+bool CTcpApartment::getApartmentUrlFromPortAddress(const char* strAddress,
+                                                   std::string& strApartmentUrl) {
+    if (strAddress == nullptr || *strAddress == '\0')
+        strApartmentUrl = "tcp://0.0.0.0:0";
+    else
+        strApartmentUrl = std::string(TCP_SCHEME) + strAddress;
+    return true;
+}
+
+void CTcpApartment::waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintCount,
+                                     DWORD dwTimeout) {
+    if (uintCount > MAX_SINKS_PER_WAIT) {
+        puts("Fatal Error: too many sink receive data at same time, only 64 are working.");
+        uintCount = MAX_SINKS_PER_WAIT;
+    }
+    timeval timeout;
+    timeout.tv_sec = static_cast<time_t>(dwTimeout / 1000);
+    timeout.tv_usec = static_cast<suseconds_t>((dwTimeout % 1000) * 1000);
+
+    int fds[MAX_SINKS_PER_WAIT];
+    fd_set readSet;
+    FD_ZERO(&readSet);
+    int maxFd = -1;
+    for (unsigned int i = 0; i < uintCount; ++i) {
+        fds[i] = -1;
+        CReference<ITcpApartmentSink> tcp(asITcpApartmentSink(pSinks[i]));
+        if (tcp.nil()) continue;
+        const int fd = tcp->getSocketFd();
+        // select cannot watch descriptors past FD_SETSIZE; such a sink is
+        // not served rather than corrupting the stack.
+        if (fd < 0 || fd >= FD_SETSIZE) continue;
+        fds[i] = fd;
+        FD_SET(fd, &readSet);
+        if (fd > maxFd) maxFd = fd;
+    }
+
+    int ready;
+    do {
+        ready = OS::Socket::select(maxFd + 1, &readSet, nullptr, nullptr, &timeout, USE_DEFAULT);
+    } while (ready < 0 && OS::Socket::getErrnoCode() == EINTR_CODE);
+    if (ready < 1) return;
+
+    for (unsigned int i = 0; i < uintCount; ++i) {
+        if (fds[i] < 0 || !FD_ISSET(fds[i], &readSet)) continue;
+        char peek[4];
+        if (OS::Socket::recv(fds[i], peek, sizeof peek, MSG_PEEK, USE_DEFAULT) == 0) {
+            // The peer closed its side: the message carries a reference.
+            pSinks[i]->addRef();
+            pSinks[i]->closeSink();
+            APARTMENT_TMSG msg;
+            msg.m_intMsg = APARTMENT_CONNECTION_CLOSED;
+            msg.wParam = reinterpret_cast<WPARAM>(pSinks[i]);
+            msg.lParam = 0;
+            postMessage(msg);
+            continue;
+        }
+        receiveOneFrame(pSinks[i]);
+    }
+}
+
+void CTcpApartment::receiveOneFrame(IApartmentSink* pSink) {
+    if (pSink->getRTConnection()) {
+        unsigned int type = 0;
+        unsigned int size = m_uintRtRawBufferSize;
+        if (!pSink->receiveFrame(type, m_pRtRawBuffer, size)) return;
+        CReference<IApartmentCallback> cb = apartmentCallback();
+        if (!cb.nil()) cb->onRawFrameReceived(type, m_pRtRawBuffer, size);
+        return;
+    }
+
+    unsigned int type = 0;
+    unsigned int size = 0;
+    if (!pSink->receiveFrame(type, nullptr, size)) return;
+    CApartmentFrame* frame = new CApartmentFrame(type, size);
+    // An empty payload has no buffer, and a null buffer only asks for the
+    // size: the frame would stay held and be posted again on every pass.
+    // Any non-null buffer of capacity 0 takes it.
+    char empty = 0;
+    pSink->receiveFrame(type, size != 0 ? frame->getFrameBuffer() : &empty, size);
+
+    APARTMENT_MSG_CODE code;
+    if (pSink->getLoopbackType() == SERVER_LOOPBACK_TYPE)
+        code = LOOPDATA_FRAME_ARRIVED;
+    else if (type == APARTMENT_REQUEST_FRAME)
+        code = REQUEST_FRAME_ARRIVED;
+    else if (type == APARTMENT_RESPONSE_FRAME)
+        code = RESPONSE_FRAME_ARRIVED;
+    else
+        code = NORMAL_FRAME_ARRIVED;
+    APARTMENT_TMSG msg;
+    msg.m_intMsg = code;
+    msg.wParam = reinterpret_cast<WPARAM>(static_cast<IApartmentFrame*>(frame));
+    msg.lParam = 0;
+    postMessage(msg);
+}
