@@ -1,5 +1,4 @@
-// IApartmentNode: a named endpoint inside an apartment, and
-// IApartmentNodeCallback, what the host implements to serve a node.
+// IApartmentNode: a named endpoint inside an apartment.
 //
 // A node forwards requests, timer expiries and offline notices to its
 // callback, stores the responses to the requests it sent and lets a caller
@@ -9,27 +8,7 @@
 #define APARTMENT_IAPARTMENTNODE_H
 
 #include "GroundKit/Base/IBase.h"
-
-// Implemented by the host. Called on the thread that dispatches the
-// apartment's messages, with no library lock held.
-class IApartmentNodeCallback : public IBase {
-public:
-    // A timer of this node fired.
-    virtual void onTimer(unsigned int uintTimerId) = 0;
-    // The link to the named remote apartment closed.
-    virtual void onApartmentOffline(const char* strApartmentUrl) = 0;
-    // A request (bRequireResponse true: answer with the same id) or a
-    // notification for this node. The buffer is valid only during the call.
-    virtual void onRequestReceived(const char* strSourceApartmentUrl, const char* strSourceNodeUrl,
-                                   const char* strTargetApartmentUrl, const char* strTargetNodeUrl,
-                                   unsigned int uintRequestId, const void* pRequestBuffer,
-                                   unsigned int uintBufLen, bool bRequireResponse) = 0;
-
-    static const char* interfaceName() { return "IApartmentNodeCallback"; }
-
-protected:
-    ~IApartmentNodeCallback() = default;
-};
+#include "IApartmentNodeCallback.h"
 
 class IApartmentNode : public IBase {
 public:
