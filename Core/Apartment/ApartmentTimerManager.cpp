@@ -97,10 +97,7 @@ unsigned int CApartmentTimerManager::setTimer(APARTMENT_TIMER_INFO& info) {
         m_uintNextTimerId = uintTimerId + 1;
     }
 
-    APARTMENT_RUNTIME_TIMER runtimeTimer{uintTimerId, info.m_tvNextTriggerTime};
-    TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
-    m_RuntimeTimerQueue.push(runtimeTimer);
-    m_QueueActiveCondition.notifyAll();
+    scheduleFiring(APARTMENT_RUNTIME_TIMER{uintTimerId, info.m_tvNextTriggerTime});
     return uintTimerId;
 }
 
@@ -132,10 +129,21 @@ bool CApartmentTimerManager::generateNextTimer(unsigned int uintTimerId) {
         runtimeTimer.m_tvNextTriggerTime = info.m_tvNextTriggerTime;
     }
 
-    TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
-    m_RuntimeTimerQueue.push(runtimeTimer);
-    m_QueueActiveCondition.notifyAll();
+    scheduleFiring(runtimeTimer);
     return true;
+}
+
+void CApartmentTimerManager::scheduleFiring(const APARTMENT_RUNTIME_TIMER& runtimeTimer) {
+    TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
+    // The timer thread sleeps until the earliest firing it saw (or without
+    // limit on an empty heap), so only a firing that becomes the new top can
+    // need it sooner. Waking it for every re-arm would cost a futex wake and
+    // a context switch per firing for nothing: with thousands of periodic
+    // timers that is most of the thread's work.
+    const bool bNewTop = m_RuntimeTimerQueue.empty() ||
+                         _early_timer()(m_RuntimeTimerQueue.top(), runtimeTimer);
+    m_RuntimeTimerQueue.push(runtimeTimer);
+    if (bNewTop) m_QueueActiveCondition.notifyAll();
 }
 
 bool CApartmentTimerManager::expiredTimer(const APARTMENT_RUNTIME_TIMER& runtimeTimer) {

@@ -101,6 +101,13 @@ protected:
     // Only the singleton operations (and tests) make managers.
     CApartmentTimerManager();
 
+private:
+    // Pushes a firing onto the heap under m_QueueMutex and wakes the timer
+    // thread when the firing is due before everything it was waiting for.
+    void scheduleFiring(const APARTMENT_RUNTIME_TIMER& runtimeTimer);
+
+protected:
+
     // Guards m_ApartmentTimerInfoMap, m_uintNextTimerId and m_hTimerThread.
     OS::TBaseMutex m_TimerMapMutex;
     // Guards m_RuntimeTimerQueue; m_QueueActiveCondition is bound to it.
