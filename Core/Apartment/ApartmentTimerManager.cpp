@@ -177,22 +177,33 @@ bool CApartmentTimerManager::processTimer(APARTMENT_RUNTIME_TIMER& runtimeTimer)
 }
 
 void CApartmentTimerManager::processNextTimer() {
-    APARTMENT_RUNTIME_TIMER top;
+    std::vector<APARTMENT_RUNTIME_TIMER> due;
     {
         TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
+        // Tested under the queue mutex right before waiting: see the
+        // destructor.
         if (m_bRequestTerminate) return;
         if (m_RuntimeTimerQueue.empty()) {
             m_QueueActiveCondition.wait();
             return;
         }
-        top = m_RuntimeTimerQueue.top();
-        if (!expiredTimer(top)) {
-            m_QueueActiveCondition.wait(top.m_tvNextTriggerTime);
+        if (!expiredTimer(m_RuntimeTimerQueue.top())) {
+            m_QueueActiveCondition.wait(m_RuntimeTimerQueue.top().m_tvNextTriggerTime);
             return;
         }
-        m_RuntimeTimerQueue.pop();
+        // Everything due is taken in one go: timers that share a period come
+        // due together, and taking the queue mutex once per firing (against
+        // the dispatchers re-arming) made a burst of thousands fall behind.
+        // They are still posted in due order, each with processTimer.
+        // One reading of the clock serves the whole batch.
+        const timespec now = monotonicNow();
+        do {
+            due.push_back(m_RuntimeTimerQueue.top());
+            m_RuntimeTimerQueue.pop();
+        } while (!m_RuntimeTimerQueue.empty() &&
+                 !OS::Clock::isEarlier(now, m_RuntimeTimerQueue.top().m_tvNextTriggerTime));
     }
-    processTimer(top);
+    for (APARTMENT_RUNTIME_TIMER& runtimeTimer : due) processTimer(runtimeTimer);
 }
 
 void* CApartmentTimerManager::apartmentTimerThreadFunc(void* pParam) {

@@ -88,8 +88,9 @@ public:
     // Posts the firing to its apartment. False when the timer is no longer
     // registered (the firing is dropped).
     bool processTimer(APARTMENT_RUNTIME_TIMER& runtimeTimer);
-    // One step of the timer thread: fires the top of the heap if it is due,
-    // otherwise waits until it is or until something changes. Blocks.
+    // One step of the timer thread: fires every firing that is due, in due
+    // order, or else waits until the earliest is due, an earlier one is
+    // scheduled or termination is requested. Blocks; timer thread only.
     void processNextTimer();
 
     static void* apartmentTimerThreadFunc(void* pParam);
