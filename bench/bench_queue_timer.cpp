@@ -55,7 +55,9 @@ BENCHMARK(BM_QueuePushPopTwoThreads)->Arg(100000)->UseRealTime()->Unit(benchmark
 
 class BenchTimerManager : public CApartmentTimerManager {};
 
-// N periodic timers of P ms. The benchmark thread plays the dispatcher: it
+// N periodic timers of P ms, all registered at once (so due together) or,
+// with the third argument 1, with their first firings spread over one
+// period in 1 ms steps. The benchmark thread plays the dispatcher: it
 // pops each firing, records how late it arrived against its due time, and
 // re-arms the timer with generateNextTimer, which schedules the next firing
 // one period after the last due time (or now, when that is already past).
@@ -64,6 +66,7 @@ class BenchTimerManager : public CApartmentTimerManager {};
 void BM_TimerLatenessPeriodic(benchmark::State& state) {
     const unsigned int kTimers = static_cast<unsigned int>(state.range(0));
     const unsigned int kInterval = static_cast<unsigned int>(state.range(1));
+    const bool bSpread = state.range(2) != 0;
     const long kRunMs = 3000;
     std::vector<double> lateness;
     for (auto _ : state) {
@@ -76,7 +79,7 @@ void BM_TimerLatenessPeriodic(benchmark::State& state) {
             APARTMENT_TIMER_INFO info{};
             apartment->addRef();
             info.m_Apartment = static_cast<IApartment*>(apartment);
-            info.m_uintLagTime = kInterval;
+            info.m_uintLagTime = kInterval + (bSpread ? i % kInterval : 0);
             info.m_uintInterval = kInterval;
             const unsigned int id = manager->setTimer(info);
             if (id >= due.size()) {
@@ -115,12 +118,14 @@ void BM_TimerLatenessPeriodic(benchmark::State& state) {
     state.counters["median_late_us"] = median;
     state.counters["p99_late_us"] = p99;
     state.counters["max_late_us"] = lateness.back();
-    std::printf("timers=%u interval=%ums firings=%zu median_late=%.1fus p99_late=%.1fus max_late=%.1fus\n",
-                kTimers, kInterval, lateness.size(), median, p99, lateness.back());
+    std::printf("timers=%u interval=%ums %s firings=%zu median_late=%.1fus p99_late=%.1fus max_late=%.1fus\n",
+                kTimers, kInterval, bSpread ? "spread" : "together", lateness.size(), median, p99, lateness.back());
 }
 BENCHMARK(BM_TimerLatenessPeriodic)
-    ->Args({10000, 10})
-    ->Args({1000, 10})
+    ->Args({10000, 10, 0})
+    ->Args({10000, 10, 1})
+    ->Args({1000, 10, 0})
+    ->Args({1000, 10, 1})
     ->Iterations(1)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);

@@ -97,10 +97,7 @@ unsigned int CApartmentTimerManager::setTimer(APARTMENT_TIMER_INFO& info) {
         m_uintNextTimerId = uintTimerId + 1;
     }
 
-    APARTMENT_RUNTIME_TIMER runtimeTimer{uintTimerId, info.m_tvNextTriggerTime};
-    TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
-    m_RuntimeTimerQueue.push(runtimeTimer);
-    m_QueueActiveCondition.notifyAll();
+    scheduleFiring(APARTMENT_RUNTIME_TIMER{uintTimerId, info.m_tvNextTriggerTime});
     return uintTimerId;
 }
 
@@ -132,10 +129,21 @@ bool CApartmentTimerManager::generateNextTimer(unsigned int uintTimerId) {
         runtimeTimer.m_tvNextTriggerTime = info.m_tvNextTriggerTime;
     }
 
-    TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
-    m_RuntimeTimerQueue.push(runtimeTimer);
-    m_QueueActiveCondition.notifyAll();
+    scheduleFiring(runtimeTimer);
     return true;
+}
+
+void CApartmentTimerManager::scheduleFiring(const APARTMENT_RUNTIME_TIMER& runtimeTimer) {
+    TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
+    // The timer thread sleeps until the earliest firing it saw (or without
+    // limit on an empty heap), so only a firing that becomes the new top can
+    // need it sooner. Waking it for every re-arm would cost a futex wake and
+    // a context switch per firing for nothing: with thousands of periodic
+    // timers that is most of the thread's work.
+    const bool bNewTop = m_RuntimeTimerQueue.empty() ||
+                         _early_timer()(m_RuntimeTimerQueue.top(), runtimeTimer);
+    m_RuntimeTimerQueue.push(runtimeTimer);
+    if (bNewTop) m_QueueActiveCondition.notifyAll();
 }
 
 bool CApartmentTimerManager::expiredTimer(const APARTMENT_RUNTIME_TIMER& runtimeTimer) {
@@ -169,22 +177,33 @@ bool CApartmentTimerManager::processTimer(APARTMENT_RUNTIME_TIMER& runtimeTimer)
 }
 
 void CApartmentTimerManager::processNextTimer() {
-    APARTMENT_RUNTIME_TIMER top;
+    std::vector<APARTMENT_RUNTIME_TIMER> due;
     {
         TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
+        // Tested under the queue mutex right before waiting: see the
+        // destructor.
         if (m_bRequestTerminate) return;
         if (m_RuntimeTimerQueue.empty()) {
             m_QueueActiveCondition.wait();
             return;
         }
-        top = m_RuntimeTimerQueue.top();
-        if (!expiredTimer(top)) {
-            m_QueueActiveCondition.wait(top.m_tvNextTriggerTime);
+        if (!expiredTimer(m_RuntimeTimerQueue.top())) {
+            m_QueueActiveCondition.wait(m_RuntimeTimerQueue.top().m_tvNextTriggerTime);
             return;
         }
-        m_RuntimeTimerQueue.pop();
+        // Everything due is taken in one go: timers that share a period come
+        // due together, and taking the queue mutex once per firing (against
+        // the dispatchers re-arming) made a burst of thousands fall behind.
+        // They are still posted in due order, each with processTimer.
+        // One reading of the clock serves the whole batch.
+        const timespec now = monotonicNow();
+        do {
+            due.push_back(m_RuntimeTimerQueue.top());
+            m_RuntimeTimerQueue.pop();
+        } while (!m_RuntimeTimerQueue.empty() &&
+                 !OS::Clock::isEarlier(now, m_RuntimeTimerQueue.top().m_tvNextTriggerTime));
     }
-    processTimer(top);
+    for (APARTMENT_RUNTIME_TIMER& runtimeTimer : due) processTimer(runtimeTimer);
 }
 
 void* CApartmentTimerManager::apartmentTimerThreadFunc(void* pParam) {

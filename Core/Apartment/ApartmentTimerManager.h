@@ -88,8 +88,9 @@ public:
     // Posts the firing to its apartment. False when the timer is no longer
     // registered (the firing is dropped).
     bool processTimer(APARTMENT_RUNTIME_TIMER& runtimeTimer);
-    // One step of the timer thread: fires the top of the heap if it is due,
-    // otherwise waits until it is or until something changes. Blocks.
+    // One step of the timer thread: fires every firing that is due, in due
+    // order, or else waits until the earliest is due, an earlier one is
+    // scheduled or termination is requested. Blocks; timer thread only.
     void processNextTimer();
 
     static void* apartmentTimerThreadFunc(void* pParam);
@@ -100,6 +101,13 @@ public:
 protected:
     // Only the singleton operations (and tests) make managers.
     CApartmentTimerManager();
+
+private:
+    // Pushes a firing onto the heap under m_QueueMutex and wakes the timer
+    // thread when the firing is due before everything it was waiting for.
+    void scheduleFiring(const APARTMENT_RUNTIME_TIMER& runtimeTimer);
+
+protected:
 
     // Guards m_ApartmentTimerInfoMap, m_uintNextTimerId and m_hTimerThread.
     OS::TBaseMutex m_TimerMapMutex;
