@@ -603,7 +603,7 @@ TEST_F(TcpSinkTest, ClosingASinkReleasesABlockedSender) {
     });
     std::atomic<bool> result{true};
     std::thread sender([&] {
-        const Bytes payload(64u << 20, 1);
+        const Bytes payload(32u << 20, 1);
         testing::internal::CaptureStdout();
         result = client->sendFrame(1, payload.data(), static_cast<unsigned int>(payload.size()));
         testing::internal::GetCapturedStdout();
