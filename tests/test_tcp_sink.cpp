@@ -619,3 +619,25 @@ TEST_F(TcpSinkTest, ClosingASinkReleasesABlockedSender) {
     EXPECT_TRUE(client->isSinkClosed());
     EXPECT_EQ(client->getSocketFd(), -1);
 }
+
+TEST(TcpServerSink, AnswersEveryInterfaceOnOneCount) {
+    CTcpServerSink* sink = new CTcpServerSink;
+    IApartmentSink* primary = sink;
+    void* asBase = nullptr;
+    ASSERT_TRUE(sink->queryInterface("IBase", &asBase));
+    EXPECT_EQ(asBase, static_cast<void*>(primary));
+    void* asServer = nullptr;
+    ASSERT_TRUE(sink->queryInterface("IApartmentServerSink", &asServer));
+    EXPECT_EQ(asServer, static_cast<void*>(static_cast<IApartmentServerSink*>(sink)));
+    ITcpApartmentSink* tcp = asITcpApartmentSink(static_cast<IApartmentServerSink*>(asServer));
+    ASSERT_NE(tcp, nullptr);
+    EXPECT_EQ(tcp->getSocketFd(), -1);
+    void* unknown = &asBase;
+    EXPECT_FALSE(sink->queryInterface("IApartmentListenSink", &unknown));
+    EXPECT_EQ(unknown, static_cast<void*>(&asBase));
+    // Four references now, released through three different interfaces.
+    EXPECT_EQ(tcp->releaseRef(), 3UL);
+    EXPECT_EQ(static_cast<IApartmentServerSink*>(asServer)->releaseRef(), 2UL);
+    EXPECT_EQ(static_cast<IApartmentSink*>(asBase)->releaseRef(), 1UL);
+    EXPECT_EQ(primary->releaseRef(), 0UL);
+}
