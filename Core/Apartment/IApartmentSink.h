@@ -78,6 +78,9 @@ public:
     // buffer, its type and size are reported and it stays held; with a
     // buffer of at least `uintSize` bytes it is delivered. False when no
     // whole frame is there yet, or the buffer is too small (frame kept).
+    // An empty frame is taken only with a non-null buffer (any address, size
+    // 0 will do): a null buffer always means "report", so a caller that
+    // passes null for an empty frame would be told about it for ever.
     virtual bool receiveFrame(unsigned int& uintFrameType, void* pBuffer,
                               unsigned int& uintSize) = 0;
 };

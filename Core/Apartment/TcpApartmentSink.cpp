@@ -313,7 +313,8 @@ bool CTcpListenSink::onSinkInited(const char* localAddress, const char* remoteAd
 IApartmentServerSink* CTcpListenSink::processConnectRequest(DWORD dwTimeoutMs) {
     if (!m_Socket.readyToRead(dwTimeoutMs, nullptr)) return nullptr;
 
-    CTcpServerSink* pServer = new CTcpServerSink;
+    CTcpServerSink* pServer = new (std::nothrow) CTcpServerSink;
+    if (pServer == nullptr) return nullptr;
     ISocket* pTarget = &pServer->innerSocket();
     std::string peerIp;
     USHORT peerPort = 0;

@@ -93,8 +93,8 @@ protected:
     // Guards the staging buffer and keeps each frame's bytes contiguous on
     // the wire; closing the socket takes it too, so that no sender writes to
     // a descriptor that is being closed (or already reused). Recursive, so a
-    // nested send from the same thread cannot deadlock. Taken inside no
-    // other lock of the sink.
+    // nested send from the same thread cannot deadlock. Nothing else is
+    // locked while it is held.
     OS::TRecursiveMutex m_SendMutex;
     char* m_pSendBuffer;
     unsigned int m_uintSendBufferSize;
