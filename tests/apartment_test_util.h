@@ -26,6 +26,7 @@
 #include "IApartmentEx.h"
 #include "IApartmentNode.h"
 #include "IApartmentNodeCallback.h"
+#include "IApartmentSink.h"
 
 namespace aptest {
 
