@@ -1,0 +1,214 @@
+// Connections between two apartments of this process, and to itself: the
+// two link classes, the loopback pair, a peer that goes away, many links at
+// once, and stopping an apartment in the middle of it all.
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+
+#include "TcpApartmentSink.h"
+#include "apartment_test_util.h"
+
+using namespace aptest;
+
+namespace {
+
+size_t countCode(const std::vector<int>& codes, int code) {
+    size_t n = 0;
+    for (int c : codes) n += c == code ? 1 : 0;
+    return n;
+}
+
+class Connection : public testing::Test {
+protected:
+    void SetUp() override {
+        a = createListening();
+        b = createListening();
+        ASSERT_FALSE(a.nil());
+        ASSERT_FALSE(b.nil());
+        urlA = urlOf(a);
+        urlB = urlOf(b);
+    }
+    // B dispatches until it has A's link in the given class.
+    bool bSeesA(bool bRt, std::vector<int>* pCodes = nullptr) {
+        return pumpUntil(b, [&] { return b->hasConnection(urlA.c_str(), bRt); }, 3000, pCodes);
+    }
+
+    Registry registry;
+    CReference<IApartment> a, b;
+    std::string urlA, urlB;
+};
+
+TEST_F(Connection, EachClassIsItsOwnLink) {
+    EXPECT_TRUE(a->connectApartment(urlB.c_str(), false));
+    EXPECT_FALSE(a->hasConnection(urlB.c_str(), true));
+    EXPECT_TRUE(a->connectApartment(urlB.c_str(), true));
+    EXPECT_TRUE(a->hasConnection(urlB.c_str(), false));
+    EXPECT_TRUE(a->hasConnection(urlB.c_str(), true));
+
+    std::vector<int> codes;
+    EXPECT_TRUE(bSeesA(false, &codes));
+    EXPECT_TRUE(bSeesA(true, &codes));
+    EXPECT_EQ(countCode(codes, ADD_APARTMENT_CONNECTION), 2u);
+
+    std::string local;
+    EXPECT_TRUE(CApartmentHelper::localApartmentUrl(a, urlB.c_str(), true, local));
+    EXPECT_EQ(local, urlA);
+    EXPECT_TRUE(a->disconnectApartment(urlB.c_str(), true));
+    EXPECT_FALSE(a->disconnectApartment(urlB.c_str(), true));
+    EXPECT_TRUE(a->hasConnection(urlB.c_str(), false));  // the other link stays
+}
+
+TEST_F(Connection, ConnectingTwiceSendsOneConnectionFrame) {
+    EXPECT_TRUE(a->connectApartment(urlB.c_str(), false));
+    EXPECT_TRUE(a->connectApartment(urlB.c_str(), false));
+    std::vector<int> codes;
+    EXPECT_TRUE(bSeesA(false, &codes));
+    for (int c : pumpFor(b, 300)) codes.push_back(c);
+    EXPECT_EQ(countCode(codes, ADD_APARTMENT_CONNECTION), 1u);
+}
+
+TEST_F(Connection, OnlyTheConnectedClassHasALocalUrl) {
+    EXPECT_TRUE(a->connectApartment(urlB.c_str(), true));
+    DWORD len = 0;
+    EXPECT_FALSE(a->localApartmentUrl(urlB.c_str(), false, nullptr, len));
+    EXPECT_TRUE(a->localApartmentUrl(urlB.c_str(), true, nullptr, len));
+    EXPECT_EQ(len, urlA.size() + 1);
+    EXPECT_FALSE(a->localApartmentUrl("tcp://127.0.0.1:1", true, nullptr, len));
+    EXPECT_FALSE(a->connectApartment(nullptr, true));
+}
+
+TEST_F(Connection, LinkToItselfIsTheLoopbackPair) {
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(a->connectApartment(urlA.c_str(), false));
+    std::vector<int> codes;
+    pumpUntil(a, [&] { return countCode(codes, ADD_APARTMENT_CONNECTION) == 1; }, 3000, &codes);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("Detected client loopback interface changed(" + urlA + "---->" + urlA +
+                       ").\n"),
+              std::string::npos)
+        << out;
+    EXPECT_NE(out.find("Detected server loopback interface changed(" + urlA + "---->" + urlA +
+                       ").\n"),
+              std::string::npos)
+        << out;
+    EXPECT_TRUE(a->hasConnection(urlA.c_str(), false));
+    EXPECT_TRUE(a->hasConnection(urlA.c_str(), true));
+    std::string local;
+    EXPECT_TRUE(CApartmentHelper::localApartmentUrl(a, urlA.c_str(), true, local));
+    EXPECT_EQ(local, urlA);
+
+    EXPECT_TRUE(a->disconnectApartment(urlA.c_str(), true));
+    EXPECT_FALSE(a->hasConnection(urlA.c_str(), false));
+    EXPECT_FALSE(a->disconnectApartment(urlA.c_str(), false));
+}
+
+TEST_F(Connection, ApartmentLinkedOnlyToItselfReadsItsLoopback) {
+    CReference<RecordingNodeCallback> recorder = addRecordingNode(a, "node");
+    ASSERT_TRUE(a->connectApartment(urlA.c_str(), false));
+    std::vector<int> codes;
+    ASSERT_TRUE(pumpUntil(
+        a, [&] { return countCode(codes, ADD_APARTMENT_CONNECTION) == 1; }, 3000, &codes));
+
+    char data[] = "hello";
+    unsigned int id = 0;
+    ASSERT_TRUE(a->writeRequestFrame("src", urlA.c_str(), "node", data, 5, false, id, true));
+    EXPECT_TRUE(pumpUntil(a, [&] { return !recorder->requests().empty(); }, 3000, &codes));
+    EXPECT_EQ(countCode(codes, LOOPDATA_FRAME_ARRIVED), 1u);
+    ASSERT_EQ(recorder->requests().size(), 1u);
+    EXPECT_EQ(recorder->requests()[0].m_uintRequestId, id);
+    EXPECT_EQ(recorder->requests()[0].m_strData, "hello");
+    EXPECT_EQ(recorder->requests()[0].m_strSourceApartmentUrl, urlA);
+}
+
+TEST_F(Connection, PeerThatDisconnectsIsReportedToEveryNode) {
+    CReference<RecordingNodeCallback> first = addRecordingNode(a, "first");
+    CReference<RecordingNodeCallback> second = addRecordingNode(a, "second");
+    ASSERT_TRUE(a->connectApartment(urlB.c_str(), false));
+    ASSERT_TRUE(bSeesA(false));
+    EXPECT_TRUE(b->disconnectApartment(urlA.c_str(), false));
+
+    std::vector<int> codes;
+    EXPECT_TRUE(pumpUntil(a, [&] { return !a->hasConnection(urlB.c_str(), false); }, 3000, &codes));
+    EXPECT_EQ(countCode(codes, APARTMENT_CONNECTION_CLOSED), 1u);
+    EXPECT_EQ(first->offline(), std::vector<std::string>{urlB});
+    EXPECT_EQ(second->offline(), std::vector<std::string>{urlB});
+}
+
+TEST_F(Connection, PeerThatStopsIsReportedOnBothLinks) {
+    CReference<RecordingNodeCallback> recorder = addRecordingNode(a, "node");
+    ASSERT_TRUE(a->connectApartment(urlB.c_str(), false));
+    ASSERT_TRUE(a->connectApartment(urlB.c_str(), true));
+    ASSERT_TRUE(bSeesA(false));
+    ASSERT_TRUE(bSeesA(true));
+    EXPECT_TRUE(Registry::manager()->removeApartment(urlB.c_str()));
+    b = nullptr;  // the last reference: B stops and closes its ends
+
+    EXPECT_TRUE(pumpUntil(a, [&] {
+        return !a->hasConnection(urlB.c_str(), false) && !a->hasConnection(urlB.c_str(), true);
+    }));
+    EXPECT_EQ(recorder->offline(), (std::vector<std::string>{urlB, urlB}));
+}
+
+// 65 links of the non-real-time class: the communication thread serves
+// them in two batches, and each link's request reaches the node. The
+// clients connect one after the other: the listen backlog is 5, and a
+// connection attempt dropped on a full backlog is retried by TCP only after
+// the client's one-second connect time-out.
+TEST_F(Connection, SixtyFiveLinksAreAllServed) {
+    const unsigned int kLinks = 65;
+    CReference<RecordingNodeCallback> recorder = addRecordingNode(a, "node");
+    std::string address = urlA.substr(std::string("tcp://").size());
+    std::vector<CReference<IApartmentSink>> clients;
+    std::vector<int> codes;
+    for (unsigned int i = 0; i < kLinks; ++i) {
+        CReference<IApartmentSink> client(new CTcpClientSink());
+        ASSERT_TRUE(client->initSink(nullptr, address.c_str())) << i;
+        // Each client stands for an apartment of its own URL.
+        const std::string url = "tcp://127.0.0.1:" + std::to_string(20000 + i);
+        char block[APARTMENT_CONNECTION_BLOCK_SIZE];
+        CApartmentFrameCodec::buildConnectionBlock(false, url.c_str(), block);
+        ASSERT_TRUE(client->sendFrame(APARTMENT_CONNECTION_FRAME, block,
+                                      static_cast<unsigned int>(sizeof block)));
+        const std::vector<char> request = CApartmentFrameCodec::buildRequestPayload(
+            url, "peer", urlA.c_str(), "node", i, true, "x", 1);
+        ASSERT_TRUE(client->sendFrame(APARTMENT_REQUEST_FRAME, request.data(),
+                                      static_cast<unsigned int>(request.size())));
+        clients.push_back(client);
+        ASSERT_TRUE(pumpUntil(
+            a, [&] { return countCode(codes, ADD_APARTMENT_CONNECTION) == i + 1; }, 3000, &codes));
+    }
+    EXPECT_TRUE(pumpUntil(a, [&] { return recorder->requests().size() >= kLinks; }, 10000));
+    std::set<unsigned int> ids;
+    for (const auto& request : recorder->requests()) ids.insert(request.m_uintRequestId);
+    EXPECT_EQ(ids.size(), kLinks);
+    EXPECT_EQ(*ids.rbegin(), kLinks - 1);
+}
+
+TEST_F(Connection, StoppingWithLiveLinksIsQuickAndReleasesEverything) {
+    addRecordingNode(a, "node");
+    addRecordingNode(b, "node");
+    ASSERT_TRUE(a->connectApartment(urlB.c_str(), false));
+    ASSERT_TRUE(a->connectApartment(urlB.c_str(), true));
+    ASSERT_TRUE(a->connectApartment(urlA.c_str(), false));
+    ASSERT_TRUE(b->connectApartment(urlB.c_str(), false));
+    ASSERT_NE(a->setTimer("node", 1000, 1000), 0xFFFFFFFFu);
+    ASSERT_NE(a->setTimer(nullptr, 1000, 1000), 0xFFFFFFFFu);
+    ASSERT_TRUE(bSeesA(false));
+    ASSERT_TRUE(bSeesA(true));
+    unsigned int id = 0;
+    char data[] = "pending";
+    // Left unread in the queues and sockets.
+    EXPECT_TRUE(a->writeRequestFrame("src", urlB.c_str(), "node", data, 7, false, id, true));
+    EXPECT_TRUE(a->writeRequestFrame("src", urlA.c_str(), "node", data, 7, false, id, true));
+    pumpFor(a, 50);
+
+    const Clock::time_point start = Clock::now();
+    a = nullptr;
+    b = nullptr;
+    CApartmentTimerManager::destroyUniqueApartmentTimerManager();
+    Registry::manager()->removeAllApartments();
+    EXPECT_LT(msSince(start), 1500);
+}
+
+}  // namespace
