@@ -3,7 +3,9 @@
 // once, and stopping an apartment in the middle of it all.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <set>
+#include <thread>
 #include <string>
 
 #include "TcpApartmentSink.h"
@@ -119,6 +121,66 @@ TEST_F(Connection, ApartmentLinkedOnlyToItselfReadsItsLoopback) {
     EXPECT_EQ(recorder->requests()[0].m_uintRequestId, id);
     EXPECT_EQ(recorder->requests()[0].m_strData, "hello");
     EXPECT_EQ(recorder->requests()[0].m_strSourceApartmentUrl, urlA);
+}
+
+TEST_F(Connection, SecondLinkToItselfLeavesTheFirstPairWorking) {
+    CReference<RecordingNodeCallback> recorder = addRecordingNode(a, "node");
+    ASSERT_TRUE(a->connectApartment(urlA.c_str(), false));
+    std::vector<int> codes;
+    ASSERT_TRUE(pumpUntil(
+        a, [&] { return countCode(codes, ADD_APARTMENT_CONNECTION) == 1; }, 3000, &codes));
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(a->connectApartment(urlA.c_str(), false));  // dropped at once
+    pumpUntil(a, [&] { return countCode(codes, ADD_APARTMENT_CONNECTION) == 2; }, 3000, &codes);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(countCode(codes, ADD_APARTMENT_CONNECTION), 2u);
+
+    unsigned int id = 0;
+    ASSERT_TRUE(a->writeRequestFrame("src", urlA.c_str(), "node", nullptr, 0, false, id, true));
+    EXPECT_TRUE(pumpUntil(a, [&] { return !recorder->requests().empty(); }));
+    EXPECT_TRUE(a->hasConnection(urlA.c_str(), false));
+}
+
+class RawCounter : public TRootStub<IApartmentCallback> {
+public:
+    void onTimer(unsigned int) override {}
+    void onApartmentOffline(const char*) override {}
+    void onRawFrameReceived(unsigned int uintFrameType, const void*, unsigned int) override {
+        (uintFrameType == 7 ? m_uintRaw : m_uintOther)++;
+    }
+    std::atomic<unsigned int> m_uintRaw{0};
+    std::atomic<unsigned int> m_uintOther{0};
+};
+
+// A real-time link to itself is read by the non-real-time thread: frames on
+// it must not share the real-time thread's receive buffer while that thread
+// reads a real-time link of another apartment.
+TEST_F(Connection, RealTimeLoopbackAndRealTimePeerAtOnce) {
+    CReference<RawCounter> counter(new RawCounter());
+    a->setCallback(counter);
+    ASSERT_TRUE(a->connectApartment(urlA.c_str(), true));
+    ASSERT_TRUE(b->connectApartment(urlA.c_str(), true));
+    std::vector<int> codes;
+    ASSERT_TRUE(pumpUntil(
+        a, [&] { return countCode(codes, ADD_APARTMENT_CONNECTION) == 2; }, 3000, &codes));
+    ASSERT_TRUE(a->hasConnection(urlB.c_str(), true));
+
+    const unsigned int kFrames = 40;
+    std::thread peer([&] {
+        std::vector<char> raw(2000, 'r');
+        for (unsigned int i = 0; i < kFrames; ++i)
+            b->writeRawFrame(urlA.c_str(), 7, raw.data(), static_cast<unsigned int>(raw.size()), true);
+    });
+    std::vector<char> data(2000, 'l');
+    for (unsigned int i = 0; i < kFrames; ++i) {
+        unsigned int id = 0;
+        a->writeRequestFrame("src", urlA.c_str(), "node", data.data(),
+                             static_cast<unsigned int>(data.size()), true, id, false);
+    }
+    peer.join();
+    EXPECT_TRUE(pumpUntil(a, [&] {
+        return counter->m_uintRaw == kFrames && counter->m_uintOther == kFrames;
+    }));
 }
 
 TEST_F(Connection, PeerThatDisconnectsIsReportedToEveryNode) {
