@@ -145,11 +145,22 @@ class RawCounter : public TRootStub<IApartmentCallback> {
 public:
     void onTimer(unsigned int) override {}
     void onApartmentOffline(const char*) override {}
-    void onRawFrameReceived(unsigned int uintFrameType, const void*, unsigned int) override {
+    // Real-time frames of type 7 are all 'r'; the others end in 2000 'l'.
+    void onRawFrameReceived(unsigned int uintFrameType, const void* pBuffer,
+                            unsigned int uintBufLen) override {
+        // Linger, so that the two communication threads overlap.
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        const char* bytes = static_cast<const char*>(pBuffer);
+        const char fill = uintFrameType == 7 ? 'r' : 'l';
+        bool intact = uintBufLen >= 2000;
+        for (unsigned int i = uintBufLen - 2000; intact && i < uintBufLen; ++i)
+            intact = bytes[i] == fill;
+        if (!intact) ++m_uintCorrupt;
         (uintFrameType == 7 ? m_uintRaw : m_uintOther)++;
     }
     std::atomic<unsigned int> m_uintRaw{0};
     std::atomic<unsigned int> m_uintOther{0};
+    std::atomic<unsigned int> m_uintCorrupt{0};
 };
 
 // A real-time link to itself is read by the non-real-time thread: frames on
@@ -164,6 +175,8 @@ TEST_F(Connection, RealTimeLoopbackAndRealTimePeerAtOnce) {
     ASSERT_TRUE(pumpUntil(
         a, [&] { return countCode(codes, ADD_APARTMENT_CONNECTION) == 2; }, 3000, &codes));
     ASSERT_TRUE(a->hasConnection(urlB.c_str(), true));
+    // The non-real-time thread picks the new server end up on its next pass.
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
 
     const unsigned int kFrames = 40;
     std::thread peer([&] {
@@ -181,6 +194,7 @@ TEST_F(Connection, RealTimeLoopbackAndRealTimePeerAtOnce) {
     EXPECT_TRUE(pumpUntil(a, [&] {
         return counter->m_uintRaw == kFrames && counter->m_uintOther == kFrames;
     }));
+    EXPECT_EQ(counter->m_uintCorrupt, 0u);
 }
 
 TEST_F(Connection, PeerThatDisconnectsIsReportedToEveryNode) {
