@@ -8,6 +8,7 @@
 #include <thread>
 #include <string>
 
+#include "ApartmentSink.h"
 #include "TcpApartmentSink.h"
 #include "apartment_test_util.h"
 
@@ -78,6 +79,25 @@ TEST_F(Connection, OnlyTheConnectedClassHasALocalUrl) {
     EXPECT_EQ(len, urlA.size() + 1);
     EXPECT_FALSE(a->localApartmentUrl("tcp://127.0.0.1:1", true, nullptr, len));
     EXPECT_FALSE(a->connectApartment(nullptr, true));
+}
+
+TEST_F(Connection, UnreachablePeerIsNoConnection) {
+    // A port that nobody listens on: learn a free one, then let it go.
+    CReference<IApartmentSink> probe(new CTcpListenSink());
+    ASSERT_TRUE(probe->initSink("127.0.0.1:0", nullptr));
+    std::string address;
+    CApartmentSinkHelper::getLocalAddress(probe, address);
+    probe = nullptr;
+    const std::string url = "tcp://" + address;
+
+    testing::internal::CaptureStdout();
+    const Clock::time_point start = Clock::now();
+    EXPECT_FALSE(a->connectApartment(url.c_str(), false));
+    EXPECT_LT(msSince(start), 1500);
+    testing::internal::GetCapturedStdout();
+    EXPECT_FALSE(a->hasConnection(url.c_str(), false));
+    EXPECT_FALSE(a->connectApartment("tcp://not-an-address", false));
+    EXPECT_FALSE(a->disconnectApartment(url.c_str(), false));
 }
 
 TEST_F(Connection, LinkToItselfIsTheLoopbackPair) {

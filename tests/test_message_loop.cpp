@@ -140,6 +140,33 @@ TEST_F(MessageLoop, RequestDispatchedWhileReentryIsOffRunsLater) {
     EXPECT_EQ(recorder->requests()[0].m_strData, "abc");
 }
 
+// A handler that waits for a response pumps the queue itself; with re-entry
+// off, a second request waits until the handler has returned.
+TEST_F(MessageLoop, HandlerWaitingForAResponseIsNotReentered) {
+    std::vector<unsigned int> seenInside;
+    bool answered = false;
+    recorder->onRequest([&](const RecordingNodeCallback::Request& request) {
+        if (request.m_uintRequestId != 1) return;
+        apartment->allowReentry(false);
+        CReference<IApartmentNode> node(apartment->findApartmentNode("node"));
+        int code = -1;
+        unsigned int size = 0;
+        answered = node->getResponse(100, code, nullptr, size, 2000);
+        for (const auto& r : recorder->requests()) seenInside.push_back(r.m_uintRequestId);
+        apartment->allowReentry(true);
+    });
+    post(apartment, requestMessage("node", 1));
+    post(apartment, requestMessage("node", 2));
+    post(apartment, responseMessage("node", 100, 0));
+    int code = 0;
+    ASSERT_TRUE(dispatchNext(code));
+    EXPECT_TRUE(answered);
+    EXPECT_EQ(seenInside, std::vector<unsigned int>{1});  // request 2 was held back
+    ASSERT_TRUE(dispatchNext(code));
+    EXPECT_EQ(code, REQUEST_FRAME_ARRIVED);
+    EXPECT_EQ(requestIds(), (std::vector<unsigned int>{1, 2}));
+}
+
 TEST_F(MessageLoop, DispatchResultsByCode) {
     EXPECT_EQ(apartment->dispatchMessage(plainMessage(APARTMENT_QUIT)), 0);
     EXPECT_EQ(apartment->dispatchMessage(plainMessage(0)), -1);
