@@ -109,8 +109,14 @@ public:
         m_Timers.push_back(uintTimerId);
     }
     void onApartmentOffline(const char* strApartmentUrl) override {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        m_Offline.push_back(strApartmentUrl != nullptr ? strApartmentUrl : "");
+        const std::string url = strApartmentUrl != nullptr ? strApartmentUrl : "";
+        std::function<void(const std::string&)> hook;
+        {
+            std::lock_guard<std::mutex> lock(m_Mutex);
+            m_Offline.push_back(url);
+            hook = m_OnOffline;
+        }
+        if (hook) hook(url);
     }
     void onRequestReceived(const char* strSourceApartmentUrl, const char* strSourceNodeUrl,
                            const char*, const char* strTargetNodeUrl, unsigned int uintRequestId,
@@ -147,12 +153,19 @@ public:
         m_OnRequest = std::move(fn);
     }
 
+    // Runs on the dispatching thread after an offline notice is recorded.
+    void onOffline(std::function<void(const std::string&)> fn) {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_OnOffline = std::move(fn);
+    }
+
 private:
     mutable std::mutex m_Mutex;
     std::vector<Request> m_Requests;
     std::vector<std::string> m_Offline;
     std::vector<unsigned int> m_Timers;
     std::function<void(const Request&)> m_OnRequest;
+    std::function<void(const std::string&)> m_OnOffline;
 };
 
 // Creates node `name` in the apartment and attaches a new recorder to it.

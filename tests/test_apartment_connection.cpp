@@ -231,6 +231,29 @@ TEST_F(Connection, PeerThatDisconnectsIsReportedToEveryNode) {
     EXPECT_EQ(second->offline(), std::vector<std::string>{urlB});
 }
 
+// A node may drop itself (or another node) when it hears that a peer went
+// away: the notice round must survive the node map changing under it.
+TEST_F(Connection, NodesMayBeDestroyedFromAnOfflineNotice) {
+    CReference<RecordingNodeCallback> first = addRecordingNode(a, "first");
+    CReference<RecordingNodeCallback> second = addRecordingNode(a, "second");
+    CReference<RecordingNodeCallback> third = addRecordingNode(a, "third");
+    first->onOffline([&](const std::string&) {
+        a->destroyApartmentNode("first");
+        a->createApartmentNode("zreplacement");  // may reuse the memory just freed
+    });
+    second->onOffline([&](const std::string&) { a->destroyApartmentNode("third"); });
+    ASSERT_TRUE(a->connectApartment(urlB.c_str(), false));
+    ASSERT_TRUE(bSeesA(false));
+    EXPECT_TRUE(b->disconnectApartment(urlA.c_str(), false));
+
+    EXPECT_TRUE(pumpUntil(a, [&] { return !a->hasConnection(urlB.c_str(), false); }));
+    EXPECT_EQ(first->offline(), std::vector<std::string>{urlB});
+    EXPECT_EQ(second->offline(), std::vector<std::string>{urlB});
+    EXPECT_TRUE(CReference<IApartmentNode>(a->findApartmentNode("first")).nil());
+    EXPECT_TRUE(CReference<IApartmentNode>(a->findApartmentNode("third")).nil());
+    EXPECT_FALSE(CReference<IApartmentNode>(a->findApartmentNode("zreplacement")).nil());
+}
+
 TEST_F(Connection, PeerThatStopsIsReportedOnBothLinks) {
     CReference<RecordingNodeCallback> recorder = addRecordingNode(a, "node");
     ASSERT_TRUE(a->connectApartment(urlB.c_str(), false));
