@@ -287,6 +287,31 @@ TEST_F(Connection, DISABLED_PeerReconnectingAfterDisconnectIsServed) {
     EXPECT_TRUE(b->hasConnection(urlA.c_str(), false));
 }
 
+// An empty frame (here a second connection frame) is posted once and
+// ignored; the request behind it is handled.
+TEST_F(Connection, EmptyFrameIsPostedOnceAndTheNextFrameHandled) {
+    CReference<RecordingNodeCallback> recorder = addRecordingNode(a, "node");
+    CReference<IApartmentSink> client(new CTcpClientSink());
+    ASSERT_TRUE(client->initSink(nullptr, urlA.substr(std::string("tcp://").size()).c_str()));
+    char block[APARTMENT_CONNECTION_BLOCK_SIZE];
+    CApartmentFrameCodec::buildConnectionBlock(false, "tcp://127.0.0.1:1", block);
+    ASSERT_TRUE(client->sendFrame(APARTMENT_CONNECTION_FRAME, block,
+                                  static_cast<unsigned int>(sizeof block)));
+    ASSERT_TRUE(client->sendFrame(APARTMENT_CONNECTION_FRAME, nullptr, 0));
+    const std::vector<char> request = CApartmentFrameCodec::buildRequestPayload(
+        "tcp://127.0.0.1:1", "peer", urlA.c_str(), "node", 77, false, nullptr, 0);
+    ASSERT_TRUE(client->sendFrame(APARTMENT_REQUEST_FRAME, request.data(),
+                                  static_cast<unsigned int>(request.size())));
+
+    std::vector<int> codes;
+    EXPECT_TRUE(pumpUntil(a, [&] { return !recorder->requests().empty(); }, 3000, &codes));
+    for (int c : pumpFor(a, 250)) codes.push_back(c);
+    EXPECT_EQ(countCode(codes, NORMAL_FRAME_ARRIVED), 1u);
+    ASSERT_EQ(recorder->requests().size(), 1u);
+    EXPECT_EQ(recorder->requests()[0].m_uintRequestId, 77u);
+    EXPECT_FALSE(recorder->requests()[0].m_bRequireResponse);
+}
+
 // 65 links of the non-real-time class: the communication thread serves
 // them in two batches, and each link's request reaches the node. The
 // clients connect one after the other: the listen backlog is 5, and a
