@@ -312,6 +312,36 @@ TEST_F(Connection, EmptyFrameIsPostedOnceAndTheNextFrameHandled) {
     EXPECT_FALSE(recorder->requests()[0].m_bRequireResponse);
 }
 
+// Host threads open, use and drop links while both apartments dispatch and
+// their threads read: nothing may race or hang (run under ThreadSanitizer).
+// Delivery is not asserted: see the disabled reconnection test above.
+TEST_F(Connection, LinksChurnWhileBothSidesDispatch) {
+    addRecordingNode(b, "node");
+    std::atomic<bool> churned{false};
+    std::atomic<bool> stop{false};
+    std::thread churn([&] {
+        char data[] = "churn";
+        for (int i = 0; i < 30; ++i) {
+            unsigned int id = 0;
+            a->writeRequestFrame("src", urlB.c_str(), "node", data, 5, false, id, false);
+            a->hasConnection(urlB.c_str(), false);
+            if (i % 3 == 2) a->disconnectApartment(urlB.c_str(), false);
+        }
+        churned = true;
+    });
+    std::thread pumpA([&] {
+        while (!stop) {
+            APARTMENT_TMSG msg;
+            if (a->getMessage(msg, OS::Clock::monotonicDeadline(10))) a->dispatchMessage(msg);
+        }
+    });
+    EXPECT_TRUE(pumpUntil(b, [&] { return churned.load(); }, 5000));
+    churn.join();
+    pumpFor(b, 100);
+    stop = true;
+    pumpA.join();
+}
+
 // 65 links of the non-real-time class: the communication thread serves
 // them in two batches, and each link's request reaches the node. The
 // clients connect one after the other: the listen backlog is 5, and a
