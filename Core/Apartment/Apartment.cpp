@@ -584,8 +584,13 @@ void CApartment::onConnectionClosed(IApartmentSink* pSink) {
     CApartmentSinkHelper::getRemoteApartmentUrl(pSink, remoteUrl);
     {
         TAutoMutex<OS::TRecursiveMutex> lock(&m_NodeManageMutex);
+        // A node's callback may destroy or create nodes (the mutex is
+        // recursive): walk a counted copy, never the map itself.
+        std::vector<CReference<IApartmentNode>> nodes;
+        nodes.reserve(m_ApartmentNodeMap.size());
         for (auto& entry : m_ApartmentNodeMap)
-            if (!entry.second.nil()) entry.second->notifyApartmentOffline(remoteUrl.c_str());
+            if (!entry.second.nil()) nodes.push_back(entry.second);
+        for (auto& node : nodes) node->notifyApartmentOffline(remoteUrl.c_str());
     }
     removeApartmentSink(pSink);
 }

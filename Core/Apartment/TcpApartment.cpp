@@ -17,11 +17,14 @@ const int EINTR_CODE = 4;
 
 CTcpApartment::CTcpApartment()
     : m_pRtRawBuffer(new (std::nothrow) char[RT_RAW_BUFFER_SIZE]()),
-      m_uintRtRawBufferSize(m_pRtRawBuffer != nullptr ? RT_RAW_BUFFER_SIZE : 0) {}
+      m_uintRtRawBufferSize(m_pRtRawBuffer != nullptr ? RT_RAW_BUFFER_SIZE : 0),
+      m_pLoopbackRawBuffer(nullptr) {}
 
 CTcpApartment::~CTcpApartment() {
     delete[] m_pRtRawBuffer;
     m_pRtRawBuffer = nullptr;
+    delete[] m_pLoopbackRawBuffer;
+    m_pLoopbackRawBuffer = nullptr;
 }
 
 IApartmentSink* CTcpApartment::createSink(APARTMENT_SINK_TYPE type) {
@@ -110,11 +113,20 @@ void CTcpApartment::waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintC
 
 void CTcpApartment::receiveOneFrame(IApartmentSink* pSink) {
     if (pSink->getRTConnection()) {
-        unsigned int type = 0;
+        char* buffer = m_pRtRawBuffer;
         unsigned int size = m_uintRtRawBufferSize;
-        if (!pSink->receiveFrame(type, m_pRtRawBuffer, size)) return;
+        if (pSink->getLoopbackType() != NONE_LOOPBACK_TYPE) {
+            // Not the real-time thread: keep off its buffer.
+            if (m_pLoopbackRawBuffer == nullptr)
+                m_pLoopbackRawBuffer = new (std::nothrow) char[RT_RAW_BUFFER_SIZE]();
+            if (m_pLoopbackRawBuffer == nullptr) return;
+            buffer = m_pLoopbackRawBuffer;
+            size = RT_RAW_BUFFER_SIZE;
+        }
+        unsigned int type = 0;
+        if (!pSink->receiveFrame(type, buffer, size)) return;
         CReference<IApartmentCallback> cb = apartmentCallback();
-        if (!cb.nil()) cb->onRawFrameReceived(type, m_pRtRawBuffer, size);
+        if (!cb.nil()) cb->onRawFrameReceived(type, buffer, size);
         return;
     }
 

@@ -38,6 +38,11 @@ private:
 
     char* m_pRtRawBuffer;  // used only by the real-time communication thread
     unsigned int m_uintRtRawBufferSize;
+    // The same for a real-time link to itself: its two ends are read by the
+    // non-real-time thread, with the other loopback sinks, at the same time
+    // as the real-time thread fills m_pRtRawBuffer. Allocated on first use;
+    // used only by the non-real-time communication thread.
+    char* m_pLoopbackRawBuffer;
 };
 
 #endif
