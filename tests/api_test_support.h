@@ -108,7 +108,7 @@ public:
             if (!spawn()) return false;
             std::string line;
             if (waitFor("READY", 15000, &line)) return true;
-            stop();
+            stop(false);
         }
         return false;
     }
@@ -160,20 +160,33 @@ public:
         closeFds();
     }
 
-    void stop() {
+    // Asks the peer to quit and reaps it; a peer that does not exit cleanly
+    // in time (unless stopped with SIGSTOP, or `expectClean` is false) fails
+    // the test: a sanitizer report in the peer shows up here.
+    void stop(bool expectClean = true) {
         if (m_pid <= 0) return;
+        expectClean = expectClean && !m_stopped;
         if (m_in >= 0) {
             (void)::write(m_in, "quit\n", 5);
             ::close(m_in);
             m_in = -1;
         }
-        const auto end = Clock::now() + std::chrono::milliseconds(m_stopped ? 0 : 3000);
+        const auto end = Clock::now() + std::chrono::milliseconds(m_stopped ? 0 : 5000);
         while (Clock::now() < end) {
-            if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
+            int status = 0;
+            if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
                 m_pid = -1;
+                // A clean exit, or a sanitizer report or crash in the peer.
+                if (expectClean) {
+                    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+                        << "the peer ended with status " << status;
+                }
                 break;
             }
             readReports(10);
+        }
+        if (expectClean) {
+            EXPECT_EQ(m_pid, -1) << "the peer did not stop by itself";
         }
         if (m_pid > 0) killNow();
         closeFds();
