@@ -159,6 +159,19 @@ TEST(ApiLifecycle, ABadSchemeFailsAndARetrySucceeds) {
     apartment_uninitialize();
 }
 
+// "tcp://" alone listens on every interface and a random port; the
+// initialised apartment is known by its real URL, not by port 0.
+TEST(ApiLifecycle, TheSchemeAloneListensOnARealPort) {
+    bool initialised = false;
+    for (int attempt = 0; attempt < 5 && !initialised; ++attempt)
+        initialised = apartment_initialize("tcp://", true);
+    ASSERT_TRUE(initialised);
+    EXPECT_TRUE(apartment_node_create(nullptr, "n"));
+    EXPECT_FALSE(apartment_node_create("tcp://0.0.0.0:0", "n"));
+    EXPECT_FALSE(apartment_node_create("tcp://", "n"));
+    apartment_uninitialize();
+}
+
 TEST(ApiLifecycle, InitialiseAgainAfterUninitialising) {
     for (int cycle = 0; cycle < 3; ++cycle) {
         SCOPED_TRACE(cycle);
