@@ -1,6 +1,9 @@
 // End to end through the C interface: requests, responses, notifications
 // and raw frames between this process's apartment and a peer process, and
 // between two nodes of this apartment through its own URL.
+#include <algorithm>
+#include <atomic>
+
 #include "api_test_support.h"
 
 using namespace apitest;
@@ -43,6 +46,56 @@ TEST_F(Messaging, RequestsCarryDataOfEverySizeAndNumberFromOne) {
         EXPECT_EQ(code, REQUEST_OK);
         EXPECT_TRUE(response == request);
     }
+}
+
+// Host threads write and wait while one thread, bound to dispatching,
+// pumps: every request gets its own id and its own answer.
+TEST_F(Messaging, ThreadsRequestAtOnceWhileOneThreadDispatches) {
+    Peer peer;
+    ASSERT_TRUE(peer.start());
+    ASSERT_TRUE(apartment_set_dispatch_enabled(nullptr, true));
+    const int threads = 3, each = 20;
+    std::vector<std::vector<unsigned int>> ids(threads);
+    std::vector<int> failures(threads, 0);
+    std::vector<std::thread> workers;
+    const std::string peerUrl = peer.url();
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([t, &ids, &failures, &peerUrl] {
+            for (int i = 0; i < each; ++i) {
+                std::string text = std::to_string(t) + "/" + std::to_string(i);
+                unsigned int id = 0;
+                if (apartment_node_write_request(nullptr, "me", peerUrl.c_str(), "echo", &text[0],
+                                                 static_cast<unsigned int>(text.size()),
+                                                 id) != 0) {
+                    ++failures[t];
+                    continue;
+                }
+                ids[t].push_back(id);
+                int code = 99;
+                std::vector<char> answer;
+                if (readResponse("me", id, code, answer, 10000) != 0 || code != 0 ||
+                    std::string(answer.begin(), answer.end()) != text)
+                    ++failures[t];
+            }
+        });
+    }
+    std::atomic<int> finished{0};
+    std::thread joiner([&] {
+        for (std::thread& worker : workers) worker.join();
+        finished = 1;
+    });
+    pumpUntil([&] { return finished == 1; }, 30000);
+    joiner.join();
+    EXPECT_TRUE(apartment_set_dispatch_enabled(nullptr, false));
+
+    std::vector<unsigned int> all;
+    for (int t = 0; t < threads; ++t) {
+        EXPECT_EQ(failures[t], 0) << "thread " << t;
+        all.insert(all.end(), ids[t].begin(), ids[t].end());
+    }
+    std::sort(all.begin(), all.end());
+    ASSERT_EQ(all.size(), static_cast<size_t>(threads * each));
+    for (size_t i = 0; i < all.size(); ++i) EXPECT_EQ(all[i], i + 1);
 }
 
 TEST_F(Messaging, NullBufferReadKeepsTheResponseAndABufferReadRemovesIt) {
