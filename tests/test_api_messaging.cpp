@@ -278,21 +278,35 @@ TEST_F(Messaging, NodesOfOneApartmentTalkThroughItsOwnUrl) {
     ASSERT_TRUE(apartment_node_create(nullptr, "server"));
     ASSERT_TRUE(apartment_node_set_callback(nullptr, "server", server.get()));
 
-    for (int round = 0; round < 3; ++round) {
+    auto roundTrip = [this](unsigned int expectedId) {
         char text[] = "abc";
         unsigned int id = 0;
         ASSERT_EQ(apartment_node_write_request(nullptr, "me", m_url.c_str(), "server", text, 3, id),
                   0);
-        EXPECT_EQ(id, static_cast<unsigned int>(round + 1));
+        EXPECT_EQ(id, expectedId);
         int code = 0;
         std::vector<char> response;
         ASSERT_EQ(readResponse("me", id, code, response, 10000), 0);
         EXPECT_EQ(code, 7);
         EXPECT_EQ(std::string(response.begin(), response.end()), "cba");
-    }
+    };
+    for (unsigned int round = 1; round <= 3; ++round) roundTrip(round);
     ASSERT_EQ(server->requests().size(), 3u);
     EXPECT_EQ(server->requests()[0].sourceApartment, m_url);
     EXPECT_TRUE(apartment_has_connect_remote(nullptr, m_url.c_str(), false));
+
+    // The same with a link to another apartment beside the loopback.
+    Peer peer;
+    ASSERT_TRUE(peer.start());
+    unsigned int id = 0;
+    ASSERT_EQ(apartment_node_write_request(nullptr, "me", peer.url().c_str(), "echo", nullptr, 0,
+                                           id),
+              0);
+    int code = 0;
+    unsigned int length = 0;
+    ASSERT_EQ(apartment_node_read_response(nullptr, "me", id, code, nullptr, length, 10000), 0);
+    roundTrip(5);
+    EXPECT_EQ(server->requests().size(), 4u);
 }
 
 }  // namespace
