@@ -225,6 +225,14 @@ TEST_F(Messaging, RawFramesOverTheRealTimeLinkReachThePeerOffItsPumpingThread) {
         EXPECT_EQ(seen, "RAW " + std::to_string(type) + " 300 " +
                             std::to_string(fnv1a(frame.data(), frame.size())) + " 1");
     }
+    // The receiving apartment's real-time buffer holds 102400 bytes: a
+    // frame that fills it still arrives whole.
+    std::vector<char> large = pattern(102400);
+    length = static_cast<unsigned int>(large.size());
+    ASSERT_EQ(apartment_raw_write(nullptr, peer.url().c_str(), 2, large.data(), length), 0);
+    std::string seen;
+    ASSERT_TRUE(peer.waitFor("RAW", 10000, &seen));
+    EXPECT_EQ(seen, "RAW 2 102400 " + std::to_string(fnv1a(large.data(), large.size())) + " 1");
     // Nothing reached a node.
     EXPECT_FALSE(peer.waitFor("REQ", 200));
 }
