@@ -71,6 +71,51 @@ TEST_F(Liveness, NodeTimersReachTheNodeCallback) {
     EXPECT_TRUE(apartment->timers().empty());
 }
 
+// Calls a host may make from inside its callbacks: a periodic timer kills
+// itself, a node destroys itself while it serves a request, and the
+// apartment callback is removed from inside its own timer.
+TEST_F(Liveness, CallbacksMayKillTheirTimerDestroyTheirNodeAndRemoveThemselves) {
+    Held<NodeRecorder> ticker, server;
+    Held<ApartmentRecorder> apartment;
+    ASSERT_TRUE(apartment_node_create(nullptr, "ticker"));
+    ASSERT_TRUE(apartment_node_create(nullptr, "server"));
+    ASSERT_TRUE(apartment_node_create(nullptr, "client"));
+    ASSERT_TRUE(apartment_node_set_callback(nullptr, "ticker", ticker.get()));
+    ASSERT_TRUE(apartment_node_set_callback(nullptr, "server", server.get()));
+    bool killed = false;
+    ticker->onTimerFired = [&killed](unsigned int id) {
+        killed = apartment_kill_timer(nullptr, "ticker", id);
+    };
+    server->onRequest = [](const SeenRequest& seen) {
+        EXPECT_EQ(apartment_node_write_response(nullptr, "server", seen.sourceApartment.c_str(),
+                                                seen.sourceNode.c_str(), seen.id, 0, nullptr, 0),
+                  0);
+        EXPECT_TRUE(apartment_node_destroy(nullptr, "server"));
+    };
+    apartment->onTimerFired = [](unsigned int) {
+        EXPECT_TRUE(apartment_set_callback(nullptr, nullptr));
+    };
+    ASSERT_TRUE(apartment_set_callback(nullptr, apartment.get()));
+
+    ASSERT_NE(apartment_set_timer(nullptr, "ticker", 0, 100), NO_TIMER);
+    ASSERT_NE(apartment_set_timer(nullptr, nullptr, 0, 100), NO_TIMER);
+    unsigned int id = 0;
+    ASSERT_EQ(apartment_node_write_request(nullptr, "client", m_url.c_str(), "server", nullptr, 0,
+                                           id),
+              0);
+    int code = 0;
+    unsigned int length = 0;
+    ASSERT_EQ(apartment_node_read_response(nullptr, "client", id, code, nullptr, length, 10000),
+              0);
+    pumpFor(450);
+    EXPECT_TRUE(killed);
+    EXPECT_EQ(ticker->timers().size(), 1u);
+    EXPECT_EQ(apartment->timers().size(), 1u);  // removed itself; the timer runs on unheard
+    EXPECT_EQ(server->requests().size(), 1u);
+    EXPECT_EQ(apartment_node_read_response(nullptr, "server", 1, code, nullptr, length, 0),
+              CAN_NOT_FIND_APARTMENT_NODE);
+}
+
 // A timer callback reads a response (the read pumps further messages) with
 // re-entry refused: a request arriving meanwhile waits until re-entry is
 // allowed again, after the handler is done.
