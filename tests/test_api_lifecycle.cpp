@@ -77,9 +77,10 @@ TEST_F(ApiInitialised, AnUnknownApartmentUrlFailsEveryCall) {
 TEST_F(ApiInitialised, NodeMessagingReachesThisApartmentForAnyUrlWithTheScheme) {
     Held<NodeRecorder> server;
     server->onRequest = [](const SeenRequest& seen) {
-        // Odd apartment URL, still this apartment.
+        // Odd apartment URL, still this apartment. A null buffer sends no
+        // data, whatever length comes with it.
         apartment_node_write_response("any tcp:// text", "server", seen.sourceApartment.c_str(),
-                                      seen.sourceNode.c_str(), seen.id, 0, nullptr, 0);
+                                      seen.sourceNode.c_str(), seen.id, 0, nullptr, 10);
     };
     ASSERT_TRUE(apartment_node_create(m_url.c_str(), "server"));
     ASSERT_TRUE(apartment_node_create(nullptr, "client"));
