@@ -225,6 +225,12 @@ TEST_F(Messaging, RawFramesOverTheRealTimeLinkReachThePeerOffItsPumpingThread) {
         EXPECT_EQ(seen, "RAW " + std::to_string(type) + " 300 " +
                             std::to_string(fnv1a(frame.data(), frame.size())) + " 1");
     }
+    // An empty frame is a frame too.
+    unsigned int none = 0;
+    ASSERT_EQ(apartment_raw_write(nullptr, peer.url().c_str(), 3, nullptr, none), 0);
+    std::string empty;
+    ASSERT_TRUE(peer.waitFor("RAW", 10000, &empty));
+    EXPECT_EQ(empty, "RAW 3 0 " + std::to_string(fnv1a(nullptr, 0)) + " 1");
     // The receiving apartment's real-time buffer holds 102400 bytes: a
     // frame that fills it still arrives whole.
     std::vector<char> large = pattern(102400);
