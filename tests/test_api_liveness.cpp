@@ -300,4 +300,29 @@ TEST_F(Liveness, AKilledPeerIsHeardByEveryNodeAndByTheHeartbeat) {
     EXPECT_EQ(a->offline().size(), 1u);
 }
 
+// A link lost while re-entry is refused is noticed only once it is allowed
+// again.
+TEST_F(Liveness, ALostLinkWaitsForReentryToBeAllowed) {
+    Peer peer;
+    ASSERT_TRUE(peer.start());
+    Held<NodeRecorder> node;
+    ASSERT_TRUE(apartment_node_create(nullptr, "n"));
+    ASSERT_TRUE(apartment_node_set_callback(nullptr, "n", node.get()));
+    unsigned int id = 0;
+    ASSERT_EQ(apartment_node_write_request(nullptr, "n", peer.url().c_str(), "echo", nullptr, 0, id),
+              0);
+    int code = 0;
+    unsigned int length = 0;
+    ASSERT_EQ(apartment_node_read_response(nullptr, "n", id, code, nullptr, length, 10000), 0);
+
+    ASSERT_TRUE(apartment_allow_reentry(nullptr, false));
+    peer.killNow();
+    pumpFor(500);
+    EXPECT_TRUE(node->offline().empty());
+    EXPECT_TRUE(apartment_has_connect_remote(nullptr, peer.url().c_str(), false));
+    ASSERT_TRUE(apartment_allow_reentry(nullptr, true));
+    ASSERT_TRUE(pumpUntil([&] { return !node->offline().empty(); }, 5000));
+    EXPECT_FALSE(apartment_has_connect_remote(nullptr, peer.url().c_str(), false));
+}
+
 }  // namespace
