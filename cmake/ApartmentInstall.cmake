@@ -44,6 +44,12 @@ install(FILES
   ${PROJECT_BINARY_DIR}/ApartmentConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Apartment)
 
+# The pkg-config file finds its prefix relative to where it is installed, so
+# that an installation moved elsewhere (or made with --prefix) still works.
+file(RELATIVE_PATH APARTMENT_PC_PREFIX_FROM_PCFILEDIR
+     ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" APARTMENT_PC_PREFIX_FROM_PCFILEDIR
+       "${APARTMENT_PC_PREFIX_FROM_PCFILEDIR}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/apartment.pc.in
                ${PROJECT_BINARY_DIR}/apartment.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/apartment.pc

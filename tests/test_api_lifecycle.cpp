@@ -1,0 +1,266 @@
+// The C interface's lifecycle and result mapping: what every function
+// returns before initialisation and for an unknown apartment, the URL rule
+// of the node messaging functions, initialising twice, again and after a
+// failure, the module version, and bad names.
+#include "api_test_support.h"
+
+using namespace apitest;
+
+namespace {
+
+const unsigned int NO_TIMER = 4294967295u;
+
+// Every function but the lifecycle ones, called with `url` as the
+// apartment URL, must give the failure result `status` (for the status
+// functions) and false / 4294967295 / -1 for the others. The four node
+// messaging functions get `messagingUrl`.
+void expectEveryCallFails(const char* url, const char* messagingUrl, int status) {
+    SCOPED_TRACE(url != nullptr ? url : "(null)");
+    DWORD length = 0;
+    unsigned int uintLength = 1, id = 77;
+    int code = 0;
+    char byte = 'x';
+    EXPECT_FALSE(apartment_set_callback(url, nullptr));
+    EXPECT_FALSE(apartment_set_dispatch_enabled(url, true));
+    EXPECT_FALSE(apartment_set_dispatch_enabled(url, false));
+    EXPECT_EQ(apartment_dispatch_message(url, deadlineIn(0)), -1);
+    EXPECT_FALSE(apartment_stop_dispatch_message(url));
+    EXPECT_FALSE(apartment_allow_reentry(url, true));
+    EXPECT_FALSE(apartment_local_url(url, "tcp://127.0.0.1:1", false, nullptr, length));
+    EXPECT_FALSE(apartment_connect_remote(url, "tcp://127.0.0.1:1", false));
+    EXPECT_FALSE(apartment_has_connect_remote(url, "tcp://127.0.0.1:1", false));
+    EXPECT_FALSE(apartment_disconnect_remote(url, "tcp://127.0.0.1:1", false));
+    EXPECT_FALSE(apartment_node_create(url, "n"));
+    EXPECT_FALSE(apartment_node_destroy(url, "n"));
+    EXPECT_FALSE(apartment_node_set_callback(url, "n", nullptr));
+    EXPECT_EQ(apartment_raw_write(url, "tcp://127.0.0.1:1", 5, &byte, uintLength), status);
+    EXPECT_EQ(apartment_node_write_request(messagingUrl, "n", "tcp://127.0.0.1:1", "m", &byte, 1,
+                                           id),
+              status);
+    EXPECT_EQ(apartment_node_write_notify(messagingUrl, "n", "tcp://127.0.0.1:1", "m", &byte, 1,
+                                          id),
+              status);
+    EXPECT_EQ(apartment_node_write_response(messagingUrl, "n", "tcp://127.0.0.1:1", "m", 1, 0,
+                                            &byte, 1),
+              status);
+    EXPECT_EQ(apartment_node_read_response(messagingUrl, "n", 1, code, nullptr, uintLength, 0),
+              status);
+    EXPECT_EQ(apartment_set_timer(url, nullptr, 10, 10), NO_TIMER);
+    EXPECT_EQ(apartment_set_single_timer(url, nullptr, 10), NO_TIMER);
+    EXPECT_FALSE(apartment_kill_timer(url, nullptr, 0));
+    EXPECT_FALSE(apartment_keepalive_with(url, "tcp://127.0.0.1:1", 3, 100));
+    EXPECT_EQ(id, 77u);
+}
+
+TEST(ApiLifecycle, EveryCallFailsBeforeInitialisationAndAfterUninitialisation) {
+    // Uninitialising what was never initialised is harmless.
+    apartment_uninitialize();
+    expectEveryCallFails(nullptr, nullptr, APARTMENT_NOT_INITIALIZED);
+    expectEveryCallFails("tcp://127.0.0.1:1", "tcp://127.0.0.1:1", APARTMENT_NOT_INITIALIZED);
+
+    ASSERT_FALSE(initialiseOnFreePort().empty());
+    apartment_uninitialize();
+    expectEveryCallFails(nullptr, nullptr, APARTMENT_NOT_INITIALIZED);
+}
+
+class ApiInitialised : public ApiTest {};
+
+TEST_F(ApiInitialised, AnUnknownApartmentUrlFailsEveryCall) {
+    // Another port, or the right address without the scheme for the node
+    // messaging functions, which look for "tcp://" only.
+    const std::string other = "tcp://127.0.0.1:1";
+    const std::string schemeless = m_url.substr(6);
+    expectEveryCallFails(other.c_str(), schemeless.c_str(), CAN_NOT_FIND_APARTMENT);
+    expectEveryCallFails(schemeless.c_str(), schemeless.c_str(), CAN_NOT_FIND_APARTMENT);
+}
+
+TEST_F(ApiInitialised, NodeMessagingReachesThisApartmentForAnyUrlWithTheScheme) {
+    Held<NodeRecorder> server;
+    server->onRequest = [](const SeenRequest& seen) {
+        // Odd apartment URL, still this apartment. A null buffer sends no
+        // data, whatever length comes with it.
+        apartment_node_write_response("any tcp:// text", "server", seen.sourceApartment.c_str(),
+                                      seen.sourceNode.c_str(), seen.id, 0, nullptr, 10);
+    };
+    ASSERT_TRUE(apartment_node_create(m_url.c_str(), "server"));
+    ASSERT_TRUE(apartment_node_create(nullptr, "client"));
+    ASSERT_TRUE(apartment_node_set_callback(nullptr, "server", server.get()));
+
+    unsigned int id = 0;
+    ASSERT_EQ(apartment_node_write_request("tcp://10.9.8.7:1", "client", m_url.c_str(), "server",
+                                           nullptr, 0, id),
+              0);
+    int code = 99;
+    unsigned int length = 5;
+    EXPECT_EQ(apartment_node_read_response("xtcp://", "client", id, code, nullptr, length, 10000),
+              0);
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(length, 0u);
+    EXPECT_EQ(apartment_node_read_response(m_url.substr(6).c_str(), "client", id, code, nullptr,
+                                           length, 0),
+              CAN_NOT_FIND_APARTMENT);
+    // The other functions insist on the exact URL (or null).
+    EXPECT_TRUE(apartment_node_create(m_url.c_str(), "third"));
+    EXPECT_FALSE(apartment_node_create("tcp://10.9.8.7:1", "fourth"));
+}
+
+TEST_F(ApiInitialised, NodeFunctionsReportWhatTheApartmentSays) {
+    Held<NodeRecorder> node;
+    EXPECT_TRUE(apartment_node_create(nullptr, "n"));
+    EXPECT_TRUE(apartment_node_create(nullptr, "n"));       // taken: still true
+    EXPECT_TRUE(apartment_node_destroy(nullptr, "ghost"));  // unknown: still true
+    EXPECT_FALSE(apartment_node_set_callback(nullptr, "ghost", node.get()));
+    EXPECT_TRUE(apartment_node_set_callback(nullptr, "n", node.get()));
+    int code = 0;
+    unsigned int length = 0;
+    EXPECT_EQ(apartment_node_read_response(nullptr, "ghost", 1, code, nullptr, length, 0),
+              CAN_NOT_FIND_APARTMENT_NODE);
+    EXPECT_EQ(apartment_node_read_response(nullptr, "n", 1, code, nullptr, length, 0),
+              APARTMENT_METHOD_FAILED);
+    EXPECT_TRUE(apartment_node_destroy(nullptr, "n"));
+    EXPECT_EQ(apartment_node_read_response(nullptr, "n", 1, code, nullptr, length, 0),
+              CAN_NOT_FIND_APARTMENT_NODE);
+    EXPECT_TRUE(apartment_set_callback(nullptr, nullptr));
+}
+
+// A round trip between two nodes of this apartment through its own URL.
+void expectRoundTrip(const std::string& url) {
+    Held<NodeRecorder> server;
+    server->onRequest = [](const SeenRequest& seen) {
+        apartment_node_write_response(nullptr, "rt-server", seen.sourceApartment.c_str(),
+                                      seen.sourceNode.c_str(), seen.id, 3, nullptr, 0);
+    };
+    apartment_node_create(nullptr, "rt-server");
+    apartment_node_create(nullptr, "rt-client");
+    ASSERT_TRUE(apartment_node_set_callback(nullptr, "rt-server", server.get()));
+    unsigned int id = 0;
+    ASSERT_EQ(apartment_node_write_request(nullptr, "rt-client", url.c_str(), "rt-server", nullptr,
+                                           0, id),
+              0);
+    int code = 0;
+    unsigned int length = 0;
+    ASSERT_EQ(apartment_node_read_response(nullptr, "rt-client", id, code, nullptr, length, 10000),
+              0);
+    EXPECT_EQ(code, 3);
+}
+
+TEST_F(ApiInitialised, ASecondInitialisationIsRefusedAndTheFirstKeepsWorking) {
+    EXPECT_FALSE(apartment_initialize(urlOnFreePort().c_str(), true));
+    EXPECT_FALSE(apartment_initialize(m_url.c_str(), true));
+    expectRoundTrip(m_url);
+}
+
+TEST(ApiLifecycle, ABadSchemeFailsAndARetrySucceeds) {
+    const std::string port = std::to_string(freePort());
+    EXPECT_FALSE(apartment_initialize(("udp://127.0.0.1:" + port).c_str(), true));
+    EXPECT_FALSE(apartment_node_create(nullptr, "n"));
+    const std::string url = initialiseOnFreePort();
+    ASSERT_FALSE(url.empty());
+    expectRoundTrip(url);
+    apartment_uninitialize();
+}
+
+// "tcp://" alone listens on every interface and a random port; the
+// initialised apartment is known by its real URL, not by port 0.
+TEST(ApiLifecycle, TheSchemeAloneListensOnARealPort) {
+    bool initialised = false;
+    for (int attempt = 0; attempt < 5 && !initialised; ++attempt)
+        initialised = apartment_initialize("tcp://", true);
+    ASSERT_TRUE(initialised);
+    EXPECT_TRUE(apartment_node_create(nullptr, "n"));
+    EXPECT_FALSE(apartment_node_create("tcp://0.0.0.0:0", "n"));
+    EXPECT_FALSE(apartment_node_create("tcp://", "n"));
+    apartment_uninitialize();
+}
+
+TEST(ApiLifecycle, InitialiseAgainAfterUninitialising) {
+    for (int cycle = 0; cycle < 3; ++cycle) {
+        SCOPED_TRACE(cycle);
+        const std::string url = initialiseOnFreePort();
+        ASSERT_FALSE(url.empty());
+        // Nothing of the previous cycle is left.
+        int code = 0;
+        unsigned int length = 0;
+        EXPECT_EQ(apartment_node_read_response(nullptr, "rt-client", 1, code, nullptr, length, 0),
+                  CAN_NOT_FIND_APARTMENT_NODE);
+        expectRoundTrip(url);
+        apartment_uninitialize();
+    }
+}
+
+TEST(ApiLifecycle, ModuleVersionTextsAreExact) {
+    IModuleVersion* version = apartment_get_module_version();
+    ASSERT_NE(version, nullptr);
+    unsigned long length = 0;
+    ASSERT_TRUE(version->getShortVersion(nullptr, length));
+    EXPECT_EQ(length, 6u);
+    char text[256];
+    length = 5;
+    EXPECT_FALSE(version->getShortVersion(text, length));
+    EXPECT_EQ(length, 5u);
+    length = 6;
+    ASSERT_TRUE(version->getShortVersion(text, length));
+    EXPECT_EQ(std::string(text), "1.0.0");
+
+    const std::string build = "请为模块调用UpdateBuildTime方法更新编译版本号";
+    length = sizeof(text);
+    ASSERT_TRUE(version->getBuildVersion(text, length));
+    EXPECT_EQ(std::string(text), build);
+    length = sizeof(text);
+    ASSERT_TRUE(version->getFullVersion(text, length));
+    EXPECT_EQ(std::string(text), "1.0.0  BUILDTIME : " + build);
+    EXPECT_EQ(length, std::string(text).size() + 1);
+    EXPECT_EQ(version->getMajorVersionNum(), 1u);
+    EXPECT_EQ(version->getMinorVersionNum(), 0u);
+    EXPECT_EQ(version->getRevisionNum(), 0u);
+
+    // A fresh object each call, owned by the caller.
+    IModuleVersion* another = apartment_get_module_version();
+    EXPECT_NE(another, version);
+    EXPECT_EQ(another->releaseRef(), 0u);
+    EXPECT_EQ(version->releaseRef(), 0u);
+}
+
+TEST_F(ApiInitialised, ANonAsciiNameFailsTheCallAndTheLibraryKeepsWorking) {
+    apartment_node_create(nullptr, "me");
+    unsigned int id = 55;
+    EXPECT_EQ(apartment_node_write_request(nullptr, "m\xc3\xa9", m_url.c_str(), "me", nullptr, 0,
+                                           id),
+              APARTMENT_METHOD_FAILED);
+    EXPECT_EQ(apartment_node_write_notify(nullptr, "me", m_url.c_str(), "n\xc3\xb6", nullptr, 0,
+                                          id),
+              APARTMENT_METHOD_FAILED);
+    EXPECT_EQ(apartment_node_write_response(nullptr, "\xe2\x82\xac", m_url.c_str(), "me", 1, 0,
+                                            nullptr, 0),
+              APARTMENT_METHOD_FAILED);
+    EXPECT_EQ(id, 55u);
+    expectRoundTrip(m_url);
+}
+
+TEST_F(ApiInitialised, DispatchReturnsMinusOneWhenNothingComesAndStopsForGood) {
+    const auto start = Clock::now();
+    EXPECT_EQ(apartment_dispatch_message(nullptr, deadlineIn(100)), -1);
+    EXPECT_GE(msSince(start), 80);
+    ASSERT_NE(apartment_set_single_timer(nullptr, nullptr, 0), NO_TIMER);
+    // Both fields -1: no limit.
+    EXPECT_EQ(apartment_dispatch_message(nullptr, timespec{-1, -1}), 1);
+    EXPECT_TRUE(apartment_stop_dispatch_message(nullptr));
+    ASSERT_NE(apartment_set_single_timer(nullptr, nullptr, 0), NO_TIMER);
+    const auto stopped = Clock::now();
+    EXPECT_EQ(apartment_dispatch_message(nullptr, deadlineIn(2000)), -1);
+    EXPECT_LT(msSince(stopped), 1000);
+}
+
+TEST_F(ApiInitialised, DispatchLockedToOneThreadRefusesOthers) {
+    EXPECT_TRUE(apartment_set_dispatch_enabled(nullptr, true));
+    EXPECT_FALSE(apartment_set_dispatch_enabled(nullptr, true));
+    ASSERT_NE(apartment_set_single_timer(nullptr, nullptr, 0), NO_TIMER);
+    int other = 0;
+    std::thread([&other] { other = apartment_dispatch_message(nullptr, deadlineIn(200)); }).join();
+    EXPECT_EQ(other, -1);
+    EXPECT_EQ(apartment_dispatch_message(nullptr, deadlineIn(2000)), 1);
+    EXPECT_TRUE(apartment_set_dispatch_enabled(nullptr, false));
+    EXPECT_FALSE(apartment_set_dispatch_enabled(nullptr, false));
+}
+
+}  // namespace
