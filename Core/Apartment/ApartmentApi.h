@@ -25,6 +25,15 @@
 // killing timers. Inside onRawFrameReceived a host may write and set
 // timers, but must not read responses or pump.
 //
+// Links: a link to a remote apartment is opened on first use (or by
+// apartment_connect_remote) without waiting for the peer, one per remote URL
+// and class. Two threads that open the same new link at the same moment
+// both open one, and the apartments keep one each by their own rule, which
+// may lose the other's traffic: when several threads will talk to a new
+// remote, call apartment_connect_remote once before they start. Likewise,
+// after a link closes, reconnect only once the close notice
+// (onApartmentOffline) has been dispatched.
+//
 // Out-arguments declared as references to constants (uintRequestId,
 // intResponseCode, uintBufLen, dwLen) are written all the same; the
 // declarations are kept for compatibility with existing hosts.
