@@ -40,13 +40,17 @@ void separateLibraryOutput(bool bVerbose) {
 }
 
 void say(const char* format, ...) {
-    char line[4096];
     va_list args;
     va_start(args, format);
-    std::vsnprintf(line, sizeof line, format, args);
+    va_list again;
+    va_copy(again, args);
+    const int length = std::vsnprintf(nullptr, 0, format, args);
     va_end(args);
+    std::string line(length > 0 ? static_cast<size_t>(length) : 0, '\0');
+    if (length > 0) std::vsnprintf(&line[0], line.size() + 1, format, again);
+    va_end(again);
     std::lock_guard<std::mutex> lock(g_outMutex);
-    std::fputs(line, g_out);
+    std::fputs(line.c_str(), g_out);
     std::fputc('\n', g_out);
     std::fflush(g_out);
 }
