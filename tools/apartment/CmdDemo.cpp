@@ -1,4 +1,5 @@
 // demo: a narrated tour of the library between two processes on 127.0.0.1.
+#include <cstdarg>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -28,10 +29,12 @@ class Narrator {
 public:
     Narrator() : m_dStart(monotonicSeconds()) {}
     double elapsed() const { return monotonicSeconds() - m_dStart; }
-    template <class... T>
-    void step(const char* format, T... values) {
+    void step(const char* format, ...) __attribute__((format(printf, 2, 3))) {
         char text[1024];
-        std::snprintf(text, sizeof text, format, values...);
+        va_list args;
+        va_start(args, format);
+        std::vsnprintf(text, sizeof text, format, args);
+        va_end(args);
         say("[%5.2f s] %s", elapsed(), text);
     }
     // Shows what the responder printed, waiting up to `ms` for `expected`
