@@ -23,13 +23,14 @@ namespace {
 const char BENCH_USAGE[] =
     "usage: apartment bench [--size 64,1024,16384] [--count N] [--duration S]\n"
     "                       [--remote URL] [--node NAME] [--timeout MS] [--json]\n"
-    "                       [--local URL] [--verbose]\n"
+    "                       [--unpaced] [--local URL] [--verbose]\n"
     "\n"
     "For each payload size: N request/response round trips (default 10000;\n"
     "median, p90, p99 and max in microseconds), N notifications (per second,\n"
     "until the responder has handled them all) and N raw frames over the\n"
     "real-time link (per second and MB/s, MB = 10^6 bytes, until the responder\n"
-    "has counted them all). Floods keep at most 128 KiB unacknowledged.\n"
+    "has counted them all). Floods keep at most 128 KiB unacknowledged\n"
+    "(--unpaced: no limit, which measures the link's own flow control).\n"
     "--duration S bounds each measurement to S seconds instead (N then\n"
     "defaults to no limit). Without --remote a responder process (apartment\n"
     "serve) is started on 127.0.0.1. Raw rates need a responder\n"
@@ -57,8 +58,10 @@ struct Row {
 
 class Bench {
 public:
-    Bench(std::string remote, std::string node, long count, double duration, unsigned int timeoutMs)
-        : m_strRemote(std::move(remote)),
+    Bench(std::string remote, std::string node, long count, double duration, unsigned int timeoutMs,
+          bool unpaced)
+        : m_bUnpaced(unpaced),
+          m_strRemote(std::move(remote)),
           m_strNode(std::move(node)),
           m_lCount(count),
           m_dDuration(duration),
@@ -120,7 +123,8 @@ public:
     bool hasStats() const { return m_bStats; }
 
 private:
-    static size_t windowFor(long size) {
+    size_t windowFor(long size) const {
+        if (m_bUnpaced) return static_cast<size_t>(-1);
         return std::max<size_t>(1, IN_FLIGHT_BYTES / (static_cast<size_t>(size) + FRAME_OVERHEAD));
     }
 
@@ -197,6 +201,7 @@ private:
         row.rawMBPerSecond = static_cast<double>(sent) * static_cast<double>(length) / seconds / 1e6;
     }
 
+    bool m_bUnpaced;
     std::string m_strRemote;
     std::string m_strNode;
     long m_lCount;
@@ -248,7 +253,7 @@ void printJson(const std::string& remote, const std::vector<Row>& rows) {
 
 int runBench(const Words& words) {
     const Args args(words, {{"size", true}, {"count", true}, {"duration", true}, {"remote", true},
-                            {"node", true}, {"timeout", true}, {"json", false}, {"local", true},
+                            {"node", true}, {"timeout", true}, {"json", false}, {"local", true}, {"unpaced", false},
                             {"verbose", false}});
     if (args.help()) {
         std::fputs(BENCH_USAGE, stdout);
@@ -282,7 +287,7 @@ int runBench(const Words& words) {
         ApartmentSession session(clientUrlFor(remote, args));
         apartment_node_create(nullptr, BENCH_NODE);
         connectRemote(remoteText, false, timeoutMs);
-        Bench bench(remoteText, node, count, duration, timeoutMs);
+        Bench bench(remoteText, node, count, duration, timeoutMs, args.has("unpaced"));
         bench.probeStats();
         stats = bench.hasStats();
         if (stats) connectRemote(remoteText, true, timeoutMs);
