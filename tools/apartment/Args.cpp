@@ -5,7 +5,7 @@
 
 namespace tool {
 
-Args::Args(const std::vector<std::string>& tokens, const std::vector<OptionSpec>& specs) {
+Args::Args(const std::vector<std::string>& tokens, const std::vector<OptionDef>& defs) {
     bool optionsEnded = false;
     for (size_t i = 0; i < tokens.size(); ++i) {
         const std::string& token = tokens[i];
@@ -31,14 +31,14 @@ Args::Args(const std::vector<std::string>& tokens, const std::vector<OptionSpec>
             name.erase(eq);
             inlineValue = true;
         }
-        const OptionSpec* spec = nullptr;
-        for (const OptionSpec& s : specs)
-            if (name == s.name) spec = &s;
-        if (spec == nullptr) throw UsageError("unknown option '--" + name + "'");
-        if (spec->takesValue && !inlineValue) {
+        const OptionDef* def = nullptr;
+        for (const OptionDef& s : defs)
+            if (name == s.name) def = &s;
+        if (def == nullptr) throw UsageError("unknown option '--" + name + "'");
+        if (def->takesValue && !inlineValue) {
             if (i + 1 >= tokens.size()) throw UsageError("option '--" + name + "' needs a value");
             value = tokens[++i];
-        } else if (!spec->takesValue && inlineValue) {
+        } else if (!def->takesValue && inlineValue) {
             throw UsageError("option '--" + name + "' takes no value");
         }
         m_values[name].push_back(value);

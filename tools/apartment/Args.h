@@ -21,7 +21,7 @@ struct RuntimeError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-struct OptionSpec {
+struct OptionDef {
     const char* name;  // without the leading "--"
     bool takesValue;
 };
@@ -32,7 +32,7 @@ struct OptionSpec {
 class Args {
 public:
     // Throws UsageError for an unknown option or a missing value.
-    Args(const std::vector<std::string>& tokens, const std::vector<OptionSpec>& specs);
+    Args(const std::vector<std::string>& tokens, const std::vector<OptionDef>& defs);
 
     bool help() const { return m_bHelp; }
     bool has(const std::string& name) const { return m_values.count(name) != 0; }

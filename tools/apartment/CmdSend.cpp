@@ -40,7 +40,7 @@ const char RAW_USAGE[] =
 
 const char SENDER_NODE[] = "cli";
 
-const std::vector<OptionSpec> SEND_OPTIONS = {
+const std::vector<OptionDef> SEND_OPTIONS = {
     {"data", true},  {"file", true},  {"count", true},  {"interval", true}, {"timeout", true},
     {"format", true}, {"local", true}, {"type", true},  {"verbose", false}};
 
