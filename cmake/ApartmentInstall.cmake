@@ -18,6 +18,7 @@ install(TARGETS apartment apartment_platform EXPORT ApartmentTargets
 install(FILES
   ${PROJECT_SOURCE_DIR}/Core/Apartment/ApartmentApi.h
   ${PROJECT_SOURCE_DIR}/Core/Apartment/ApartmentErrorDef.h
+  ${PROJECT_SOURCE_DIR}/Core/Apartment/ApartmentHost.h
   ${PROJECT_SOURCE_DIR}/Core/Apartment/IApartmentCallback.h
   ${PROJECT_SOURCE_DIR}/Core/Apartment/IApartmentNodeCallback.h
   DESTINATION ${APARTMENT_INSTALL_INCLUDEDIR})

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <chrono>
@@ -91,6 +92,20 @@ TEST(MessageQueue, TimedPopsGiveUpAtTheirDeadline) {
     EXPECT_FALSE(queue.pop(msg, 100));
     EXPECT_GE(msSince(start), 95);
     EXPECT_LT(msSince(start), 3000);
+    expectUntouched(msg);
+}
+
+// The dispatcher asks the (usually empty) deferred queue with a zero time-out
+// before every message: a timed wait on a deadline already passed still
+// sleeps and gives the processor away, once per message.
+TEST(MessageQueue, ZeroTimeoutPopDoesNotSleep) {
+    CMessageQueue queue;
+    APARTMENT_TMSG msg = kUntouched;
+    rusage before{}, after{};
+    getrusage(RUSAGE_THREAD, &before);
+    for (int i = 0; i < 500; ++i) EXPECT_FALSE(queue.pop(msg, 0));
+    getrusage(RUSAGE_THREAD, &after);
+    EXPECT_LT(after.ru_nvcsw - before.ru_nvcsw, 50) << "voluntary context switches";
     expectUntouched(msg);
 }
 

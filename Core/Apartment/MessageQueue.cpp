@@ -3,6 +3,13 @@
 #include "GroundKit/OS/OS_Clock.h"
 
 namespace {
+// True once the monotonic clock has reached `deadline`.
+bool deadlinePassed(const timespec& deadline) {
+    timespec now{0, 0};
+    OS::Clock::getTime(OS::Clock::MONOTONIC, &now, USE_DEFAULT);
+    return !OS::Clock::isEarlier(now, deadline);
+}
+
 // The deadline that means "no limit".
 bool isUnlimited(const timespec& deadline) {
     return deadline.tv_sec == -1 && deadline.tv_nsec == -1;
@@ -59,6 +66,11 @@ bool CMessageQueue::pop(APARTMENT_TMSG& msg, timespec deadline) {
     const bool bUnlimited = isUnlimited(deadline);
     while (m_ElementQueue.empty()) {
         if (m_bInterruptPop || m_bLockQueue) return false;
+        // A deadline already passed gives up without waiting: a timed wait
+        // on it still sleeps and gives the processor away, and the
+        // dispatcher asks the deferred queue with a zero wait before every
+        // message.
+        if (!bUnlimited && deadlinePassed(deadline)) return false;
         const int result = bUnlimited ? m_QueueNotEmptyCondition.wait()
                                       : m_QueueNotEmptyCondition.wait(deadline);
         if (result != WAIT_CONDITION_OK) return false;

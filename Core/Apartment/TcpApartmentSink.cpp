@@ -51,6 +51,8 @@ CTcpApartmentSink::CTcpApartmentSink()
       m_pReceiveBuffer(nullptr),
       m_uintReceiveBufferSize(0),
       m_uintReceiveBufferOffset(0),
+      m_HeaderBytes(),
+      m_uintHeaderOffset(0),
       m_SendMutex(nullptr),
       m_pSendBuffer(new (std::nothrow) char[SEND_BUFFER_SIZE]),
       m_uintSendBufferSize(m_pSendBuffer != nullptr ? SEND_BUFFER_SIZE : 0),
@@ -109,16 +111,22 @@ bool CTcpApartmentSink::receiveFrame(unsigned int& uintFrameType, void* pBuffer,
     if (sinkType() == LISTEN_SINK) return false;
 
     if (m_intReceiveFrameStep == RECEIVE_FRAME_HEAD) {
+        if (m_uintHeaderOffset < FRAME_HEADER_SIZE) {
+            const int received =
+                m_Socket.receive(m_HeaderBytes + m_uintHeaderOffset,
+                                 static_cast<int>(FRAME_HEADER_SIZE - m_uintHeaderOffset), 0);
+            if (received > 0) m_uintHeaderOffset += static_cast<unsigned int>(received);
+            if (m_uintHeaderOffset < FRAME_HEADER_SIZE) return false;
+        }
         unsigned int header[2];
-        if (!_rawPeek(header, FRAME_HEADER_SIZE)) return false;
+        std::memcpy(header, m_HeaderBytes, FRAME_HEADER_SIZE);
         unsigned int type = CEndianType::networkToHost(header[0]);
         unsigned int size = CEndianType::networkToHost(header[1]);
-        // Until the payload has room the header stays in the socket, so the
+        // Until the payload has room the header stays held here, so the
         // frame is not half-consumed.
         if (!_ensureReceiveBuffer(size)) return false;
         m_uintReceiveBufferOffset = 0;
-        if (m_Socket.receive(header, FRAME_HEADER_SIZE, 0) != static_cast<int>(FRAME_HEADER_SIZE))
-            return false;
+        m_uintHeaderOffset = 0;
         m_uintReceiveFrameType = type;
         m_uintReceiveFrameSize = size;
         m_intReceiveFrameStep = RECEIVE_FRAME_BODY;
@@ -190,6 +198,7 @@ bool CTcpApartmentSink::onSinkInited(const char* localAddress, const char* remot
     resolveSinkAddress(textOrEmpty(localAddress), m_strLocalIPAddress, m_uiLocalIPPort);
     resolveSinkAddress(textOrEmpty(remoteAddress), m_strRemoteIPAddress, m_uiRemoteIPPort);
     m_intReceiveFrameStep = RECEIVE_FRAME_HEAD;
+    m_uintHeaderOffset = 0;
     if (m_bRtConnection) return _resetReceiveBuffer(RT_RECEIVE_BUFFER_SIZE);
     return true;
 }
@@ -201,6 +210,7 @@ bool CTcpApartmentSink::onSinkDestroyed() {
     m_uiRemoteIPPort = 0;
     onSinkClose();
     m_intReceiveFrameStep = RECEIVE_FRAME_HEAD;
+    m_uintHeaderOffset = 0;
     _clearReceiveBuffer();
     m_uintReceiveBufferOffset = 0;
     return true;
@@ -221,7 +231,7 @@ unsigned long CTcpApartmentSink::receiveProgress() {
         return FRAME_HEADER_SIZE + 1UL + m_uintReceiveBufferOffset;
     char header[FRAME_HEADER_SIZE];
     const int peeked = m_Socket.receive(header, FRAME_HEADER_SIZE, MSG_PEEK);
-    return peeked > 0 ? static_cast<unsigned long>(peeked) : 0UL;
+    return m_uintHeaderOffset + (peeked > 0 ? static_cast<unsigned long>(peeked) : 0UL);
 }
 
 bool CTcpApartmentSink::_ensureReceiveBuffer(unsigned int uintSize) {

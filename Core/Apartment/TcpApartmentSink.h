@@ -28,7 +28,7 @@ public:
 };
 
 enum RECEIVE_FRAME_STEP {
-    RECEIVE_FRAME_HEAD = 1,  // waiting for a whole header
+    RECEIVE_FRAME_HEAD = 1,  // collecting the 8 header bytes
     RECEIVE_FRAME_BODY = 2   // header consumed, collecting the payload
 };
 
@@ -89,6 +89,11 @@ protected:
     char* m_pReceiveBuffer;
     unsigned int m_uintReceiveBufferSize;
     unsigned int m_uintReceiveBufferOffset;
+    // Header bytes taken from the socket so far. They are consumed as they
+    // arrive: bytes left unread would pin their whole socket buffer, and a
+    // burst of small frames could then shut the receive window for good.
+    unsigned char m_HeaderBytes[FRAME_HEADER_SIZE];
+    unsigned int m_uintHeaderOffset;
 
     // Guards the staging buffer and keeps each frame's bytes contiguous on
     // the wire; closing the socket takes it too, so that no sender writes to
