@@ -258,7 +258,10 @@ TEST(TcpSinkWrites, FramesGoOutInWritesOfAtMost1024Bytes) {
     EXPECT_EQ(writesFor(3000), (std::vector<int>{1024, 1024, 960}));
 }
 
-TEST_F(TcpSinkTest, HeaderInTwoPiecesIsNotConsumedEarly) {
+// The sink takes header bytes off the socket as they come (see
+// test_tcp_sink_partial_header.cpp for why), but reports nothing until the
+// whole header and payload are there.
+TEST_F(TcpSinkTest, HeaderInTwoPiecesIsNotReportedEarly) {
     CSocket raw;
     CTcpServerSink* server = nullptr;
     ASSERT_TRUE(rawLink(raw, server));
@@ -267,8 +270,7 @@ TEST_F(TcpSinkTest, HeaderInTwoPiecesIsNotConsumedEarly) {
     ASSERT_TRUE(server->innerSocket().readyToRead(2000, nullptr));
     unsigned int type = 0, size = 0;
     EXPECT_FALSE(server->receiveFrame(type, nullptr, size));
-    char peek[8];
-    EXPECT_EQ(server->innerSocket().receive(peek, 8, MSG_PEEK), 5);  // still in the socket
+    EXPECT_FALSE(server->receiveFrame(type, nullptr, size));
 
     Bytes rest(head.begin() + 5, head.end());
     rest.insert(rest.end(), {'a', 'b', 'c'});
