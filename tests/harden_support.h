@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -130,8 +131,9 @@ public:
         std::string line;
         const long long until = nowMs() + timeoutMs;
         while (fd >= 0) {
-            const long left = static_cast<long>(until - nowMs());
-            if (left <= 0) break;
+            // Lines arrive whole (one write each), so a zero wait still
+            // returns a complete line once its first byte is there.
+            const long left = std::max(0L, static_cast<long>(until - nowMs()));
             pollfd p{fd, POLLIN, 0};
             if (poll(&p, 1, static_cast<int>(left)) <= 0) break;
             char c;

@@ -189,3 +189,17 @@ TEST_F(HostileTest, OversizedRealTimeFrameIsNotDeliveredAndDoesNotSpin) {
     EXPECT_LT(cpu.busiestThread, 0.2);
     EXPECT_TRUE(heard);
 }
+
+// The baseline the hostile cases compare with: a forked requester is
+// answered by this process's "echo" node.
+TEST_F(HostileTest, WellFormedRequesterIsAnswered) {
+    Peer requester([] { return requesterPeer(); });
+    const std::string url = startHost();
+    ASSERT_FALSE(url.empty());
+    requester.tell(url);
+    std::string answer;
+    pumpUntil([&] { return !(answer = requester.readLine(0)).empty(); }, 6000);
+    printf("[figure] baseline: requester answer \"%s\" (ms)\n", answer.c_str());
+    EXPECT_EQ(answer.substr(0, 5), "ping ");
+    EXPECT_EQ(requester.wait(3000), 0);
+}
