@@ -94,33 +94,50 @@ void CTcpApartment::waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintC
         if (fds[i] < 0 || !FD_ISSET(fds[i], &readSet)) continue;
         char peek[4];
         if (OS::Socket::recv(fds[i], peek, sizeof peek, MSG_PEEK, USE_DEFAULT) == 0) {
-            // The peer closed its side: the message carries a reference.
-            pSinks[i]->addRef();
-            pSinks[i]->closeSink();
-            APARTMENT_TMSG msg;
-            msg.m_intMsg = APARTMENT_CONNECTION_CLOSED;
-            msg.wParam = reinterpret_cast<WPARAM>(pSinks[i]);
-            msg.lParam = 0;
-            postMessage(msg);
+            postConnectionClosed(pSinks[i]);
             continue;
         }
-        receiveOneFrame(pSinks[i]);
+        const RECEIVE_RESULT result = receiveOneFrame(pSinks[i]);
+        // After the peer's close every byte it sent is already here, so a
+        // frame still incomplete now never completes.
+        if (result == FRAME_REFUSED ||
+            (result == FRAME_PENDING && OS::Socket::isLinkBroken(fds[i], USE_DEFAULT)))
+            postConnectionClosed(pSinks[i]);
     }
 }
 
-void CTcpApartment::receiveOneFrame(IApartmentSink* pSink) {
+void CTcpApartment::postConnectionClosed(IApartmentSink* pSink) {
+    // The message carries this reference.
+    pSink->addRef();
+    pSink->closeSink();
+    APARTMENT_TMSG msg;
+    msg.m_intMsg = APARTMENT_CONNECTION_CLOSED;
+    msg.wParam = reinterpret_cast<WPARAM>(pSink);
+    msg.lParam = 0;
+    postMessage(msg);
+}
+
+CTcpApartment::RECEIVE_RESULT CTcpApartment::receiveOneFrame(IApartmentSink* pSink) {
     if (pSink->getRTConnection()) {
         unsigned int type = 0;
         unsigned int size = m_uintRtRawBufferSize;
-        if (!pSink->receiveFrame(type, m_pRtRawBuffer, size)) return;
+        if (!pSink->receiveFrame(type, m_pRtRawBuffer, size)) {
+            // Incomplete, or complete but too large for the buffer: only a
+            // size query tells them apart (and it never consumes the frame).
+            size = 0;
+            if (!pSink->receiveFrame(type, nullptr, size)) return FRAME_PENDING;
+            if (size > m_uintRtRawBufferSize) return FRAME_REFUSED;
+            size = m_uintRtRawBufferSize;
+            if (!pSink->receiveFrame(type, m_pRtRawBuffer, size)) return FRAME_PENDING;
+        }
         CReference<IApartmentCallback> cb = apartmentCallback();
         if (!cb.nil()) cb->onRawFrameReceived(type, m_pRtRawBuffer, size);
-        return;
+        return FRAME_TAKEN;
     }
 
     unsigned int type = 0;
     unsigned int size = 0;
-    if (!pSink->receiveFrame(type, nullptr, size)) return;
+    if (!pSink->receiveFrame(type, nullptr, size)) return FRAME_PENDING;
     CApartmentFrame* frame = new CApartmentFrame(type, size);
     // An empty payload has no buffer, and a null buffer only asks for the
     // size: the frame would stay held and be posted again on every pass.
@@ -142,4 +159,5 @@ void CTcpApartment::receiveOneFrame(IApartmentSink* pSink) {
     msg.wParam = reinterpret_cast<WPARAM>(static_cast<IApartmentFrame*>(frame));
     msg.lParam = 0;
     postMessage(msg);
+    return FRAME_TAKEN;
 }
