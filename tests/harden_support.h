@@ -389,7 +389,53 @@ inline int echoPeerBody(long lifeMs) {
     return 0;
 }
 
+// A well-formed requester peer: reads the host's URL from the parent,
+// starts its own apartment, sends "ping" to the host's "echo" node and
+// reports "<answer> <ms>" to the parent. Exit 0 when answered.
+inline int requesterPeerBody(int timeoutMs = 4000) {
+    const std::string hostUrl = Peer::readFromParent(10000);
+    if (hostUrl.empty()) return 10;
+    const std::string url = initialiseOnFreePort(true);
+    if (url.empty()) return 11;
+    NodeCallback* cb = createNode("client");
+    const long long start = nowMs();
+    const std::string answer = requestAndRead("client", hostUrl, "echo", "ping", timeoutMs);
+    Peer::tellParent(answer + " " + std::to_string(nowMs() - start));
+    apartment_uninitialize();
+    cb->releaseRef();
+    return answer == "ping" ? 0 : 1;
+}
+
+// A request frame (header and payload) as a foreign peer would write it.
+inline std::vector<unsigned char> requestFrame(const std::string& srcUrl, const std::string& srcNode,
+                                               const std::string& dstUrl,
+                                               const std::string& dstNode, unsigned int id,
+                                               bool needsAnswer, const std::string& data) {
+    std::vector<unsigned char> payload;
+    for (const std::string* text : {&srcUrl, &srcNode, &dstUrl, &dstNode}) {
+        putBigEndian(payload, static_cast<unsigned int>(text->size()));
+        payload.insert(payload.end(), text->begin(), text->end());
+    }
+    putBigEndian(payload, id);
+    payload.push_back(needsAnswer ? 1 : 0);
+    payload.insert(payload.end(), data.begin(), data.end());
+    std::vector<unsigned char> out = frameHeader(1, static_cast<unsigned int>(payload.size()));
+    out.insert(out.end(), payload.begin(), payload.end());
+    return out;
+}
+
 // ---------------------------------------------------------------- readings
+
+// Open descriptors of this process.
+inline int openDescriptors() {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    if (dir == nullptr) return -1;
+    while (dirent* entry = readdir(dir))
+        if (entry->d_name[0] != '.') ++count;
+    closedir(dir);
+    return count;
+}
 
 // CPU time (user + system) this process used, in milliseconds.
 inline double processCpuMs() {
