@@ -237,13 +237,18 @@ void CApartment::receiveFrame(DWORD dwTimeout, bool bRtConnection) {
     std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
     const timespec deadline = OS::Clock::monotonicDeadline(dwTimeout);
 
-    auto take = [&sinks](IApartmentSink* sink) {
+    // A sink condemned by a stalled write is closed here; its nodes hear
+    // that the link went, as for a peer's close, and the entry is removed
+    // so that the next write opens a new link instead of failing for ever.
+    std::vector<IApartmentSink*> condemned;
+    auto take = [&sinks, &condemned](IApartmentSink* sink) {
         if (sink == nullptr || sink->isSinkClosed()) return;
+        sink->addRef();
         if (sink->isExpectSinkClosed()) {
             sink->closeSink();
+            condemned.push_back(sink);
             return;
         }
-        sink->addRef();
         sinks.push_back(sink);
     };
 
@@ -254,13 +259,20 @@ void CApartment::receiveFrame(DWORD dwTimeout, bool bRtConnection) {
     }
     for (auto& entry : map) take(entry.second);
 
-    if (sinks.empty()) {
+    if (sinks.empty() && condemned.empty()) {
         m_ConnectionNotEmptyCondition.wait(deadline);
         m_ConnectionManageMutex.unlock();
         return;
     }
     m_ConnectionManageMutex.unlock();
 
+    for (IApartmentSink* sink : condemned) {
+        APARTMENT_TMSG msg;
+        msg.m_intMsg = APARTMENT_CONNECTION_CLOSED;
+        msg.wParam = reinterpret_cast<WPARAM>(sink);  // the message carries the reference
+        msg.lParam = 0;
+        postMessage(msg);
+    }
     for (size_t first = 0; first < sinks.size(); first += MAX_SINKS_PER_WAIT) {
         const size_t count = std::min<size_t>(MAX_SINKS_PER_WAIT, sinks.size() - first);
         waitFrameOnSinks(&sinks[first], static_cast<unsigned int>(count), dwTimeout);
