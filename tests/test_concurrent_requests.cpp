@@ -22,7 +22,7 @@ namespace {
 #endif
 
 #ifdef HARDEN_TSAN
-const int REQUESTS_PER_THREAD = 300;
+const int REQUESTS_PER_THREAD = 1000;
 #else
 const int REQUESTS_PER_THREAD = 10000;
 #endif
