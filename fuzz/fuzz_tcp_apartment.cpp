@@ -133,9 +133,19 @@ void checkServiceStillAnswers() {
     int code = -1;
     char answer[sizeof payload] = {0};
     unsigned int size = sizeof answer;
-    if (!client->getResponse(id, code, answer, size, 3000) || size != sizeof payload ||
-        std::memcmp(answer, payload, sizeof payload) != 0) {
-        std::fprintf(stderr, "fuzz_tcp_apartment: the target stopped answering\n");
+    const timespec start = OS::Clock::monotonicDeadline(0);
+    const bool answered = client->getResponse(id, code, answer, size, 3000);
+    if (!answered || size != sizeof payload || std::memcmp(answer, payload, sizeof payload) != 0) {
+        // Tell a slow answer from none at all before giving up.
+        const bool late = !answered && client->getResponse(id, code, answer, size, 20000);
+        const timespec end = OS::Clock::monotonicDeadline(0);
+        std::fprintf(stderr,
+                     "fuzz_tcp_apartment: the target stopped answering (answered %d, late %d, "
+                     "after %ld ms; target links to requester: %d)\n",
+                     answered, late,
+                     static_cast<long>((end.tv_sec - start.tv_sec) * 1000 +
+                                       (end.tv_nsec - start.tv_nsec) / 1000000),
+                     g_target->hasConnection(g_requesterUrl.c_str(), false));
         std::abort();
     }
     client->removeResponse(id);

@@ -63,7 +63,6 @@ protected:
     void addEchoNode() {
         m_node->nodeName = "echo";
         apartment_node_create(nullptr, "echo");
-        m_node->addRef();
         apartment_node_set_callback(nullptr, "echo", m_node);
     }
 };
