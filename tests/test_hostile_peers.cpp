@@ -190,3 +190,44 @@ TEST_F(HostileTest, WellFormedRequesterIsAnswered) {
     EXPECT_EQ(answer.substr(0, 5), "ping ");
     EXPECT_EQ(requester.wait(3000), 0);
 }
+
+// A live peer whose frame header arrives in pieces: the frame is delivered
+// once the rest comes, and while the header is incomplete (the socket
+// readable, nothing to consume) the communication thread does not spin.
+TEST_F(HostileTest, HeaderInPiecesFromALivePeerIsDeliveredWhenComplete) {
+    const std::string ghost = "tcp://127.0.0.1:9";
+    Peer peer([&ghost] {
+        const std::string url = Peer::readFromParent(5000);
+        const int fd = rawConnect(portOf(url));
+        if (fd < 0) return 11;
+        const auto hello = connectionFrame(ghost, false);
+        if (!sendAll(fd, hello.data(), hello.size())) return 12;
+        sleepMs(300);
+        const auto frame = requestFrame(ghost, "peer", url, "echo", 1, false, "pieces");
+        if (!sendAll(fd, frame.data(), 5)) return 13;
+        Peer::tellParent("half");
+        if (Peer::readFromParent(5000) != "rest") return 14;
+        if (!sendAll(fd, frame.data() + 5, frame.size() - 5)) return 15;
+        Peer::readFromParent(5000);
+        os_socket_close(fd, USE_DEFAULT);
+        return 0;
+    });
+    const std::string url = startHost();
+    ASSERT_FALSE(url.empty());
+    peer.tell(url);
+    std::string line;
+    ASSERT_TRUE(pumpUntil([&] { return !(line = peer.readLine(0)).empty(); }, 3000));
+    ASSERT_EQ(line, "half");
+    pumpFor(200);
+    const CpuShare cpu = measureCpu(1000, [](long ms) { pumpFor(ms); });
+    EXPECT_EQ(m_node->requests.load(), 0);
+    peer.tell("rest");
+    const bool delivered = pumpUntil([&] { return m_node->requests.load() == 1; }, 3000);
+    printf("[figure] header in pieces from a live peer: busiest thread %.1f%% of a core while "
+           "incomplete; frame %s once complete\n",
+           cpu.busiestThread * 100, delivered ? "delivered" : "lost");
+    EXPECT_TRUE(delivered);
+    EXPECT_LT(cpu.busiestThread, 0.2);
+    peer.tell("done");
+    EXPECT_EQ(peer.wait(3000), 0);
+}
