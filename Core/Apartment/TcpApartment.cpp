@@ -13,6 +13,15 @@ const char TCP_SCHEME[] = "tcp://";
 const size_t TCP_SCHEME_LENGTH = sizeof(TCP_SCHEME) - 1;
 const unsigned int MAX_SINKS_PER_WAIT = 64;
 const int EINTR_CODE = 4;
+// How long a pass that found only stalled sinks rests before the next one.
+const long STALLED_PASS_PAUSE_US = 5000;
+
+// Bytes waiting in the socket, or -1 if that cannot be told.
+long pendingBytes(int fd) {
+    ULONG count = 0;
+    if (OS::Socket::ioctl(fd, FIONREAD, &count, USE_DEFAULT) != 0) return -1;
+    return static_cast<long>(count);
+}
 }  // namespace
 
 CTcpApartment::CTcpApartment()
@@ -90,19 +99,37 @@ void CTcpApartment::waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintC
     } while (ready < 0 && OS::Socket::getErrnoCode() == EINTR_CODE);
     if (ready < 1) return;
 
+    // A sink is stalled when it is readable but its bytes cannot be taken
+    // yet (part of a header, which is consumed only whole): select reports
+    // it again at once, so a pass that found nothing else rests briefly
+    // instead of spinning until the rest arrives.
+    bool progressed = false;
+    bool stalled = false;
     for (unsigned int i = 0; i < uintCount; ++i) {
         if (fds[i] < 0 || !FD_ISSET(fds[i], &readSet)) continue;
         char peek[4];
         if (OS::Socket::recv(fds[i], peek, sizeof peek, MSG_PEEK, USE_DEFAULT) == 0) {
             postConnectionClosed(pSinks[i]);
+            progressed = true;
             continue;
         }
+        const long before = pendingBytes(fds[i]);
         const RECEIVE_RESULT result = receiveOneFrame(pSinks[i]);
         // After the peer's close every byte it sent is already here, so a
         // frame still incomplete now never completes.
         if (result == FRAME_REFUSED ||
-            (result == FRAME_PENDING && OS::Socket::isLinkBroken(fds[i], USE_DEFAULT)))
+            (result == FRAME_PENDING && OS::Socket::isLinkBroken(fds[i], USE_DEFAULT))) {
             postConnectionClosed(pSinks[i]);
+            progressed = true;
+        } else if (result == FRAME_PENDING && before >= 0 && pendingBytes(fds[i]) == before) {
+            stalled = true;
+        } else {
+            progressed = true;
+        }
+    }
+    if (stalled && !progressed) {
+        timeval pause{0, STALLED_PASS_PAUSE_US};
+        OS::Socket::select(0, nullptr, nullptr, nullptr, &pause, USE_DEFAULT);
     }
 }
 
