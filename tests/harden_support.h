@@ -22,6 +22,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <malloc.h>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -368,10 +369,12 @@ inline std::string requestAndRead(const char* node, const std::string& remoteUrl
     unsigned int size = 0;
     rc = apartment_node_read_response(nullptr, node, id, code, nullptr, size, timeoutMs);
     if (rc != 0) return "<read " + std::to_string(rc) + ">";
-    std::string answer(size, '\0');
-    rc = apartment_node_read_response(nullptr, node, id, code, size ? &answer[0] : nullptr, size,
-                                      0);
-    if (rc != 0 && size != 0) return "<copy " + std::to_string(rc) + ">";
+    // Never a null buffer here, not even for an empty answer: a null buffer
+    // only asks for the size and leaves the response stored.
+    std::string answer(size + 1, '\0');
+    rc = apartment_node_read_response(nullptr, node, id, code, &answer[0], size, 0);
+    if (rc != 0) return "<copy " + std::to_string(rc) + ">";
+    answer.resize(size);
     return answer;
 }
 
@@ -497,6 +500,13 @@ inline CpuShare measureCpu(long windowMs, const std::function<void(long)>& durin
                 share.busiestThread =
                     std::max(share.busiestThread, (a.second - b.second) * tickMs / elapsed);
     return share;
+}
+
+// Heap bytes in use (all arenas), unlike resident memory blind to what
+// the allocator keeps cached.
+inline long heapInUseKb() {
+    const struct mallinfo2 info = mallinfo2();
+    return static_cast<long>((info.uordblks + info.hblkhd) / 1024);
 }
 
 // Resident memory of this process in kilobytes.
