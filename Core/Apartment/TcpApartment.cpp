@@ -13,8 +13,15 @@ const char TCP_SCHEME[] = "tcp://";
 const size_t TCP_SCHEME_LENGTH = sizeof(TCP_SCHEME) - 1;
 const unsigned int MAX_SINKS_PER_WAIT = 64;
 const int EINTR_CODE = 4;
-// How long a pass that found only stalled sinks rests before the next one.
-const long STALLED_PASS_PAUSE_US = 5000;
+// How long a pass that found only stalled sinks rests before the next one:
+// from STALLED_PASS_FIRST_PAUSE_US, doubling on each further such pass, up
+// to STALLED_PASS_MAX_PAUSE_US. The rest of a header split in flight comes
+// within microseconds; a peer that holds one back costs a few polls per
+// second.
+const long STALLED_PASS_FIRST_PAUSE_US = 50;
+const long STALLED_PASS_MAX_PAUSE_US = 5000;
+// Consecutive stalled passes of the calling communication thread.
+thread_local unsigned int t_uintStalledPasses = 0;
 
 // Bytes waiting in the socket, or -1 if that cannot be told.
 long pendingBytes(int fd) {
@@ -127,10 +134,17 @@ void CTcpApartment::waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintC
             progressed = true;
         }
     }
-    if (stalled && !progressed) {
-        timeval pause{0, STALLED_PASS_PAUSE_US};
-        OS::Socket::select(0, nullptr, nullptr, nullptr, &pause, USE_DEFAULT);
+    if (!stalled || progressed) {
+        t_uintStalledPasses = 0;
+        return;
     }
+    long pauseUs = STALLED_PASS_FIRST_PAUSE_US;
+    for (unsigned int i = 0; i < t_uintStalledPasses && pauseUs < STALLED_PASS_MAX_PAUSE_US; ++i)
+        pauseUs *= 2;
+    if (pauseUs > STALLED_PASS_MAX_PAUSE_US) pauseUs = STALLED_PASS_MAX_PAUSE_US;
+    ++t_uintStalledPasses;
+    timeval pause{0, static_cast<suseconds_t>(pauseUs)};
+    OS::Socket::select(0, nullptr, nullptr, nullptr, &pause, USE_DEFAULT);
 }
 
 void CTcpApartment::postConnectionClosed(IApartmentSink* pSink) {
