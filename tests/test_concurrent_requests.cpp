@@ -39,6 +39,7 @@ struct ThreadResult {
     std::vector<long long> latencyUs;
     int mismatched = 0;
     int failed = 0;
+    std::vector<int> failedSeq;
 };
 
 }  // namespace
@@ -97,6 +98,7 @@ TEST(ConcurrentRequests, EightThreadsShareOneLinkAndEveryAnswerMatches) {
                 if (apartment_node_read_response(nullptr, "client", id, code, nullptr, size,
                                                  10000) != 0) {
                     ++r.failed;
+                    r.failedSeq.push_back(i);
                     continue;
                 }
                 answer.assign(size, '\0');
@@ -141,8 +143,81 @@ TEST(ConcurrentRequests, EightThreadsShareOneLinkAndEveryAnswerMatches) {
     EXPECT_EQ(total, static_cast<size_t>(THREADS * REQUESTS_PER_THREAD));
     EXPECT_EQ(distinct.size(), total);
     EXPECT_EQ(failed, 0);
+    for (int t = 0; t < THREADS; ++t)
+        for (int seq : results[t].failedSeq) printf("unanswered: thread %d request %d\n", t, seq);
     EXPECT_EQ(mismatched, 0);
 
+    responder.tell("stop");
+    EXPECT_EQ(responder.wait(5000), 0);
+    apartment_uninitialize();
+    node->releaseRef();
+}
+
+// Regression: threads that write their first requests to a remote at the
+// same moment each used to open a link of their own; all but one link were
+// then dropped, and a request already written on a dropped link (or its
+// answer) was lost. Each round starts from no link at all.
+TEST(ConcurrentRequests, SimultaneousFirstRequestsOnAFreshLinkAreAllAnswered) {
+    const int ROUNDS = 10;
+    const int WRITERS = 16;
+    Peer responder([] {
+        const std::string url = initialiseOnFreePort(true);
+        if (url.empty()) return 10;
+        NodeCallback* cb = createNode("echo");
+        Peer::tellParent(url);
+        const long long until = nowMs() + 60000;
+        while (nowMs() < until && Peer::readFromParent(0).empty())
+            apartment_dispatch_message(nullptr, deadlineIn(20));
+        apartment_uninitialize();
+        cb->releaseRef();
+        return 0;
+    });
+    const std::string url = initialiseOnFreePort(true);
+    ASSERT_FALSE(url.empty());
+    NodeCallback* node = createNode("client");
+    const std::string remote = responder.readLine(5000);
+    ASSERT_FALSE(remote.empty());
+
+    std::atomic<bool> pumping{true};
+    std::atomic<bool> locked{false};
+    std::thread pump([&] {
+        locked = apartment_set_dispatch_enabled(nullptr, true);
+        while (pumping) apartment_dispatch_message(nullptr, deadlineIn(20));
+        apartment_set_dispatch_enabled(nullptr, false);
+    });
+    while (!locked) sleepMs(1);
+
+    std::atomic<int> unanswered{0};
+    for (int round = 0; round < ROUNDS; ++round) {
+        std::atomic<int> ready{0};
+        std::vector<std::thread> writers;
+        for (int t = 0; t < WRITERS; ++t) {
+            writers.emplace_back([&, t] {
+                ++ready;
+                while (ready < WRITERS) std::this_thread::yield();
+                std::string request = payloadFor(t, round);
+                unsigned int id = 0;
+                int code = 0;
+                unsigned int size = 0;
+                if (apartment_node_write_request(nullptr, "client", remote.c_str(), "echo",
+                                                 &request[0],
+                                                 static_cast<unsigned int>(request.size()),
+                                                 id) != 0 ||
+                    apartment_node_read_response(nullptr, "client", id, code, nullptr, size,
+                                                 3000) != 0)
+                    ++unanswered;
+            });
+        }
+        for (auto& w : writers) w.join();
+        // Back to no link on either side before the next round.
+        apartment_disconnect_remote(nullptr, remote.c_str(), false);
+        sleepMs(300);
+    }
+    pumping = false;
+    pump.join();
+    printf("[figure] %d rounds of %d simultaneous first requests: %d unanswered\n", ROUNDS,
+           WRITERS, unanswered.load());
+    EXPECT_EQ(unanswered.load(), 0);
     responder.tell("stop");
     EXPECT_EQ(responder.wait(5000), 0);
     apartment_uninitialize();
