@@ -21,7 +21,8 @@ const DWORD CONNECTION_INFO_TIMEOUT_MS = 100;
 }  // namespace
 
 CApartment::CApartment()
-    : m_ConnectionManageMutex(MUTEX_NONE, USE_STD, nullptr),
+    : m_ConnectOpenMutex(MUTEX_NONE, USE_STD, nullptr),
+      m_ConnectionManageMutex(MUTEX_NONE, USE_STD, nullptr),
       m_ConnectionNotEmptyCondition(nullptr, USE_STD),
       m_bKeepListen(false),
       m_hListenThread(0),
@@ -427,6 +428,7 @@ bool CApartment::connectApartment(const char* strRemoteApartmentUrl, bool bRtCon
     std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
     std::string address;
     getPortAddressFromApartmentUrl(strRemoteApartmentUrl, address);
+    TAutoMutex<OS::TBaseMutex> opening(&m_ConnectOpenMutex);
     {
         TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
         if (map.count(strRemoteApartmentUrl) != 0) return true;
