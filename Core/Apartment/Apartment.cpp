@@ -21,7 +21,8 @@ const DWORD CONNECTION_INFO_TIMEOUT_MS = 100;
 }  // namespace
 
 CApartment::CApartment()
-    : m_ConnectionManageMutex(MUTEX_NONE, USE_STD, nullptr),
+    : m_ConnectOpenMutex(MUTEX_NONE, USE_STD, nullptr),
+      m_ConnectionManageMutex(MUTEX_NONE, USE_STD, nullptr),
       m_ConnectionNotEmptyCondition(nullptr, USE_STD),
       m_bKeepListen(false),
       m_hListenThread(0),
@@ -237,13 +238,18 @@ void CApartment::receiveFrame(DWORD dwTimeout, bool bRtConnection) {
     std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
     const timespec deadline = OS::Clock::monotonicDeadline(dwTimeout);
 
-    auto take = [&sinks](IApartmentSink* sink) {
+    // A sink condemned by a stalled write is closed here; its nodes hear
+    // that the link went, as for a peer's close, and the entry is removed
+    // so that the next write opens a new link instead of failing for ever.
+    std::vector<IApartmentSink*> condemned;
+    auto take = [&sinks, &condemned](IApartmentSink* sink) {
         if (sink == nullptr || sink->isSinkClosed()) return;
+        sink->addRef();
         if (sink->isExpectSinkClosed()) {
             sink->closeSink();
+            condemned.push_back(sink);
             return;
         }
-        sink->addRef();
         sinks.push_back(sink);
     };
 
@@ -254,13 +260,20 @@ void CApartment::receiveFrame(DWORD dwTimeout, bool bRtConnection) {
     }
     for (auto& entry : map) take(entry.second);
 
-    if (sinks.empty()) {
+    if (sinks.empty() && condemned.empty()) {
         m_ConnectionNotEmptyCondition.wait(deadline);
         m_ConnectionManageMutex.unlock();
         return;
     }
     m_ConnectionManageMutex.unlock();
 
+    for (IApartmentSink* sink : condemned) {
+        APARTMENT_TMSG msg;
+        msg.m_intMsg = APARTMENT_CONNECTION_CLOSED;
+        msg.wParam = reinterpret_cast<WPARAM>(sink);  // the message carries the reference
+        msg.lParam = 0;
+        postMessage(msg);
+    }
     for (size_t first = 0; first < sinks.size(); first += MAX_SINKS_PER_WAIT) {
         const size_t count = std::min<size_t>(MAX_SINKS_PER_WAIT, sinks.size() - first);
         waitFrameOnSinks(&sinks[first], static_cast<unsigned int>(count), dwTimeout);
@@ -415,6 +428,7 @@ bool CApartment::connectApartment(const char* strRemoteApartmentUrl, bool bRtCon
     std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
     std::string address;
     getPortAddressFromApartmentUrl(strRemoteApartmentUrl, address);
+    TAutoMutex<OS::TBaseMutex> opening(&m_ConnectOpenMutex);
     {
         TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
         if (map.count(strRemoteApartmentUrl) != 0) return true;

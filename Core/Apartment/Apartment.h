@@ -193,6 +193,13 @@ private:
     std::string m_strApartmentUrl;
     CReference<IApartmentListenSink> m_ListenSink;
 
+    // Serialises connectApartment from its look-up to the new sink's filing,
+    // so that threads writing their first frames to a remote at once share
+    // one new link instead of each opening one that all but one would drop
+    // (with what was already written on it). Held while a link is opened
+    // (up to the connect time-out); taken before m_ConnectionManageMutex,
+    // never while holding it or the node mutex.
+    OS::TBaseMutex m_ConnectOpenMutex;
     // Guards the two sink maps, the loopback URL and both loopback slots.
     // m_ConnectionNotEmptyCondition wakes an idle communication thread when
     // a sink becomes available.

@@ -30,11 +30,20 @@ protected:
     // readable sink. A closed peer becomes APARTMENT_CONNECTION_CLOSED; a
     // frame on a real-time link goes straight to the callback on this
     // thread; any other frame is posted as a CApartmentFrame message.
+    // A link that can never yield another frame is treated as closed too:
+    // one whose peer has gone while a frame is still incomplete (the bytes
+    // left behind keep the zero-byte peek from seeing the close), and a
+    // real-time link holding a frame larger than RT_RAW_BUFFER_SIZE (it
+    // would block the link for good). Either would otherwise keep the socket
+    // readable and the thread spinning.
     void waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintCount,
                           DWORD dwTimeout) override;
 
 private:
-    void receiveOneFrame(IApartmentSink* pSink);
+    enum RECEIVE_RESULT { FRAME_TAKEN, FRAME_PENDING, FRAME_REFUSED };
+    RECEIVE_RESULT receiveOneFrame(IApartmentSink* pSink);
+    // Closes the sink and posts APARTMENT_CONNECTION_CLOSED with a reference.
+    void postConnectionClosed(IApartmentSink* pSink);
 
     char* m_pRtRawBuffer;  // used only by the real-time communication thread
     unsigned int m_uintRtRawBufferSize;

@@ -392,7 +392,11 @@ bool CTcpServerSink::waitRemoteConnectionInfo(DWORD dwTimeoutMs, bool& bRtConnec
     // next receive is offered only that frame's size.
     unsigned int capacity = CONNECTION_FRAME_SIZE;
     timespec giveUpAt = OS::Clock::monotonicDeadline(dwTimeoutMs);
+    const timespec totalGiveUpAt = OS::Clock::monotonicDeadline(CONNECTION_INFO_TOTAL_TIMEOUT_MS);
     for (;;) {
+        timespec now{0, 0};
+        OS::Clock::getTime(OS::Clock::MONOTONIC, &now, USE_DEFAULT);
+        if (!OS::Clock::isEarlier(now, totalGiveUpAt)) return false;
         if (!m_Socket.readyToRead(dwTimeoutMs, nullptr)) return false;
         if (m_Socket.getSockFd() == -1 || m_Socket.isLinkBroken()) return false;
 
@@ -415,7 +419,6 @@ bool CTcpServerSink::waitRemoteConnectionInfo(DWORD dwTimeoutMs, bool& bRtConnec
             giveUpAt = OS::Clock::monotonicDeadline(dwTimeoutMs);
             continue;
         }
-        timespec now{0, 0};
         OS::Clock::getTime(OS::Clock::MONOTONIC, &now, USE_DEFAULT);
         if (!OS::Clock::isEarlier(now, giveUpAt)) return false;
         pauseMicroseconds(NO_PROGRESS_PAUSE_US);

@@ -171,12 +171,19 @@ public:
     // peer's URL, zero-padded, with a final zero that always terminates it.
     static constexpr unsigned int CONNECTION_FRAME_SIZE = 130;
     static constexpr unsigned int CONNECTION_FRAME_URL_OFFSET = 1;
+    // The whole handshake wait never lasts longer than this (plus one
+    // readability wait): it runs on the host's dispatching thread, and a
+    // peer feeding a huge first frame byte by byte would otherwise hold
+    // that thread for as long as it likes.
+    static constexpr DWORD CONNECTION_INFO_TOTAL_TIMEOUT_MS = 1000;
 
     APARTMENT_SINK_TYPE sinkType() const override;
     // Dispatching thread, before the sink is shared. Frames of other types
     // are dropped while it waits. Each wait for data lasts up to dwTimeoutMs;
     // a peer that keeps the link readable without completing a frame (half a
-    // header, say) is given up after dwTimeoutMs without progress.
+    // header, say) is given up after dwTimeoutMs without progress, and any
+    // peer after CONNECTION_INFO_TOTAL_TIMEOUT_MS in all. False drops the
+    // connection.
     bool waitRemoteConnectionInfo(DWORD dwTimeoutMs, bool& bRtConnection) override;
 
     // The socket the listen sink accepts into; not yet attached before that.

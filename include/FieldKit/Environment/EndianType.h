@@ -15,17 +15,12 @@ enum CPU_ENDIAN_TYPE {
 
 class CEndianType {
 public:
-    // Computed once and cached. Threads racing the first call all compute
-    // and store the same value, so the cache needs no lock.
+    // Computed once, on first use, by the language's thread-safe
+    // initialisation of a local static: senders on many threads convert
+    // their first header at the same time.
     static CPU_ENDIAN_TYPE getCPUEndianType() {
-        static volatile int cached = INVALID_ENDIAN_TYPE;
-        if (cached == INVALID_ENDIAN_TYPE) {
-            const unsigned char bytes[2] = {0x12, 0x34};
-            uint16_t probe;
-            std::memcpy(&probe, bytes, sizeof probe);
-            cached = probe == 0x1234 ? BIG_ENDIAN_TYPE : LITTLE_ENDIAN_TYPE;
-        }
-        return static_cast<CPU_ENDIAN_TYPE>(cached);
+        static const CPU_ENDIAN_TYPE cached = probeCPUEndianType();
+        return cached;
     }
 
     // Both directions are the same operation: reverse the bytes in place on
@@ -42,6 +37,13 @@ public:
     }
 
 private:
+    static CPU_ENDIAN_TYPE probeCPUEndianType() {
+        const unsigned char bytes[2] = {0x12, 0x34};
+        uint16_t probe;
+        std::memcpy(&probe, bytes, sizeof probe);
+        return probe == 0x1234 ? BIG_ENDIAN_TYPE : LITTLE_ENDIAN_TYPE;
+    }
+
     template <class T>
     static void reverse(T& value) {
         unsigned char* bytes = reinterpret_cast<unsigned char*>(&value);

@@ -1,0 +1,233 @@
+// Peers that misbehave on the wire: a handshake that never completes, a
+// frame cut short by a close, a real-time frame too large to deliver. Each
+// case runs the host apartment in this process and the peers in forked
+// processes, and prints the figure it checks.
+#include <gtest/gtest.h>
+
+#include "harden_support.h"
+
+using namespace harden;
+
+namespace {
+
+// A peer that sends the header of a huge first frame, then one byte of it
+// every 20 ms for `trickleMs`: the socket keeps becoming readable and the
+// frame keeps progressing, but no connection frame ever completes.
+int tricklingPeer(long trickleMs) {
+    const std::string url = Peer::readFromParent(5000);
+    if (url.empty()) return 10;
+    const int fd = rawConnect(portOf(url));
+    if (fd < 0) return 11;
+    const auto header = frameHeader(0, 1000000);
+    if (!sendAll(fd, header.data(), header.size())) return 12;
+    Peer::tellParent("started");
+    const long long until = nowMs() + trickleMs;
+    const char byte = 'x';
+    while (nowMs() < until) {
+        if (!sendAll(fd, &byte, 1, 200)) break;  // the host dropped us
+        sleepMs(20);
+    }
+    os_socket_close(fd, USE_DEFAULT);
+    return 0;
+}
+
+int requesterPeer() { return requesterPeerBody(); }
+
+// Pumps until `done`, returning the longest single dispatch call in ms.
+long long pumpMeasuringDispatch(const std::function<bool()>& done, long timeoutMs) {
+    long long longest = 0;
+    const long long until = nowMs() + timeoutMs;
+    while (!done() && nowMs() < until) {
+        const long long start = nowMs();
+        apartment_dispatch_message(nullptr, deadlineIn(20));
+        longest = std::max(longest, nowMs() - start);
+    }
+    return longest;
+}
+
+class HostileTest : public ::testing::Test {
+protected:
+    void TearDown() override {
+        apartment_uninitialize();
+        if (m_node != nullptr) m_node->releaseRef();
+        if (m_apartmentCb != nullptr) m_apartmentCb->releaseRef();
+    }
+    // The host apartment of this process, with node "echo" and a callback.
+    std::string startHost() {
+        const std::string url = initialiseOnFreePort(true);
+        if (url.empty()) return url;
+        m_node = createNode("echo");
+        m_apartmentCb = new ApartmentCallback;
+        apartment_set_callback(nullptr, m_apartmentCb);
+        return url;
+    }
+    NodeCallback* m_node = nullptr;
+    ApartmentCallback* m_apartmentCb = nullptr;
+};
+
+}  // namespace
+
+// The handshake of a new link runs on the dispatching thread; a peer that
+// keeps its first frame progressing without ever completing a connection
+// frame must not hold that thread for longer than the 1000 ms bound.
+TEST_F(HostileTest, TricklingHandshakeIsDroppedWhileAnotherRequesterIsServed) {
+    Peer trickler([] { return tricklingPeer(6000); });
+    Peer requester([] { return requesterPeer(); });
+    const std::string url = startHost();
+    ASSERT_FALSE(url.empty());
+
+    trickler.tell(url);
+    ASSERT_EQ(trickler.readLine(3000), "started");
+    sleepMs(100);  // the listen thread queues the trickler's link first
+    requester.tell(url);
+
+    std::string answer;
+    const long long longest = pumpMeasuringDispatch(
+        [&] {
+            if (answer.empty()) answer = requester.readLine(0);
+            return !answer.empty();
+        },
+        8000);
+    printf("[figure] handshake stall: longest dispatch %lld ms; requester answer \"%s\" (ms)\n",
+           longest, answer.c_str());
+    EXPECT_LT(longest, 1600);
+    EXPECT_EQ(answer.substr(0, 5), "ping ");
+    EXPECT_EQ(requester.wait(3000), 0);
+    EXPECT_EQ(trickler.wait(8000), 0);
+}
+
+// A peer that sends part of a frame header and closes leaves bytes in the
+// socket, so the zero-byte peek never reports the close: the link must
+// still be taken down, the nodes told, and the communication thread idle.
+TEST_F(HostileTest, PartialFrameThenCloseIsAnOfflineLinkAndNoSpin) {
+    const std::string ghost = "tcp://127.0.0.1:9";
+    Peer peer([&ghost] {
+        const std::string url = Peer::readFromParent(5000);
+        const int fd = rawConnect(portOf(url));
+        if (fd < 0) return 11;
+        const auto hello = connectionFrame(ghost, false);
+        if (!sendAll(fd, hello.data(), hello.size())) return 12;
+        sleepMs(300);  // the host files the link
+        const unsigned char partial[5] = {0, 0, 0, 1, 0};
+        if (!sendAll(fd, partial, sizeof partial)) return 13;
+        os_socket_close(fd, USE_DEFAULT);
+        return 0;
+    });
+    const std::string url = startHost();
+    ASSERT_FALSE(url.empty());
+    peer.tell(url);
+    ASSERT_TRUE(pumpUntil([&] { return apartment_has_connect_remote(nullptr, ghost.c_str(), false); },
+                          3000));
+    pumpFor(200);
+    ASSERT_EQ(peer.wait(3000), 0);
+    pumpFor(300);
+
+    const CpuShare cpu = measureCpu(1000, [](long ms) { pumpFor(ms); });
+    const bool heard = pumpUntil([&] { return m_node->heardOffline(ghost); }, 1000);
+    printf("[figure] partial frame then close: busiest thread %.1f%% of a core, process %.1f%%, "
+           "offline notice %s\n",
+           cpu.busiestThread * 100, cpu.process * 100, heard ? "heard" : "missing");
+    EXPECT_TRUE(heard);
+    EXPECT_FALSE(apartment_has_connect_remote(nullptr, ghost.c_str(), false));
+    EXPECT_LT(cpu.busiestThread, 0.2);
+}
+
+// A real-time frame larger than the 102400-byte buffer is never delivered.
+// It must not leave the real-time thread spinning on a readable socket
+// either: the link is condemned as if the peer had closed it.
+TEST_F(HostileTest, OversizedRealTimeFrameIsNotDeliveredAndDoesNotSpin) {
+    const std::string ghost = "tcp://127.0.0.1:9";
+    Peer peer([&ghost] {
+        const std::string url = Peer::readFromParent(5000);
+        const int fd = rawConnect(portOf(url));
+        if (fd < 0) return 11;
+        const auto hello = connectionFrame(ghost, true);
+        if (!sendAll(fd, hello.data(), hello.size())) return 12;
+        sleepMs(300);  // the host files the link
+        std::vector<unsigned char> big = frameHeader(7, 200000);
+        big.resize(big.size() + 200000, 'b');
+        const auto small = frameHeader(7, 4);
+        big.insert(big.end(), small.begin(), small.end());
+        big.insert(big.end(), {'t', 'a', 'i', 'l'});
+        sendAll(fd, big.data(), big.size(), 3000);  // may be cut off: fine
+        Peer::tellParent("sent");
+        Peer::readFromParent(5000);  // stay connected until the host is done
+        os_socket_close(fd, USE_DEFAULT);
+        return 0;
+    });
+    const std::string url = startHost();
+    ASSERT_FALSE(url.empty());
+    peer.tell(url);
+    ASSERT_TRUE(pumpUntil([&] { return apartment_has_connect_remote(nullptr, ghost.c_str(), true); },
+                          3000));
+    std::string sent;
+    pumpUntil([&] { return !(sent = peer.readLine(0)).empty(); }, 4000);
+    pumpFor(300);
+
+    const CpuShare cpu = measureCpu(1000, [](long ms) { pumpFor(ms); });
+    const bool heard = pumpUntil([&] { return m_node->heardOffline(ghost); }, 1000);
+    printf("[figure] oversized real-time frame: busiest thread %.1f%% of a core, process %.1f%%, "
+           "largest raw frame delivered %u bytes, link %s\n",
+           cpu.busiestThread * 100, cpu.process * 100, m_apartmentCb->largestRaw.load(),
+           heard ? "condemned (offline notice heard)" : "kept");
+    peer.tell("done");
+    EXPECT_EQ(peer.wait(3000), 0);
+    EXPECT_LE(m_apartmentCb->largestRaw.load(), 102400u);
+    EXPECT_LT(cpu.busiestThread, 0.2);
+    EXPECT_TRUE(heard);
+}
+
+// The baseline the hostile cases compare with: a forked requester is
+// answered by this process's "echo" node.
+TEST_F(HostileTest, WellFormedRequesterIsAnswered) {
+    Peer requester([] { return requesterPeer(); });
+    const std::string url = startHost();
+    ASSERT_FALSE(url.empty());
+    requester.tell(url);
+    std::string answer;
+    pumpUntil([&] { return !(answer = requester.readLine(0)).empty(); }, 6000);
+    printf("[figure] baseline: requester answer \"%s\" (ms)\n", answer.c_str());
+    EXPECT_EQ(answer.substr(0, 5), "ping ");
+    EXPECT_EQ(requester.wait(3000), 0);
+}
+
+// A live peer whose frame header arrives in pieces: the frame is delivered
+// once the rest comes, and while the header is incomplete (the socket
+// readable, nothing to consume) the communication thread does not spin.
+TEST_F(HostileTest, HeaderInPiecesFromALivePeerIsDeliveredWhenComplete) {
+    const std::string ghost = "tcp://127.0.0.1:9";
+    Peer peer([&ghost] {
+        const std::string url = Peer::readFromParent(5000);
+        const int fd = rawConnect(portOf(url));
+        if (fd < 0) return 11;
+        const auto hello = connectionFrame(ghost, false);
+        if (!sendAll(fd, hello.data(), hello.size())) return 12;
+        sleepMs(300);
+        const auto frame = requestFrame(ghost, "peer", url, "echo", 1, false, "pieces");
+        if (!sendAll(fd, frame.data(), 5)) return 13;
+        Peer::tellParent("half");
+        if (Peer::readFromParent(5000) != "rest") return 14;
+        if (!sendAll(fd, frame.data() + 5, frame.size() - 5)) return 15;
+        Peer::readFromParent(5000);
+        os_socket_close(fd, USE_DEFAULT);
+        return 0;
+    });
+    const std::string url = startHost();
+    ASSERT_FALSE(url.empty());
+    peer.tell(url);
+    std::string line;
+    ASSERT_TRUE(pumpUntil([&] { return !(line = peer.readLine(0)).empty(); }, 3000));
+    ASSERT_EQ(line, "half");
+    pumpFor(200);
+    const CpuShare cpu = measureCpu(1000, [](long ms) { pumpFor(ms); });
+    EXPECT_EQ(m_node->requests.load(), 0);
+    peer.tell("rest");
+    const bool delivered = pumpUntil([&] { return m_node->requests.load() == 1; }, 3000);
+    printf("[figure] header in pieces from a live peer: busiest thread %.1f%% of a core while "
+           "incomplete; frame %s once complete\n",
+           cpu.busiestThread * 100, delivered ? "delivered" : "lost");
+    EXPECT_TRUE(delivered);
+    EXPECT_LT(cpu.busiestThread, 0.2);
+    peer.tell("done");
+    EXPECT_EQ(peer.wait(3000), 0);
+}
