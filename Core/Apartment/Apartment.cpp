@@ -147,30 +147,18 @@ CReference<IApartmentCallback> CApartment::apartmentCallback() {
 
 // ------------------------------------------------------------------ threads
 
-void CApartment::createListenThread() {
-    TAutoMutex<OS::TBaseMutex> lock(&m_ThreadControlMutex);
-    if (m_hListenThread != 0) return;
-    m_bKeepListen = true;
-    OS::Thread::create(&m_hListenThread, apartmentListenThreadFunc, this, USE_STD, 0);
-}
-
-void CApartment::createNonRtCommunicationThread() {
-    TAutoMutex<OS::TBaseMutex> lock(&m_ThreadControlMutex);
-    if (m_hNonRtCommunicationThread != 0) return;
-    m_bKeepNonRtCommunication = true;
-    OS::Thread::create(&m_hNonRtCommunicationThread, apartmentNonRtCommunicationThreadFunc, this,
-                       USE_STD, 0);
-}
-
-void CApartment::createRtCommunicationThread() {
-    TAutoMutex<OS::TBaseMutex> lock(&m_ThreadControlMutex);
-    if (m_hRtCommunicationThread != 0) return;
-    m_bKeepRtCommunication = true;
-    OS::Thread::create(&m_hRtCommunicationThread, apartmentRtCommunicationThreadFunc, this,
-                       USE_STD, 0);
-}
-
 namespace {
+// Starts the thread unless one runs: the keep flag goes up before the thread
+// exists, so its first test of the flag sees it. The control mutex guards
+// the handle (a host thread and the dispatching thread may both start one).
+void startThread(OS::TBaseMutex& control, std::atomic<bool>& keep, pthread_t& handle,
+                 OS_THREAD_FUNCTION fn, void* arg) {
+    TAutoMutex<OS::TBaseMutex> lock(&control);
+    if (handle != 0) return;
+    keep = true;
+    OS::Thread::create(&handle, fn, arg, USE_STD, 0);
+}
+
 // Clears the keep flag and joins, without holding the control mutex during
 // the join (the thread may need locks that a creator holds).
 void stopThread(OS::TBaseMutex& control, std::atomic<bool>& keep, pthread_t& handle) {
@@ -185,6 +173,21 @@ void stopThread(OS::TBaseMutex& control, std::atomic<bool>& keep, pthread_t& han
     OS::Thread::join(thread, USE_DEFAULT);
 }
 }  // namespace
+
+void CApartment::createListenThread() {
+    startThread(m_ThreadControlMutex, m_bKeepListen, m_hListenThread, apartmentListenThreadFunc,
+                this);
+}
+
+void CApartment::createNonRtCommunicationThread() {
+    startThread(m_ThreadControlMutex, m_bKeepNonRtCommunication, m_hNonRtCommunicationThread,
+                apartmentNonRtCommunicationThreadFunc, this);
+}
+
+void CApartment::createRtCommunicationThread() {
+    startThread(m_ThreadControlMutex, m_bKeepRtCommunication, m_hRtCommunicationThread,
+                apartmentRtCommunicationThreadFunc, this);
+}
 
 void CApartment::destroyListenThread() {
     stopThread(m_ThreadControlMutex, m_bKeepListen, m_hListenThread);
