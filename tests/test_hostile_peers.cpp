@@ -100,14 +100,11 @@ TEST_F(HostileTest, TricklingHandshakeIsDroppedWhileAnotherRequesterIsServed) {
 // socket, so the zero-byte peek never reports the close: the link must
 // still be taken down, the nodes told, and the communication thread idle.
 TEST_F(HostileTest, PartialFrameThenCloseIsAnOfflineLinkAndNoSpin) {
-    const std::string ghost = "tcp://127.0.0.1:9";
+    const std::string& ghost = kGhost;
     Peer peer([&ghost] {
-        const std::string url = Peer::readFromParent(5000);
-        const int fd = rawConnect(portOf(url));
-        if (fd < 0) return 11;
-        const auto hello = connectionFrame(ghost, false);
-        if (!sendAll(fd, hello.data(), hello.size())) return 12;
-        sleepMs(300);  // the host files the link
+        std::string url;
+        const int fd = connectAs(ghost, false, url);
+        if (fd < 0) return -fd;
         const unsigned char partial[5] = {0, 0, 0, 1, 0};
         if (!sendAll(fd, partial, sizeof partial)) return 13;
         os_socket_close(fd, USE_DEFAULT);
@@ -136,14 +133,11 @@ TEST_F(HostileTest, PartialFrameThenCloseIsAnOfflineLinkAndNoSpin) {
 // It must not leave the real-time thread spinning on a readable socket
 // either: the link is condemned as if the peer had closed it.
 TEST_F(HostileTest, OversizedRealTimeFrameIsNotDeliveredAndDoesNotSpin) {
-    const std::string ghost = "tcp://127.0.0.1:9";
+    const std::string& ghost = kGhost;
     Peer peer([&ghost] {
-        const std::string url = Peer::readFromParent(5000);
-        const int fd = rawConnect(portOf(url));
-        if (fd < 0) return 11;
-        const auto hello = connectionFrame(ghost, true);
-        if (!sendAll(fd, hello.data(), hello.size())) return 12;
-        sleepMs(300);  // the host files the link
+        std::string url;
+        const int fd = connectAs(ghost, true, url);
+        if (fd < 0) return -fd;
         std::vector<unsigned char> big = frameHeader(7, 200000);
         big.resize(big.size() + 200000, 'b');
         const auto small = frameHeader(7, 4);
@@ -195,14 +189,11 @@ TEST_F(HostileTest, WellFormedRequesterIsAnswered) {
 // once the rest comes, and while the header is incomplete (the socket
 // readable, nothing to consume) the communication thread does not spin.
 TEST_F(HostileTest, HeaderInPiecesFromALivePeerIsDeliveredWhenComplete) {
-    const std::string ghost = "tcp://127.0.0.1:9";
+    const std::string& ghost = kGhost;
     Peer peer([&ghost] {
-        const std::string url = Peer::readFromParent(5000);
-        const int fd = rawConnect(portOf(url));
-        if (fd < 0) return 11;
-        const auto hello = connectionFrame(ghost, false);
-        if (!sendAll(fd, hello.data(), hello.size())) return 12;
-        sleepMs(300);
+        std::string url;
+        const int fd = connectAs(ghost, false, url);
+        if (fd < 0) return -fd;
         const auto frame = requestFrame(ghost, "peer", url, "echo", 1, false, "pieces");
         if (!sendAll(fd, frame.data(), 5)) return 13;
         Peer::tellParent("half");

@@ -10,35 +10,6 @@ using namespace harden;
 
 namespace {
 
-// An echo apartment on a given port (0: any free port) that reports its URL
-// and pumps until the parent writes a line or lifeMs passes. With
-// `answer` false its node swallows requests.
-int echoPeerAt(unsigned short port, long lifeMs, bool answer = true) {
-    std::string url;
-    if (port != 0) {
-        url = urlOf(port);
-        bool up = false;
-        for (int i = 0; i < 40 && !up; ++i) {  // the old owner may still hold it
-            up = apartment_initialize(url.c_str(), true);
-            if (!up) sleepMs(50);
-        }
-        if (!up) return 10;
-    } else {
-        url = initialiseOnFreePort(true);
-        if (url.empty()) return 10;
-    }
-    NodeCallback* cb = createNode("echo");
-    if (!answer) cb->onRequest = [](const char*, const char*, unsigned int, const void*,
-                                    unsigned int, bool) {};
-    Peer::tellParent(url);
-    const long long until = nowMs() + lifeMs;
-    while (nowMs() < until && Peer::readFromParent(0).empty())
-        apartment_dispatch_message(nullptr, deadlineIn(20));
-    apartment_uninitialize();
-    cb->releaseRef();
-    return 0;
-}
-
 class LinkFaultTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -70,7 +41,7 @@ protected:
 }  // namespace
 
 TEST_F(LinkFaultPeerTest, PeerKilledMidStreamIsReportedOffline) {
-    Peer peer([] { return echoPeerAt(0, 10000); });
+    Peer peer([] { return echoPeerBody(10000); });
     startHost();
     const std::string peerUrl = peer.readLine(5000);
     ASSERT_FALSE(peerUrl.empty());
@@ -102,14 +73,11 @@ TEST_F(LinkFaultPeerTest, PeerKilledMidStreamIsReportedOffline) {
 }
 
 TEST_F(LinkFaultPeerTest, PeerKilledMidFrameIsReportedOffline) {
-    const std::string ghost = "tcp://127.0.0.1:9";
+    const std::string& ghost = kGhost;
     Peer peer([&ghost] {
-        const std::string url = Peer::readFromParent(5000);
-        const int fd = rawConnect(portOf(url));
-        if (fd < 0) return 11;
-        const auto hello = connectionFrame(ghost, false);
-        if (!sendAll(fd, hello.data(), hello.size())) return 12;
-        sleepMs(300);
+        std::string url;
+        const int fd = connectAs(ghost, false, url);
+        if (fd < 0) return -fd;
         auto frame = requestFrame(ghost, "x", url, "client", 1, false, std::string(1000, 'm'));
         sendAll(fd, frame.data(), frame.size() / 2);
         sleepMs(100);
@@ -129,7 +97,7 @@ TEST_F(LinkFaultPeerTest, PeerKilledMidFrameIsReportedOffline) {
 // queue) when the responder dies: the read ends by its time-out, not later,
 // and the offline notice is dispatched during it.
 TEST_F(LinkFaultPeerTest, PeerKilledWhileARequesterWaitsForItsResponse) {
-    Peer peer([] { return echoPeerAt(0, 10000, false); });
+    Peer peer([] { return echoPeerBody(10000, 0, false); });
     startHost();
     const std::string peerUrl = peer.readLine(5000);
     ASSERT_FALSE(peerUrl.empty());
@@ -160,12 +128,12 @@ TEST_F(LinkFaultPeerTest, PeerKilledWhileARequesterWaitsForItsResponse) {
 // link to whoever listens on the URL now.
 TEST_F(LinkFaultPeerTest, PeerRestartingOnTheSameUrlIsReachedAgain) {
     const unsigned short port = freePort();
-    Peer first([port] { return echoPeerAt(port, 10000); });
+    Peer first([port] { return echoPeerBody(10000, port); });
     // Forked now, while this process has no apartment yet; it starts its
     // apartment when told to.
     Peer second([port] {
         if (Peer::readFromParent(10000) != "go") return 20;
-        return echoPeerAt(port, 10000);
+        return echoPeerBody(10000, port);
     });
     startHost();
     const std::string peerUrl = first.readLine(5000);
