@@ -46,6 +46,13 @@ public:
     Peer() = default;
     explicit Peer(const std::function<int()>& body) { start(body); }
     void start(const std::function<int()>& body) { fork(body); }
+    // The next line from the peer, pumping this process's apartment while
+    // waiting; "" after `ms`.
+    std::string pumpReadLine(long ms) {
+        std::string line;
+        pumpUntil([&] { return !(line = readLine(0)).empty(); }, ms);
+        return line;
+    }
 };
 
 inline unsigned short portOf(const std::string& url) {

@@ -31,8 +31,6 @@ int tricklingPeer(long trickleMs) {
     return 0;
 }
 
-int requesterPeer() { return requesterPeerBody(); }
-
 // Pumps until `done`, returning the longest single dispatch call in ms.
 long long pumpMeasuringDispatch(const std::function<bool()>& done, long timeoutMs) {
     long long longest = 0;
@@ -72,7 +70,7 @@ protected:
 // frame must not hold that thread for longer than the 1000 ms bound.
 TEST_F(HostileTest, TricklingHandshakeIsDroppedWhileAnotherRequesterIsServed) {
     Peer trickler([] { return tricklingPeer(6000); });
-    Peer requester([] { return requesterPeer(); });
+    Peer requester([] { return requesterPeerBody(); });
     const std::string url = startHost();
     ASSERT_FALSE(url.empty());
 
@@ -154,8 +152,7 @@ TEST_F(HostileTest, OversizedRealTimeFrameIsNotDeliveredAndDoesNotSpin) {
     peer.tell(url);
     ASSERT_TRUE(pumpUntil([&] { return apartment_has_connect_remote(nullptr, ghost.c_str(), true); },
                           3000));
-    std::string sent;
-    pumpUntil([&] { return !(sent = peer.readLine(0)).empty(); }, 4000);
+    peer.pumpReadLine(4000);  // "sent"
     pumpFor(300);
 
     const CpuShare cpu = measureCpu(1000, [](long ms) { pumpFor(ms); });
@@ -174,12 +171,11 @@ TEST_F(HostileTest, OversizedRealTimeFrameIsNotDeliveredAndDoesNotSpin) {
 // The baseline the hostile cases compare with: a forked requester is
 // answered by this process's "echo" node.
 TEST_F(HostileTest, WellFormedRequesterIsAnswered) {
-    Peer requester([] { return requesterPeer(); });
+    Peer requester([] { return requesterPeerBody(); });
     const std::string url = startHost();
     ASSERT_FALSE(url.empty());
     requester.tell(url);
-    std::string answer;
-    pumpUntil([&] { return !(answer = requester.readLine(0)).empty(); }, 6000);
+    const std::string answer = requester.pumpReadLine(6000);
     printf("[figure] baseline: requester answer \"%s\" (ms)\n", answer.c_str());
     EXPECT_EQ(answer.substr(0, 5), "ping ");
     EXPECT_EQ(requester.wait(3000), 0);
@@ -206,8 +202,8 @@ TEST_F(HostileTest, HeaderInPiecesFromALivePeerIsDeliveredWhenComplete) {
     const std::string url = startHost();
     ASSERT_FALSE(url.empty());
     peer.tell(url);
-    std::string line;
-    ASSERT_TRUE(pumpUntil([&] { return !(line = peer.readLine(0)).empty(); }, 3000));
+    const std::string line = peer.pumpReadLine(3000);
+    ASSERT_FALSE(line.empty());
     ASSERT_EQ(line, "half");
     pumpFor(200);
     const CpuShare cpu = measureCpu(1000, [](long ms) { pumpFor(ms); });

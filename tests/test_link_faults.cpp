@@ -259,15 +259,13 @@ TEST_F(LinkFaultPeerTest, BurstOf200LinksOpenedAndClosed) {
     addEchoNode();
     const int descriptors = openDescriptors();
     burst.tell(m_url);
-    std::string opened;
     const long long start = nowMs();
-    pumpUntil([&] { return !(opened = burst.readLine(0)).empty(); }, 20000);
+    const std::string opened = burst.pumpReadLine(20000);
     const long long burstMs = nowMs() - start;
     pumpFor(1500);
     const int after = openDescriptors();
     requester.tell(m_url);
-    std::string answer;
-    pumpUntil([&] { return !(answer = requester.readLine(0)).empty(); }, 6000);
+    const std::string answer = requester.pumpReadLine(6000);
     printf("[figure] burst: \"%s\" (links opened and closed of 200, connects retried after a "
            "full backlog) in %lld ms; %zu offline notices; descriptors %d before, %d after; "
            "requester answer \"%s\" (ms)\n",
@@ -310,8 +308,8 @@ int manyLinksPeer(int links) {
 
 void manyLinksServed(Peer& peer, NodeCallback* node, const std::string& url, int links) {
     peer.tell(url);
-    std::string line;
-    ASSERT_TRUE(pumpUntil([&] { return !(line = peer.readLine(0)).empty(); }, 15000));
+    const std::string line = peer.pumpReadLine(15000);
+    ASSERT_FALSE(line.empty());
     ASSERT_EQ(line, "open");
     // Every link is filed once its handshake is dispatched.
     pumpFor(500);
