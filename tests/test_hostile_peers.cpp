@@ -98,10 +98,9 @@ TEST_F(HostileTest, TricklingHandshakeIsDroppedWhileAnotherRequesterIsServed) {
 // socket, so the zero-byte peek never reports the close: the link must
 // still be taken down, the nodes told, and the communication thread idle.
 TEST_F(HostileTest, PartialFrameThenCloseIsAnOfflineLinkAndNoSpin) {
-    const std::string& ghost = kGhost;
-    Peer peer([&ghost] {
+    Peer peer([] {
         std::string url;
-        const int fd = connectAs(ghost, false, url);
+        const int fd = connectAs(kGhost, false, url);
         if (fd < 0) return -fd;
         const unsigned char partial[5] = {0, 0, 0, 1, 0};
         if (!sendAll(fd, partial, sizeof partial)) return 13;
@@ -111,19 +110,19 @@ TEST_F(HostileTest, PartialFrameThenCloseIsAnOfflineLinkAndNoSpin) {
     const std::string url = startHost();
     ASSERT_FALSE(url.empty());
     peer.tell(url);
-    ASSERT_TRUE(pumpUntil([&] { return apartment_has_connect_remote(nullptr, ghost.c_str(), false); },
+    ASSERT_TRUE(pumpUntil([&] { return apartment_has_connect_remote(nullptr, kGhost.c_str(), false); },
                           3000));
     pumpFor(200);
     ASSERT_EQ(peer.wait(3000), 0);
     pumpFor(300);
 
     const CpuShare cpu = measureCpu(1000, [](long ms) { pumpFor(ms); });
-    const bool heard = pumpUntil([&] { return m_node->heardOffline(ghost); }, 1000);
+    const bool heard = pumpUntil([&] { return m_node->heardOffline(kGhost); }, 1000);
     printf("[figure] partial frame then close: busiest thread %.1f%% of a core, process %.1f%%, "
            "offline notice %s\n",
            cpu.busiestThread * 100, cpu.process * 100, heard ? "heard" : "missing");
     EXPECT_TRUE(heard);
-    EXPECT_FALSE(apartment_has_connect_remote(nullptr, ghost.c_str(), false));
+    EXPECT_FALSE(apartment_has_connect_remote(nullptr, kGhost.c_str(), false));
     EXPECT_LT(cpu.busiestThread, 0.2);
 }
 
@@ -131,10 +130,9 @@ TEST_F(HostileTest, PartialFrameThenCloseIsAnOfflineLinkAndNoSpin) {
 // It must not leave the real-time thread spinning on a readable socket
 // either: the link is condemned as if the peer had closed it.
 TEST_F(HostileTest, OversizedRealTimeFrameIsNotDeliveredAndDoesNotSpin) {
-    const std::string& ghost = kGhost;
-    Peer peer([&ghost] {
+    Peer peer([] {
         std::string url;
-        const int fd = connectAs(ghost, true, url);
+        const int fd = connectAs(kGhost, true, url);
         if (fd < 0) return -fd;
         std::vector<unsigned char> big = frameHeader(7, 200000);
         big.resize(big.size() + 200000, 'b');
@@ -150,13 +148,13 @@ TEST_F(HostileTest, OversizedRealTimeFrameIsNotDeliveredAndDoesNotSpin) {
     const std::string url = startHost();
     ASSERT_FALSE(url.empty());
     peer.tell(url);
-    ASSERT_TRUE(pumpUntil([&] { return apartment_has_connect_remote(nullptr, ghost.c_str(), true); },
+    ASSERT_TRUE(pumpUntil([&] { return apartment_has_connect_remote(nullptr, kGhost.c_str(), true); },
                           3000));
     peer.pumpReadLine(4000);  // "sent"
     pumpFor(300);
 
     const CpuShare cpu = measureCpu(1000, [](long ms) { pumpFor(ms); });
-    const bool heard = pumpUntil([&] { return m_node->heardOffline(ghost); }, 1000);
+    const bool heard = pumpUntil([&] { return m_node->heardOffline(kGhost); }, 1000);
     printf("[figure] oversized real-time frame: busiest thread %.1f%% of a core, process %.1f%%, "
            "largest raw frame delivered %u bytes, link %s\n",
            cpu.busiestThread * 100, cpu.process * 100, m_apartmentCb->largestRaw.load(),
@@ -185,12 +183,11 @@ TEST_F(HostileTest, WellFormedRequesterIsAnswered) {
 // once the rest comes, and while the header is incomplete (the socket
 // readable, nothing to consume) the communication thread does not spin.
 TEST_F(HostileTest, HeaderInPiecesFromALivePeerIsDeliveredWhenComplete) {
-    const std::string& ghost = kGhost;
-    Peer peer([&ghost] {
+    Peer peer([] {
         std::string url;
-        const int fd = connectAs(ghost, false, url);
+        const int fd = connectAs(kGhost, false, url);
         if (fd < 0) return -fd;
-        const auto frame = requestFrame(ghost, "peer", url, "echo", 1, false, "pieces");
+        const auto frame = requestFrame(kGhost, "peer", url, "echo", 1, false, "pieces");
         if (!sendAll(fd, frame.data(), 5)) return 13;
         Peer::tellParent("half");
         if (Peer::readFromParent(5000) != "rest") return 14;

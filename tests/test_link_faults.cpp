@@ -73,12 +73,11 @@ TEST_F(LinkFaultPeerTest, PeerKilledMidStreamIsReportedOffline) {
 }
 
 TEST_F(LinkFaultPeerTest, PeerKilledMidFrameIsReportedOffline) {
-    const std::string& ghost = kGhost;
-    Peer peer([&ghost] {
+    Peer peer([] {
         std::string url;
-        const int fd = connectAs(ghost, false, url);
+        const int fd = connectAs(kGhost, false, url);
         if (fd < 0) return -fd;
-        auto frame = requestFrame(ghost, "x", url, "client", 1, false, std::string(1000, 'm'));
+        auto frame = requestFrame(kGhost, "x", url, "client", 1, false, std::string(1000, 'm'));
         sendAll(fd, frame.data(), frame.size() / 2);
         sleepMs(100);
         ::kill(getpid(), SIGKILL);
@@ -86,7 +85,7 @@ TEST_F(LinkFaultPeerTest, PeerKilledMidFrameIsReportedOffline) {
     });
     startHost();
     peer.tell(m_url);
-    const bool heard = pumpUntil([&] { return m_node->heardOffline(ghost); }, 4000);
+    const bool heard = pumpUntil([&] { return m_node->heardOffline(kGhost); }, 4000);
     printf("[figure] killed mid-frame: offline notice %s\n", heard ? "heard" : "missing");
     EXPECT_TRUE(heard);
     EXPECT_EQ(m_node->requests.load(), 0);
