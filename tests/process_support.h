@@ -60,21 +60,32 @@ inline void pumpFor(long ms) {
     pumpUntil([] { return false; }, ms);
 }
 
-// A port on 127.0.0.1 that was free a moment ago (the kernel picked it for
-// port 0).
-inline unsigned short freePort() {
+// A socket bound to 127.0.0.1 at a port the kernel picks, listening with
+// `backlog` when that is above 0; the port in `port`. -1 when a step failed.
+inline int bindAnyPort(unsigned short& port, int backlog = 0) {
     const int fd = os_socket(AF_INET, SOCK_STREAM, 0, USE_DEFAULT);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = os_socket_address_from_text("127.0.0.1");
-    unsigned short port = 0;
     socklen_t length = sizeof address;
-    if (os_socket_bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address, USE_DEFAULT) ==
-            0 &&
+    if (fd < 0 ||
+        os_socket_bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address, USE_DEFAULT) !=
+            0 ||
+        (backlog > 0 && os_socket_listen(fd, backlog, USE_DEFAULT) != 0) ||
         os_socket_get_sock_name(fd, reinterpret_cast<sockaddr*>(&address), &length,
-                                USE_DEFAULT) == 0)
-        port = ntohs(address.sin_port);
-    os_socket_close(fd, USE_DEFAULT);
+                                USE_DEFAULT) != 0) {
+        if (fd >= 0) os_socket_close(fd, USE_DEFAULT);
+        return -1;
+    }
+    port = ntohs(address.sin_port);
+    return fd;
+}
+
+// A port on 127.0.0.1 that was free a moment ago.
+inline unsigned short freePort() {
+    unsigned short port = 0;
+    const int fd = bindAnyPort(port);
+    if (fd >= 0) os_socket_close(fd, USE_DEFAULT);
     return port;
 }
 

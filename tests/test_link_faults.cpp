@@ -159,17 +159,10 @@ TEST_F(LinkFaultPeerTest, PeerRestartingOnTheSameUrlIsReachedAgain) {
 // nodes hear that it went. No write blocks for long.
 TEST_F(LinkFaultPeerTest, PeerThatNeverReadsCondemnsTheLink) {
     Peer peer([] {
-        const int fd = os_socket(AF_INET, SOCK_STREAM, 0, USE_DEFAULT);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = os_socket_address_from_text("127.0.0.1");
-        if (os_socket_bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address,
-                           USE_DEFAULT) != 0 ||
-            os_socket_listen(fd, 5, USE_DEFAULT) != 0)
-            return 10;
-        socklen_t length = sizeof address;
-        os_socket_get_sock_name(fd, reinterpret_cast<sockaddr*>(&address), &length, USE_DEFAULT);
-        Peer::tellParent(urlOf(ntohs(address.sin_port)));
+        unsigned short port = 0;
+        const int fd = bindAnyPort(port, 5);
+        if (fd < 0) return 10;
+        Peer::tellParent(urlOf(port));
         int error = 0;
         if (os_socket_readable(fd, 5000, &error, USE_DEFAULT) == 0) return 11;
         const int link = os_socket_accept(fd, nullptr, nullptr, USE_DEFAULT);
@@ -208,17 +201,10 @@ TEST_F(LinkFaultPeerTest, PeerThatNeverReadsCondemnsTheLink) {
 }
 
 TEST(LinkFaultPortTest, TakenListenPortFailsInitialisationCleanly) {
-    const int fd = os_socket(AF_INET, SOCK_STREAM, 0, USE_DEFAULT);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = os_socket_address_from_text("127.0.0.1");
-    ASSERT_EQ(os_socket_bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address,
-                             USE_DEFAULT),
-              0);
-    ASSERT_EQ(os_socket_listen(fd, 5, USE_DEFAULT), 0);
-    socklen_t length = sizeof address;
-    os_socket_get_sock_name(fd, reinterpret_cast<sockaddr*>(&address), &length, USE_DEFAULT);
-    const std::string taken = urlOf(ntohs(address.sin_port));
+    unsigned short port = 0;
+    const int fd = bindAnyPort(port, 5);
+    ASSERT_GE(fd, 0);
+    const std::string taken = urlOf(port);
 
     const int descriptors = openDescriptors();
     EXPECT_FALSE(apartment_initialize(taken.c_str(), true));
