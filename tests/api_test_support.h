@@ -274,6 +274,22 @@ inline int readResponse(const char* node, unsigned int id, int& code, std::vecto
                                         timeoutMs);
 }
 
+// Sends an empty request and waits up to `ms` for the answer's code and
+// length (the answer stays stored). The status of the first call that
+// failed, or 0 with the answer's code in `code` when given.
+inline int emptyRoundTrip(const char* node, const std::string& url, const char* remoteNode,
+                          int* code = nullptr, int ms = 10000) {
+    unsigned int id = 0;
+    const int rc = apartment_node_write_request(nullptr, node, url.c_str(), remoteNode, nullptr, 0,
+                                                id);
+    if (rc != 0) return rc;
+    int answerCode = 0;
+    unsigned int length = 0;
+    const int read = apartment_node_read_response(nullptr, node, id, answerCode, nullptr, length, ms);
+    if (code != nullptr) *code = answerCode;
+    return read;
+}
+
 inline unsigned int fnv1a(const void* data, size_t length) {
     unsigned int hash = 2166136261u;
     const unsigned char* bytes = static_cast<const unsigned char*>(data);
