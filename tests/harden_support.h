@@ -1,7 +1,6 @@
-// Helpers for the multi-process checks: forking peers that always end and
-// are always reaped, free ports, raw TCP peers that speak (or abuse) the
-// frame protocol, pumping the process's apartment through the C interface,
-// and CPU and memory readings of this process.
+// Helpers for the multi-process checks, on top of process_support.h: forked
+// peers, raw TCP peers that speak (or abuse) the frame protocol, recording
+// callbacks, and CPU and memory readings of this process.
 //
 // One apartment per process: a test forks its peers before it initialises
 // its own apartment, and a peer initialises its own after the fork. Every
@@ -9,15 +8,10 @@
 #ifndef APARTMENT_TESTS_HARDEN_SUPPORT_H
 #define APARTMENT_TESTS_HARDEN_SUPPORT_H
 
-#include <poll.h>
-#include <signal.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -31,7 +25,6 @@
 
 #include "ApartmentApi.h"
 #include "GroundKit/Base/Stub.h"
-#include "GroundKit/OS/OS_Clock.h"
 #include "os_socket.h"
 #include "process_support.h"
 
