@@ -5,13 +5,8 @@
 #ifndef APARTMENT_TESTS_API_TEST_SUPPORT_H
 #define APARTMENT_TESTS_API_TEST_SUPPORT_H
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <functional>
@@ -20,63 +15,18 @@
 #include <thread>
 #include <vector>
 
-#include "FieldKit/Socket/Socket.h"
+#include "process_support.h"
 #include "api_host_object.h"
 
-extern char** environ;
-
 namespace apitest {
+
+using namespace proc;
 
 using Clock = std::chrono::steady_clock;
 
 inline long msSince(Clock::time_point since) {
     return static_cast<long>(
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
-}
-
-// An absolute deadline on the monotonic clock, as the dispatch call takes it.
-inline timespec deadlineIn(int ms) {
-    const auto at = Clock::now().time_since_epoch() + std::chrono::milliseconds(ms);
-    timespec ts;
-    ts.tv_sec = static_cast<time_t>(std::chrono::duration_cast<std::chrono::seconds>(at).count());
-    ts.tv_nsec = static_cast<long>((at - std::chrono::seconds(ts.tv_sec)).count());
-    return ts;
-}
-
-// Dispatches this process's messages for `ms` milliseconds.
-inline void pumpFor(int ms) {
-    const auto end = Clock::now() + std::chrono::milliseconds(ms);
-    while (Clock::now() < end) apartment_dispatch_message(nullptr, deadlineIn(10));
-}
-
-// Dispatches until `done` holds or `ms` pass; the final value of `done`.
-inline bool pumpUntil(const std::function<bool()>& done, int ms) {
-    const auto end = Clock::now() + std::chrono::milliseconds(ms);
-    while (!done() && Clock::now() < end) apartment_dispatch_message(nullptr, deadlineIn(10));
-    return done();
-}
-
-// A port on 127.0.0.1 that was free a moment ago (bound, read back, closed).
-inline unsigned short freePort() {
-    CSocket probe;
-    std::string ip;
-    USHORT port = 0;
-    if (!probe.initSocket(SOCK_STREAM, "127.0.0.1", 0, USE_DEFAULT) || !probe.getSockName(ip, port))
-        return 0;
-    probe.close();
-    return port;
-}
-
-inline std::string urlOnFreePort() { return "tcp://127.0.0.1:" + std::to_string(freePort()); }
-
-// Initialises this process's apartment on a free port, retrying a few times
-// in case another process took the port meanwhile. The URL, or "".
-inline std::string initialiseOnFreePort() {
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        const std::string url = urlOnFreePort();
-        if (apartment_initialize(url.c_str(), true)) return url;
-    }
-    return "";
 }
 
 // The fixture of the end-to-end tests: this process's apartment.
@@ -105,16 +55,16 @@ public:
     bool start() {
         for (int attempt = 0; attempt < 5; ++attempt) {
             m_url = urlOnFreePort();
-            if (!spawn()) return false;
-            std::string line;
-            if (waitFor("READY", 15000, &line)) return true;
+            m_reports.clear();
+            if (!m_child.spawn(API_PEER_PATH, {m_url})) return false;
+            if (waitFor("READY", 15000)) return true;
             stop(false);
         }
         return false;
     }
 
     const std::string& url() const { return m_url; }
-    pid_t pid() const { return m_pid; }
+    pid_t pid() const { return m_child.pid(); }
 
     // Waits up to `ms` for the next unconsumed report starting with
     // `prefix`, dispatching this process's messages meanwhile when `pump`.
@@ -146,119 +96,44 @@ public:
     }
 
     void signal(int sig) {
-        if (m_pid > 0) ::kill(m_pid, sig);
+        if (pid() > 0) ::kill(pid(), sig);
         if (sig == SIGSTOP) m_stopped = true;
         if (sig == SIGCONT) m_stopped = false;
     }
 
     // Kills the peer at once and reaps it.
-    void killNow() {
-        if (m_pid <= 0) return;
-        ::kill(m_pid, SIGKILL);
-        waitpid(m_pid, nullptr, 0);
-        m_pid = -1;
-        closeFds();
-    }
+    void killNow() { m_child.kill(); }
 
     // Asks the peer to quit and reaps it; a peer that does not exit cleanly
     // in time (unless stopped with SIGSTOP, or `expectClean` is false) fails
-    // the test: a sanitizer report in the peer shows up here.
+    // the test: a sanitizer report or crash in the peer shows up here.
     void stop(bool expectClean = true) {
-        if (m_pid <= 0) return;
+        if (pid() <= 0) return;
         expectClean = expectClean && !m_stopped;
-        if (m_in >= 0) {
-            (void)::write(m_in, "quit\n", 5);
-            ::close(m_in);
-            m_in = -1;
-        }
-        const auto end = Clock::now() + std::chrono::milliseconds(m_stopped ? 0 : 5000);
-        while (Clock::now() < end) {
-            int status = 0;
-            if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
-                m_pid = -1;
-                // A clean exit, or a sanitizer report or crash in the peer.
-                if (expectClean) {
-                    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
-                        << "the peer ended with status " << status;
-                }
-                break;
-            }
-            readReports(10);
-        }
+        m_child.tell("quit");
+        m_child.closeInput();
+        const int status = m_child.wait(m_stopped ? 0 : 5000);
+        m_stopped = false;
         if (expectClean) {
-            EXPECT_EQ(m_pid, -1) << "the peer did not stop by itself";
+            EXPECT_EQ(status, 0) << "the peer did not exit cleanly by itself"
+                                    " (-1: killed after the time-out, -2: died of a signal)";
         }
-        if (m_pid > 0) killNow();
-        closeFds();
     }
 
 private:
-    bool spawn() {
-        int in[2], out[2];
-        if (pipe(in) != 0) return false;
-        if (pipe(out) != 0) {
-            ::close(in[0]);
-            ::close(in[1]);
-            return false;
-        }
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-        posix_spawn_file_actions_addclose(&actions, in[1]);
-        posix_spawn_file_actions_addclose(&actions, out[0]);
-        std::string path = API_PEER_PATH;
-        char* argv[] = {&path[0], &m_url[0], nullptr};
-        const int rc = posix_spawn(&m_pid, path.c_str(), &actions, nullptr, argv, environ);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(in[0]);
-        ::close(out[1]);
-        m_in = in[1];
-        m_out = out[0];
-        fcntl(m_in, F_SETFD, FD_CLOEXEC);
-        fcntl(m_out, F_SETFD, FD_CLOEXEC);
-        if (rc != 0) {
-            m_pid = -1;
-            closeFds();
-            return false;
-        }
-        return true;
-    }
-
-    // Reads what the peer wrote within `ms`; false once its output closed.
+    // Takes in what the peer reported within `ms`; false once its output
+    // closed.
     bool readReports(int ms) {
-        if (m_out < 0) return false;
-        pollfd fd{m_out, POLLIN, 0};
-        if (poll(&fd, 1, ms) <= 0) return true;
-        char buffer[4096];
-        const ssize_t got = ::read(m_out, buffer, sizeof(buffer));
-        if (got <= 0) {
-            ::close(m_out);
-            m_out = -1;
-            return false;
-        }
-        m_partial.append(buffer, static_cast<size_t>(got));
-        size_t end;
-        while ((end = m_partial.find('\n')) != std::string::npos) {
-            const std::string line = m_partial.substr(0, end);
-            m_partial.erase(0, end + 1);
+        std::string line;
+        int rc = 0;
+        for (int lines = 0; lines < 64 && (rc = m_child.readLine(ms, line)) == 1; ++lines, ms = 0)
             if (line.compare(0, 3, "@@ ") == 0) m_reports.push_back(line.substr(3));
-        }
-        return true;
+        return rc >= 0;
     }
 
-    void closeFds() {
-        if (m_in >= 0) ::close(m_in);
-        if (m_out >= 0) ::close(m_out);
-        m_in = m_out = -1;
-    }
-
+    proc::Child m_child;
     std::string m_url;
-    pid_t m_pid = -1;
-    int m_in = -1;
-    int m_out = -1;
     bool m_stopped = false;
-    std::string m_partial;
     std::vector<std::string> m_reports;
 };
 
@@ -397,6 +272,22 @@ inline int readResponse(const char* node, unsigned int id, int& code, std::vecto
     return apartment_node_read_response(nullptr, node, id, code,
                                         data.empty() ? static_cast<void*>(&capacity) : data.data(), capacity,
                                         timeoutMs);
+}
+
+// Sends an empty request and waits up to `ms` for the answer's code and
+// length (the answer stays stored). The status of the first call that
+// failed, or 0 with the answer's code in `code` when given.
+inline int emptyRoundTrip(const char* node, const std::string& url, const char* remoteNode,
+                          int* code = nullptr, int ms = 10000) {
+    unsigned int id = 0;
+    const int rc = apartment_node_write_request(nullptr, node, url.c_str(), remoteNode, nullptr, 0,
+                                                id);
+    if (rc != 0) return rc;
+    int answerCode = 0;
+    unsigned int length = 0;
+    const int read = apartment_node_read_response(nullptr, node, id, answerCode, nullptr, length, ms);
+    if (code != nullptr) *code = answerCode;
+    return read;
 }
 
 inline unsigned int fnv1a(const void* data, size_t length) {

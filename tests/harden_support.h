@@ -1,7 +1,6 @@
-// Helpers for the multi-process checks: forking peers that always end and
-// are always reaped, free ports, raw TCP peers that speak (or abuse) the
-// frame protocol, pumping the process's apartment through the C interface,
-// and CPU and memory readings of this process.
+// Helpers for the multi-process checks, on top of process_support.h: forked
+// peers, raw TCP peers that speak (or abuse) the frame protocol, recording
+// callbacks, and CPU and memory readings of this process.
 //
 // One apartment per process: a test forks its peers before it initialises
 // its own apartment, and a peer initialises its own after the fork. Every
@@ -9,15 +8,10 @@
 #ifndef APARTMENT_TESTS_HARDEN_SUPPORT_H
 #define APARTMENT_TESTS_HARDEN_SUPPORT_H
 
-#include <poll.h>
-#include <signal.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -31,173 +25,32 @@
 
 #include "ApartmentApi.h"
 #include "GroundKit/Base/Stub.h"
-#include "GroundKit/OS/OS_Clock.h"
 #include "os_socket.h"
+#include "process_support.h"
 
 namespace harden {
 
-inline long long nowMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
+using namespace proc;
 
-inline void sleepMs(long ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-
-// ---------------------------------------------------------------- processes
-
-// A forked peer. The destructor kills and reaps it if the test did not, so
-// a failed assertion never leaves a process behind.
-class Peer {
+// A forked peer (see proc::Child); killed and reaped at the latest by its
+// destructor.
+class Peer : public Child {
 public:
     Peer() = default;
     explicit Peer(const std::function<int()>& body) { start(body); }
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
-    ~Peer() { kill(); }
-
-    void start(const std::function<int()>& body) {
-        int fds[2];
-        int down[2];
-        // A peer that has gone must not kill the test through its pipe.
-        signal(SIGPIPE, SIG_IGN);
-        if (pipe(fds) != 0) return;
-        if (pipe(down) != 0) return;
-        std::fflush(stdout);
-        m_pid = fork();
-        if (m_pid == 0) {
-            close(fds[0]);
-            close(down[1]);
-            s_toParent = fds[1];
-            s_fromParent = down[0];
-            int rc = 99;
-            rc = body();
-            std::fflush(stdout);
-            _exit(rc);
-        }
-        close(fds[1]);
-        close(down[0]);
-        m_fromChild = fds[0];
-        m_toChild = down[1];
-    }
-    // One line to the child (see readFromParent).
-    void tell(const std::string& line) {
-        const std::string text = line + "\n";
-        if (m_toChild >= 0 && write(m_toChild, text.data(), text.size()) < 0) return;
-    }
-    pid_t pid() const { return m_pid; }
-
-    // Exit status once the peer ended within timeoutMs; -1 if it had to be
-    // killed, -2 if it died of a signal.
-    int wait(long timeoutMs) {
-        if (m_pid <= 0) return m_status;
-        const long long until = nowMs() + timeoutMs;
-        for (;;) {
-            int status = 0;
-            const pid_t r = waitpid(m_pid, &status, WNOHANG);
-            if (r == m_pid) {
-                m_pid = -1;
-                m_status = WIFEXITED(status) ? WEXITSTATUS(status) : -2;
-                return m_status;
-            }
-            if (nowMs() >= until) {
-                kill();
-                m_status = -1;
-                return m_status;
-            }
-            sleepMs(5);
-        }
-    }
-    void kill() {
-        if (m_pid > 0) {
-            ::kill(m_pid, SIGKILL);
-            int status = 0;
-            waitpid(m_pid, &status, 0);
-            m_pid = -1;
-        }
-        if (m_fromChild >= 0) close(m_fromChild);
-        if (m_toChild >= 0) close(m_toChild);
-        m_fromChild = -1;
-        m_toChild = -1;
-    }
-    // A line the child wrote with tellParent, or "" after timeoutMs.
-    std::string readLine(long timeoutMs) { return readLineFrom(m_fromChild, timeoutMs); }
-
-    // In the child: a line the parent wrote with tell, or "" after timeoutMs.
-    static std::string readFromParent(long timeoutMs) {
-        return readLineFrom(s_fromParent, timeoutMs);
-    }
-
-    static std::string readLineFrom(int fd, long timeoutMs) {
+    void start(const std::function<int()>& body) { fork(body); }
+    // The next line from the peer, pumping this process's apartment while
+    // waiting; "" after `ms`.
+    std::string pumpReadLine(long ms) {
         std::string line;
-        const long long until = nowMs() + timeoutMs;
-        while (fd >= 0) {
-            // Lines arrive whole (one write each), so a zero wait still
-            // returns a complete line once its first byte is there.
-            const long left = std::max(0L, static_cast<long>(until - nowMs()));
-            pollfd p{fd, POLLIN, 0};
-            if (poll(&p, 1, static_cast<int>(left)) <= 0) break;
-            char c;
-            if (read(fd, &c, 1) != 1) break;
-            if (c == '\n') return line;
-            line += c;
-        }
-        return "";
+        pumpUntil([&] { return !(line = readLine(0)).empty(); }, ms);
+        return line;
     }
-
-    // In the child: one line to the parent.
-    static void tellParent(const std::string& line) {
-        const std::string text = line + "\n";
-        if (s_toParent >= 0 && write(s_toParent, text.data(), text.size()) < 0) _exit(98);
-    }
-
-private:
-    pid_t m_pid = -1;
-    int m_fromChild = -1;
-    int m_toChild = -1;
-    int m_status = -3;
-    static inline int s_toParent = -1;
-    static inline int s_fromParent = -1;
 };
-
-// ---------------------------------------------------------------- sockets
-
-// A port that was free a moment ago (the kernel picked it for port 0).
-inline unsigned short freePort() {
-    const int fd = os_socket(AF_INET, SOCK_STREAM, 0, USE_DEFAULT);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = os_socket_address_from_text("127.0.0.1");
-    address.sin_port = 0;
-    unsigned short port = 0;
-    if (os_socket_bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address, USE_DEFAULT) ==
-        0) {
-        socklen_t length = sizeof address;
-        if (os_socket_get_sock_name(fd, reinterpret_cast<sockaddr*>(&address), &length,
-                                    USE_DEFAULT) == 0)
-            port = ntohs(address.sin_port);
-    }
-    os_socket_close(fd, USE_DEFAULT);
-    return port;
-}
-
-inline std::string urlOf(unsigned short port) {
-    return "tcp://127.0.0.1:" + std::to_string(port);
-}
 
 inline unsigned short portOf(const std::string& url) {
     const auto colon = url.rfind(':');
     return static_cast<unsigned short>(std::atoi(url.c_str() + colon + 1));
-}
-
-// Initialises this process's apartment on a free port; retries because
-// another process may take the port between the probe and the bind.
-inline std::string initialiseOnFreePort(bool passive = true) {
-    for (int attempt = 0; attempt < 20; ++attempt) {
-        const std::string url = urlOf(freePort());
-        if (apartment_initialize(url.c_str(), passive)) return url;
-    }
-    return "";
 }
 
 // A blocking client socket connected to 127.0.0.1:port, or -1. The
@@ -267,22 +120,6 @@ inline std::vector<unsigned char> connectionFrame(const std::string& url, bool r
 }
 
 // ---------------------------------------------------------------- apartment
-
-inline timespec deadlineIn(long ms) { return OS::Clock::monotonicDeadline(ms); }
-
-// Pumps this process's apartment until `done` holds or timeoutMs passed.
-inline bool pumpUntil(const std::function<bool()>& done, long timeoutMs) {
-    const long long until = nowMs() + timeoutMs;
-    while (!done()) {
-        if (nowMs() >= until) return false;
-        apartment_dispatch_message(nullptr, deadlineIn(20));
-    }
-    return true;
-}
-
-inline void pumpFor(long ms) {
-    pumpUntil([] { return false; }, ms);
-}
 
 // A node callback whose behaviour the test supplies. Records offline
 // notices; answers requests with `onRequest` (by default: echo the payload).
@@ -378,19 +215,62 @@ inline std::string requestAndRead(const char* node, const std::string& remoteUrl
     return answer;
 }
 
-// A responder peer: initialises on a free port, creates node "echo" that
-// echoes, tells the parent its URL, and pumps until the parent closes the
-// pipe or lifeMs passes.
-inline int echoPeerBody(long lifeMs) {
-    const std::string url = initialiseOnFreePort(true);
-    if (url.empty()) return 10;
+// A responder peer: an echo apartment on `port` (0: any free port) that
+// tells the parent its URL and pumps until the parent writes a line or
+// `lifeMs` pass. With `answer` false its node swallows requests.
+inline int echoPeerBody(long lifeMs, unsigned short port = 0, bool answer = true) {
+    std::string url;
+    if (port != 0) {
+        url = urlOf(port);
+        bool up = false;
+        for (int i = 0; i < 40 && !up; ++i) {  // the old owner may still hold it
+            up = apartment_initialize(url.c_str(), true);
+            if (!up) sleepMs(50);
+        }
+        if (!up) return 10;
+    } else {
+        url = initialiseOnFreePort(true);
+        if (url.empty()) return 10;
+    }
     NodeCallback* cb = createNode("echo");
+    if (!answer) cb->onRequest = [](const char*, const char*, unsigned int, const void*,
+                                    unsigned int, bool) {};
     Peer::tellParent(url);
-    pumpFor(lifeMs);
+    const long long until = nowMs() + lifeMs;
+    while (nowMs() < until && Peer::readFromParent(0).empty())
+        apartment_dispatch_message(nullptr, deadlineIn(20));
     apartment_uninitialize();
     cb->releaseRef();
     return 0;
 }
+
+// A thread that owns dispatching for this process's apartment (dispatch
+// enabled for it) until destroyed; writers on other threads then wait for
+// their responses.
+class DispatchThread {
+public:
+    DispatchThread()
+        : m_thread([this] {
+              m_locked = apartment_set_dispatch_enabled(nullptr, true);
+              m_started = true;
+              while (m_pumping) apartment_dispatch_message(nullptr, deadlineIn(20));
+              apartment_set_dispatch_enabled(nullptr, false);
+          }) {
+        while (!m_started) sleepMs(1);
+    }
+    ~DispatchThread() { stop(); }
+    bool locked() const { return m_locked; }
+    void stop() {
+        m_pumping = false;
+        if (m_thread.joinable()) m_thread.join();
+    }
+
+private:
+    std::atomic<bool> m_pumping{true};
+    std::atomic<bool> m_started{false};
+    std::atomic<bool> m_locked{false};
+    std::thread m_thread;
+};
 
 // A well-formed requester peer: reads the host's URL from the parent,
 // starts its own apartment, sends "ping" to the host's "echo" node and
@@ -407,6 +287,24 @@ inline int requesterPeerBody(int timeoutMs = 4000) {
     apartment_uninitialize();
     cb->releaseRef();
     return answer == "ping" ? 0 : 1;
+}
+
+// The URL a raw peer announces: nothing listens there, so the host can
+// only reach it over the link the peer opened.
+inline const std::string kGhost = "tcp://127.0.0.1:9";
+
+// In a forked raw peer: reads the host's URL from the parent, connects and
+// announces `ghost` on a link of the given class, then gives the host
+// `settleMs` to file the link. The socket, or minus the exit code to give.
+inline int connectAs(const std::string& ghost, bool rt, std::string& hostUrl,
+                     long settleMs = 300) {
+    hostUrl = Peer::readFromParent(5000);
+    const int fd = rawConnect(portOf(hostUrl));
+    if (fd < 0) return -11;
+    const auto hello = connectionFrame(ghost, rt);
+    if (!sendAll(fd, hello.data(), hello.size())) return -12;
+    sleepMs(settleMs);
+    return fd;
 }
 
 // A request frame (header and payload) as a foreign peer would write it.

@@ -279,12 +279,7 @@ TEST_F(Liveness, AKilledPeerIsHeardByEveryNodeAndByTheHeartbeat) {
         ASSERT_TRUE(apartment_node_set_callback(nullptr, name, node->get()));
     }
     // A live link: a request answered over it.
-    unsigned int id = 0;
-    ASSERT_EQ(apartment_node_write_request(nullptr, "a", peer.url().c_str(), "echo", nullptr, 0, id),
-              0);
-    int code = 0;
-    unsigned int length = 0;
-    ASSERT_EQ(apartment_node_read_response(nullptr, "a", id, code, nullptr, length, 10000), 0);
+    ASSERT_EQ(emptyRoundTrip("a", peer.url(), "echo"), 0);
     ASSERT_TRUE(apartment_keepalive_with(nullptr, peer.url().c_str(), 2, period));
     pumpFor(3 * period);
     EXPECT_TRUE(apartment->offline().empty());
@@ -308,12 +303,7 @@ TEST_F(Liveness, ALostLinkWaitsForReentryToBeAllowed) {
     Held<NodeRecorder> node;
     ASSERT_TRUE(apartment_node_create(nullptr, "n"));
     ASSERT_TRUE(apartment_node_set_callback(nullptr, "n", node.get()));
-    unsigned int id = 0;
-    ASSERT_EQ(apartment_node_write_request(nullptr, "n", peer.url().c_str(), "echo", nullptr, 0, id),
-              0);
-    int code = 0;
-    unsigned int length = 0;
-    ASSERT_EQ(apartment_node_read_response(nullptr, "n", id, code, nullptr, length, 10000), 0);
+    ASSERT_EQ(emptyRoundTrip("n", peer.url(), "echo"), 0);
 
     ASSERT_TRUE(apartment_allow_reentry(nullptr, false));
     peer.killNow();

@@ -313,13 +313,7 @@ TEST_F(Messaging, NodesOfOneApartmentTalkThroughItsOwnUrl) {
     // The same with a link to another apartment beside the loopback.
     Peer peer;
     ASSERT_TRUE(peer.start());
-    unsigned int id = 0;
-    ASSERT_EQ(apartment_node_write_request(nullptr, "me", peer.url().c_str(), "echo", nullptr, 0,
-                                           id),
-              0);
-    int code = 0;
-    unsigned int length = 0;
-    ASSERT_EQ(apartment_node_read_response(nullptr, "me", id, code, nullptr, length, 10000), 0);
+    ASSERT_EQ(emptyRoundTrip("me", peer.url(), "echo"), 0);
     roundTrip(5);
     EXPECT_EQ(server->requests().size(), 4u);
 }

@@ -45,18 +45,7 @@ struct ThreadResult {
 }  // namespace
 
 TEST(ConcurrentRequests, EightThreadsShareOneLinkAndEveryAnswerMatches) {
-    Peer responder([] {
-        const std::string url = initialiseOnFreePort(true);
-        if (url.empty()) return 10;
-        NodeCallback* cb = createNode("echo");
-        Peer::tellParent(url);
-        const long long until = nowMs() + 120000;
-        while (nowMs() < until && Peer::readFromParent(0).empty())
-            apartment_dispatch_message(nullptr, deadlineIn(20));
-        apartment_uninitialize();
-        cb->releaseRef();
-        return 0;
-    });
+    Peer responder([] { return echoPeerBody(120000); });
     const std::string url = initialiseOnFreePort(true);
     ASSERT_FALSE(url.empty());
     NodeCallback* node = createNode("client");
@@ -64,14 +53,8 @@ TEST(ConcurrentRequests, EightThreadsShareOneLinkAndEveryAnswerMatches) {
     ASSERT_FALSE(remote.empty());
 
     // One thread owns dispatching; the writers wait for their responses.
-    std::atomic<bool> pumping{true};
-    std::atomic<bool> locked{false};
-    std::thread pump([&] {
-        locked = apartment_set_dispatch_enabled(nullptr, true);
-        while (pumping) apartment_dispatch_message(nullptr, deadlineIn(20));
-        apartment_set_dispatch_enabled(nullptr, false);
-    });
-    while (!locked) sleepMs(1);
+    DispatchThread pump;
+    ASSERT_TRUE(pump.locked());
 
     std::vector<ThreadResult> results(THREADS);
     const long long start = nowMs();
@@ -114,8 +97,7 @@ TEST(ConcurrentRequests, EightThreadsShareOneLinkAndEveryAnswerMatches) {
     }
     for (auto& w : writers) w.join();
     const long long elapsed = nowMs() - start;
-    pumping = false;
-    pump.join();
+    pump.stop();
 
     std::set<unsigned int> distinct;
     std::vector<long long> latencies;
@@ -160,32 +142,15 @@ TEST(ConcurrentRequests, EightThreadsShareOneLinkAndEveryAnswerMatches) {
 TEST(ConcurrentRequests, SimultaneousFirstRequestsOnAFreshLinkAreAllAnswered) {
     const int ROUNDS = 10;
     const int WRITERS = 16;
-    Peer responder([] {
-        const std::string url = initialiseOnFreePort(true);
-        if (url.empty()) return 10;
-        NodeCallback* cb = createNode("echo");
-        Peer::tellParent(url);
-        const long long until = nowMs() + 60000;
-        while (nowMs() < until && Peer::readFromParent(0).empty())
-            apartment_dispatch_message(nullptr, deadlineIn(20));
-        apartment_uninitialize();
-        cb->releaseRef();
-        return 0;
-    });
+    Peer responder([] { return echoPeerBody(60000); });
     const std::string url = initialiseOnFreePort(true);
     ASSERT_FALSE(url.empty());
     NodeCallback* node = createNode("client");
     const std::string remote = responder.readLine(5000);
     ASSERT_FALSE(remote.empty());
 
-    std::atomic<bool> pumping{true};
-    std::atomic<bool> locked{false};
-    std::thread pump([&] {
-        locked = apartment_set_dispatch_enabled(nullptr, true);
-        while (pumping) apartment_dispatch_message(nullptr, deadlineIn(20));
-        apartment_set_dispatch_enabled(nullptr, false);
-    });
-    while (!locked) sleepMs(1);
+    DispatchThread pump;
+    ASSERT_TRUE(pump.locked());
 
     std::atomic<int> unanswered{0};
     for (int round = 0; round < ROUNDS; ++round) {
@@ -213,8 +178,7 @@ TEST(ConcurrentRequests, SimultaneousFirstRequestsOnAFreshLinkAreAllAnswered) {
         apartment_disconnect_remote(nullptr, remote.c_str(), false);
         sleepMs(300);
     }
-    pumping = false;
-    pump.join();
+    pump.stop();
     printf("[figure] %d rounds of %d simultaneous first requests: %d unanswered\n", ROUNDS,
            WRITERS, unanswered.load());
     EXPECT_EQ(unanswered.load(), 0);

@@ -31,8 +31,6 @@ int tricklingPeer(long trickleMs) {
     return 0;
 }
 
-int requesterPeer() { return requesterPeerBody(); }
-
 // Pumps until `done`, returning the longest single dispatch call in ms.
 long long pumpMeasuringDispatch(const std::function<bool()>& done, long timeoutMs) {
     long long longest = 0;
@@ -72,7 +70,7 @@ protected:
 // frame must not hold that thread for longer than the 1000 ms bound.
 TEST_F(HostileTest, TricklingHandshakeIsDroppedWhileAnotherRequesterIsServed) {
     Peer trickler([] { return tricklingPeer(6000); });
-    Peer requester([] { return requesterPeer(); });
+    Peer requester([] { return requesterPeerBody(); });
     const std::string url = startHost();
     ASSERT_FALSE(url.empty());
 
@@ -100,14 +98,10 @@ TEST_F(HostileTest, TricklingHandshakeIsDroppedWhileAnotherRequesterIsServed) {
 // socket, so the zero-byte peek never reports the close: the link must
 // still be taken down, the nodes told, and the communication thread idle.
 TEST_F(HostileTest, PartialFrameThenCloseIsAnOfflineLinkAndNoSpin) {
-    const std::string ghost = "tcp://127.0.0.1:9";
-    Peer peer([&ghost] {
-        const std::string url = Peer::readFromParent(5000);
-        const int fd = rawConnect(portOf(url));
-        if (fd < 0) return 11;
-        const auto hello = connectionFrame(ghost, false);
-        if (!sendAll(fd, hello.data(), hello.size())) return 12;
-        sleepMs(300);  // the host files the link
+    Peer peer([] {
+        std::string url;
+        const int fd = connectAs(kGhost, false, url);
+        if (fd < 0) return -fd;
         const unsigned char partial[5] = {0, 0, 0, 1, 0};
         if (!sendAll(fd, partial, sizeof partial)) return 13;
         os_socket_close(fd, USE_DEFAULT);
@@ -116,19 +110,19 @@ TEST_F(HostileTest, PartialFrameThenCloseIsAnOfflineLinkAndNoSpin) {
     const std::string url = startHost();
     ASSERT_FALSE(url.empty());
     peer.tell(url);
-    ASSERT_TRUE(pumpUntil([&] { return apartment_has_connect_remote(nullptr, ghost.c_str(), false); },
+    ASSERT_TRUE(pumpUntil([&] { return apartment_has_connect_remote(nullptr, kGhost.c_str(), false); },
                           3000));
     pumpFor(200);
     ASSERT_EQ(peer.wait(3000), 0);
     pumpFor(300);
 
     const CpuShare cpu = measureCpu(1000, [](long ms) { pumpFor(ms); });
-    const bool heard = pumpUntil([&] { return m_node->heardOffline(ghost); }, 1000);
+    const bool heard = pumpUntil([&] { return m_node->heardOffline(kGhost); }, 1000);
     printf("[figure] partial frame then close: busiest thread %.1f%% of a core, process %.1f%%, "
            "offline notice %s\n",
            cpu.busiestThread * 100, cpu.process * 100, heard ? "heard" : "missing");
     EXPECT_TRUE(heard);
-    EXPECT_FALSE(apartment_has_connect_remote(nullptr, ghost.c_str(), false));
+    EXPECT_FALSE(apartment_has_connect_remote(nullptr, kGhost.c_str(), false));
     EXPECT_LT(cpu.busiestThread, 0.2);
 }
 
@@ -136,14 +130,10 @@ TEST_F(HostileTest, PartialFrameThenCloseIsAnOfflineLinkAndNoSpin) {
 // It must not leave the real-time thread spinning on a readable socket
 // either: the link is condemned as if the peer had closed it.
 TEST_F(HostileTest, OversizedRealTimeFrameIsNotDeliveredAndDoesNotSpin) {
-    const std::string ghost = "tcp://127.0.0.1:9";
-    Peer peer([&ghost] {
-        const std::string url = Peer::readFromParent(5000);
-        const int fd = rawConnect(portOf(url));
-        if (fd < 0) return 11;
-        const auto hello = connectionFrame(ghost, true);
-        if (!sendAll(fd, hello.data(), hello.size())) return 12;
-        sleepMs(300);  // the host files the link
+    Peer peer([] {
+        std::string url;
+        const int fd = connectAs(kGhost, true, url);
+        if (fd < 0) return -fd;
         std::vector<unsigned char> big = frameHeader(7, 200000);
         big.resize(big.size() + 200000, 'b');
         const auto small = frameHeader(7, 4);
@@ -158,14 +148,13 @@ TEST_F(HostileTest, OversizedRealTimeFrameIsNotDeliveredAndDoesNotSpin) {
     const std::string url = startHost();
     ASSERT_FALSE(url.empty());
     peer.tell(url);
-    ASSERT_TRUE(pumpUntil([&] { return apartment_has_connect_remote(nullptr, ghost.c_str(), true); },
+    ASSERT_TRUE(pumpUntil([&] { return apartment_has_connect_remote(nullptr, kGhost.c_str(), true); },
                           3000));
-    std::string sent;
-    pumpUntil([&] { return !(sent = peer.readLine(0)).empty(); }, 4000);
+    peer.pumpReadLine(4000);  // "sent"
     pumpFor(300);
 
     const CpuShare cpu = measureCpu(1000, [](long ms) { pumpFor(ms); });
-    const bool heard = pumpUntil([&] { return m_node->heardOffline(ghost); }, 1000);
+    const bool heard = pumpUntil([&] { return m_node->heardOffline(kGhost); }, 1000);
     printf("[figure] oversized real-time frame: busiest thread %.1f%% of a core, process %.1f%%, "
            "largest raw frame delivered %u bytes, link %s\n",
            cpu.busiestThread * 100, cpu.process * 100, m_apartmentCb->largestRaw.load(),
@@ -180,12 +169,11 @@ TEST_F(HostileTest, OversizedRealTimeFrameIsNotDeliveredAndDoesNotSpin) {
 // The baseline the hostile cases compare with: a forked requester is
 // answered by this process's "echo" node.
 TEST_F(HostileTest, WellFormedRequesterIsAnswered) {
-    Peer requester([] { return requesterPeer(); });
+    Peer requester([] { return requesterPeerBody(); });
     const std::string url = startHost();
     ASSERT_FALSE(url.empty());
     requester.tell(url);
-    std::string answer;
-    pumpUntil([&] { return !(answer = requester.readLine(0)).empty(); }, 6000);
+    const std::string answer = requester.pumpReadLine(6000);
     printf("[figure] baseline: requester answer \"%s\" (ms)\n", answer.c_str());
     EXPECT_EQ(answer.substr(0, 5), "ping ");
     EXPECT_EQ(requester.wait(3000), 0);
@@ -195,15 +183,11 @@ TEST_F(HostileTest, WellFormedRequesterIsAnswered) {
 // once the rest comes, and while the header is incomplete (the socket
 // readable, nothing to consume) the communication thread does not spin.
 TEST_F(HostileTest, HeaderInPiecesFromALivePeerIsDeliveredWhenComplete) {
-    const std::string ghost = "tcp://127.0.0.1:9";
-    Peer peer([&ghost] {
-        const std::string url = Peer::readFromParent(5000);
-        const int fd = rawConnect(portOf(url));
-        if (fd < 0) return 11;
-        const auto hello = connectionFrame(ghost, false);
-        if (!sendAll(fd, hello.data(), hello.size())) return 12;
-        sleepMs(300);
-        const auto frame = requestFrame(ghost, "peer", url, "echo", 1, false, "pieces");
+    Peer peer([] {
+        std::string url;
+        const int fd = connectAs(kGhost, false, url);
+        if (fd < 0) return -fd;
+        const auto frame = requestFrame(kGhost, "peer", url, "echo", 1, false, "pieces");
         if (!sendAll(fd, frame.data(), 5)) return 13;
         Peer::tellParent("half");
         if (Peer::readFromParent(5000) != "rest") return 14;
@@ -215,8 +199,8 @@ TEST_F(HostileTest, HeaderInPiecesFromALivePeerIsDeliveredWhenComplete) {
     const std::string url = startHost();
     ASSERT_FALSE(url.empty());
     peer.tell(url);
-    std::string line;
-    ASSERT_TRUE(pumpUntil([&] { return !(line = peer.readLine(0)).empty(); }, 3000));
+    const std::string line = peer.pumpReadLine(3000);
+    ASSERT_FALSE(line.empty());
     ASSERT_EQ(line, "half");
     pumpFor(200);
     const CpuShare cpu = measureCpu(1000, [](long ms) { pumpFor(ms); });

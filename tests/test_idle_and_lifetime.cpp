@@ -25,28 +25,11 @@
 
 using namespace harden;
 
-namespace {
-
-int echoPeer(long lifeMs) {
-    const std::string url = initialiseOnFreePort(true);
-    if (url.empty()) return 10;
-    NodeCallback* cb = createNode("echo");
-    Peer::tellParent(url);
-    const long long until = nowMs() + lifeMs;
-    while (nowMs() < until && Peer::readFromParent(0).empty())
-        apartment_dispatch_message(nullptr, deadlineIn(20));
-    apartment_uninitialize();
-    cb->releaseRef();
-    return 0;
-}
-
-}  // namespace
-
 // The communication threads poll every 100 ms; with links and no traffic
 // the process should stay far below 1% of a core.
 TEST(IdleCost, LinkedApartmentWithoutTrafficStaysIdle) {
     const long windowMs = longChecksEnabled() ? 30000 : 5000;
-    Peer peer([windowMs] { return echoPeer(windowMs + 20000); });
+    Peer peer([windowMs] { return echoPeerBody(windowMs + 20000); });
     const std::string url = initialiseOnFreePort(true);
     ASSERT_FALSE(url.empty());
     NodeCallback* node = createNode("client");
@@ -79,7 +62,7 @@ TEST(IdleCost, LinkedApartmentWithoutTrafficStaysIdle) {
 TEST(Lifetime, RepeatedLivesLeaveNothingBehind) {
     const int cycles = longChecksEnabled() ? 200 : 40;
     const int early = cycles / 10;
-    Peer peer([] { return echoPeer(170000); });
+    Peer peer([] { return echoPeerBody(170000); });
     const std::string remote = peer.readLine(5000);
     ASSERT_FALSE(remote.empty());
 

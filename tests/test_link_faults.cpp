@@ -10,35 +10,6 @@ using namespace harden;
 
 namespace {
 
-// An echo apartment on a given port (0: any free port) that reports its URL
-// and pumps until the parent writes a line or lifeMs passes. With
-// `answer` false its node swallows requests.
-int echoPeerAt(unsigned short port, long lifeMs, bool answer = true) {
-    std::string url;
-    if (port != 0) {
-        url = urlOf(port);
-        bool up = false;
-        for (int i = 0; i < 40 && !up; ++i) {  // the old owner may still hold it
-            up = apartment_initialize(url.c_str(), true);
-            if (!up) sleepMs(50);
-        }
-        if (!up) return 10;
-    } else {
-        url = initialiseOnFreePort(true);
-        if (url.empty()) return 10;
-    }
-    NodeCallback* cb = createNode("echo");
-    if (!answer) cb->onRequest = [](const char*, const char*, unsigned int, const void*,
-                                    unsigned int, bool) {};
-    Peer::tellParent(url);
-    const long long until = nowMs() + lifeMs;
-    while (nowMs() < until && Peer::readFromParent(0).empty())
-        apartment_dispatch_message(nullptr, deadlineIn(20));
-    apartment_uninitialize();
-    cb->releaseRef();
-    return 0;
-}
-
 class LinkFaultTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -70,7 +41,7 @@ protected:
 }  // namespace
 
 TEST_F(LinkFaultPeerTest, PeerKilledMidStreamIsReportedOffline) {
-    Peer peer([] { return echoPeerAt(0, 10000); });
+    Peer peer([] { return echoPeerBody(10000); });
     startHost();
     const std::string peerUrl = peer.readLine(5000);
     ASSERT_FALSE(peerUrl.empty());
@@ -102,15 +73,11 @@ TEST_F(LinkFaultPeerTest, PeerKilledMidStreamIsReportedOffline) {
 }
 
 TEST_F(LinkFaultPeerTest, PeerKilledMidFrameIsReportedOffline) {
-    const std::string ghost = "tcp://127.0.0.1:9";
-    Peer peer([&ghost] {
-        const std::string url = Peer::readFromParent(5000);
-        const int fd = rawConnect(portOf(url));
-        if (fd < 0) return 11;
-        const auto hello = connectionFrame(ghost, false);
-        if (!sendAll(fd, hello.data(), hello.size())) return 12;
-        sleepMs(300);
-        auto frame = requestFrame(ghost, "x", url, "client", 1, false, std::string(1000, 'm'));
+    Peer peer([] {
+        std::string url;
+        const int fd = connectAs(kGhost, false, url);
+        if (fd < 0) return -fd;
+        auto frame = requestFrame(kGhost, "x", url, "client", 1, false, std::string(1000, 'm'));
         sendAll(fd, frame.data(), frame.size() / 2);
         sleepMs(100);
         ::kill(getpid(), SIGKILL);
@@ -118,7 +85,7 @@ TEST_F(LinkFaultPeerTest, PeerKilledMidFrameIsReportedOffline) {
     });
     startHost();
     peer.tell(m_url);
-    const bool heard = pumpUntil([&] { return m_node->heardOffline(ghost); }, 4000);
+    const bool heard = pumpUntil([&] { return m_node->heardOffline(kGhost); }, 4000);
     printf("[figure] killed mid-frame: offline notice %s\n", heard ? "heard" : "missing");
     EXPECT_TRUE(heard);
     EXPECT_EQ(m_node->requests.load(), 0);
@@ -129,7 +96,7 @@ TEST_F(LinkFaultPeerTest, PeerKilledMidFrameIsReportedOffline) {
 // queue) when the responder dies: the read ends by its time-out, not later,
 // and the offline notice is dispatched during it.
 TEST_F(LinkFaultPeerTest, PeerKilledWhileARequesterWaitsForItsResponse) {
-    Peer peer([] { return echoPeerAt(0, 10000, false); });
+    Peer peer([] { return echoPeerBody(10000, 0, false); });
     startHost();
     const std::string peerUrl = peer.readLine(5000);
     ASSERT_FALSE(peerUrl.empty());
@@ -160,12 +127,12 @@ TEST_F(LinkFaultPeerTest, PeerKilledWhileARequesterWaitsForItsResponse) {
 // link to whoever listens on the URL now.
 TEST_F(LinkFaultPeerTest, PeerRestartingOnTheSameUrlIsReachedAgain) {
     const unsigned short port = freePort();
-    Peer first([port] { return echoPeerAt(port, 10000); });
+    Peer first([port] { return echoPeerBody(10000, port); });
     // Forked now, while this process has no apartment yet; it starts its
     // apartment when told to.
     Peer second([port] {
         if (Peer::readFromParent(10000) != "go") return 20;
-        return echoPeerAt(port, 10000);
+        return echoPeerBody(10000, port);
     });
     startHost();
     const std::string peerUrl = first.readLine(5000);
@@ -192,17 +159,10 @@ TEST_F(LinkFaultPeerTest, PeerRestartingOnTheSameUrlIsReachedAgain) {
 // nodes hear that it went. No write blocks for long.
 TEST_F(LinkFaultPeerTest, PeerThatNeverReadsCondemnsTheLink) {
     Peer peer([] {
-        const int fd = os_socket(AF_INET, SOCK_STREAM, 0, USE_DEFAULT);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = os_socket_address_from_text("127.0.0.1");
-        if (os_socket_bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address,
-                           USE_DEFAULT) != 0 ||
-            os_socket_listen(fd, 5, USE_DEFAULT) != 0)
-            return 10;
-        socklen_t length = sizeof address;
-        os_socket_get_sock_name(fd, reinterpret_cast<sockaddr*>(&address), &length, USE_DEFAULT);
-        Peer::tellParent(urlOf(ntohs(address.sin_port)));
+        unsigned short port = 0;
+        const int fd = bindAnyPort(port, 5);
+        if (fd < 0) return 10;
+        Peer::tellParent(urlOf(port));
         int error = 0;
         if (os_socket_readable(fd, 5000, &error, USE_DEFAULT) == 0) return 11;
         const int link = os_socket_accept(fd, nullptr, nullptr, USE_DEFAULT);
@@ -241,17 +201,10 @@ TEST_F(LinkFaultPeerTest, PeerThatNeverReadsCondemnsTheLink) {
 }
 
 TEST(LinkFaultPortTest, TakenListenPortFailsInitialisationCleanly) {
-    const int fd = os_socket(AF_INET, SOCK_STREAM, 0, USE_DEFAULT);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = os_socket_address_from_text("127.0.0.1");
-    ASSERT_EQ(os_socket_bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address,
-                             USE_DEFAULT),
-              0);
-    ASSERT_EQ(os_socket_listen(fd, 5, USE_DEFAULT), 0);
-    socklen_t length = sizeof address;
-    os_socket_get_sock_name(fd, reinterpret_cast<sockaddr*>(&address), &length, USE_DEFAULT);
-    const std::string taken = urlOf(ntohs(address.sin_port));
+    unsigned short port = 0;
+    const int fd = bindAnyPort(port, 5);
+    ASSERT_GE(fd, 0);
+    const std::string taken = urlOf(port);
 
     const int descriptors = openDescriptors();
     EXPECT_FALSE(apartment_initialize(taken.c_str(), true));
@@ -291,15 +244,13 @@ TEST_F(LinkFaultPeerTest, BurstOf200LinksOpenedAndClosed) {
     addEchoNode();
     const int descriptors = openDescriptors();
     burst.tell(m_url);
-    std::string opened;
     const long long start = nowMs();
-    pumpUntil([&] { return !(opened = burst.readLine(0)).empty(); }, 20000);
+    const std::string opened = burst.pumpReadLine(20000);
     const long long burstMs = nowMs() - start;
     pumpFor(1500);
     const int after = openDescriptors();
     requester.tell(m_url);
-    std::string answer;
-    pumpUntil([&] { return !(answer = requester.readLine(0)).empty(); }, 6000);
+    const std::string answer = requester.pumpReadLine(6000);
     printf("[figure] burst: \"%s\" (links opened and closed of 200, connects retried after a "
            "full backlog) in %lld ms; %zu offline notices; descriptors %d before, %d after; "
            "requester answer \"%s\" (ms)\n",
@@ -342,8 +293,8 @@ int manyLinksPeer(int links) {
 
 void manyLinksServed(Peer& peer, NodeCallback* node, const std::string& url, int links) {
     peer.tell(url);
-    std::string line;
-    ASSERT_TRUE(pumpUntil([&] { return !(line = peer.readLine(0)).empty(); }, 15000));
+    const std::string line = peer.pumpReadLine(15000);
+    ASSERT_FALSE(line.empty());
     ASSERT_EQ(line, "open");
     // Every link is filed once its handshake is dispatched.
     pumpFor(500);

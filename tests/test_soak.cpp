@@ -116,8 +116,7 @@ TEST(Soak, MixedTrafficBetweenTwoProcesses) {
     ASSERT_EQ(requestAndRead("client", remote, "echo", "warm", 3000), "warm");
 
     peer.tell("rss");
-    std::string peerRssStart;
-    pumpUntil([&] { return !(peerRssStart = peer.readLine(0)).empty(); }, 3000);
+    const std::string peerRssStart = peer.pumpReadLine(3000);
     std::mt19937 random(1);
     std::vector<LatencyHistogram> buckets(static_cast<size_t>(seconds / interval + 1));
     const long rssStart = residentKb();
@@ -158,11 +157,9 @@ TEST(Soak, MixedTrafficBetweenTwoProcesses) {
     const long rssEnd = residentKb();
     const long heapEnd = heapInUseKb();
     peer.tell("rss");
-    std::string peerRssEnd;
-    pumpUntil([&] { return !(peerRssEnd = peer.readLine(0)).empty(); }, 3000);
+    const std::string peerRssEnd = peer.pumpReadLine(3000);
     peer.tell("stop");
-    std::string peerCounts;
-    pumpUntil([&] { return !(peerCounts = peer.readLine(0)).empty(); }, 5000);
+    const std::string peerCounts = peer.pumpReadLine(5000);
 
     printf("[figure] soak %lld s: %lld requests, %lld notifications, %lld raw frames, %lld "
            "failures; client timers %d, offline notices %d\n",

@@ -15,6 +15,17 @@ long elapsedMs(Clock::time_point since) {
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
 }
 
+// Makes `socket` listen on 127.0.0.1 at a system-chosen port; that port, or
+// 0 when any step failed.
+USHORT listenOnAnyPort(CSocket& socket, int backlog) {
+    std::string ip;
+    USHORT port = 0;
+    if (!socket.initSocket(SOCK_STREAM, "127.0.0.1", 0, USE_DEFAULT) || !socket.listen(backlog) ||
+        !socket.getSockName(ip, port))
+        return 0;
+    return port;
+}
+
 // A listener on 127.0.0.1 with a system-chosen port, a client connected to
 // it and the accepted server end.
 struct TcpLink {
@@ -22,10 +33,8 @@ struct TcpLink {
     USHORT port = 0;
 
     void open() {
-        ASSERT_TRUE(listener.initSocket(SOCK_STREAM, "127.0.0.1", 0, USE_DEFAULT));
-        ASSERT_TRUE(listener.listen(5));
-        std::string ip;
-        ASSERT_TRUE(listener.getSockName(ip, port));
+        port = listenOnAnyPort(listener, 5);
+        ASSERT_NE(port, 0);
         ASSERT_TRUE(client.initSocket(SOCK_STREAM, "127.0.0.1", 0, USE_DEFAULT));
         ASSERT_TRUE(client.connect("127.0.0.1", port));
         ASSERT_TRUE(listener.readyToRead(2000, nullptr));
@@ -116,11 +125,8 @@ TEST(Socket, WildcardAndNonAddressBindTheSameWildcard) {
 
 TEST(Socket, BindOfABusyPortPrintsTheErrorCode) {
     CSocket holder;
-    ASSERT_TRUE(holder.initSocket(SOCK_STREAM, "127.0.0.1", 0, USE_DEFAULT));
-    ASSERT_TRUE(holder.listen(1));
-    std::string ip;
-    USHORT port = 0;
-    ASSERT_TRUE(holder.getSockName(ip, port));
+    const USHORT port = listenOnAnyPort(holder, 1);
+    ASSERT_NE(port, 0);
 
     CSocket second;
     testing::internal::CaptureStdout();
@@ -147,11 +153,8 @@ TEST(Socket, ConnectWhereNothingListensStartsThenFails) {
 
 TEST(Socket, AcceptNeedsAPendingConnectionAndAFreeSocketObject) {
     CSocket listener;
-    ASSERT_TRUE(listener.initSocket(SOCK_STREAM, "127.0.0.1", 0, USE_DEFAULT));
-    ASSERT_TRUE(listener.listen(5));
-    std::string ip;
-    USHORT port = 0;
-    ASSERT_TRUE(listener.getSockName(ip, port));
+    const USHORT port = listenOnAnyPort(listener, 5);
+    ASSERT_NE(port, 0);
 
     CSocket target;
     ISocket* targetPtr = &target;

@@ -127,6 +127,13 @@ protected:
         return static_cast<CTcpServerSink*>(accepted);
     }
 
+    // A client sink connected to the listen sink, and its server sink.
+    bool connectPair(CTcpClientSink*& client, CTcpServerSink*& server) {
+        client = connectClient();
+        server = client != nullptr ? acceptServer() : nullptr;
+        return server != nullptr;
+    }
+
     // A raw socket connected to the listen sink, and its server sink.
     bool rawLink(CSocket& raw, CTcpServerSink*& server) {
         if (!raw.initSocket(SOCK_STREAM, "127.0.0.1", 0, USE_DEFAULT)) return false;
@@ -194,10 +201,9 @@ TEST_F(TcpSinkTest, HandshakeCarriesFlagAndUrlAndPairsTheEnds) {
 }
 
 TEST_F(TcpSinkTest, ConnectionBlockWithAFullLengthUrlStaysTerminated) {
-    CTcpClientSink* client = connectClient();
-    ASSERT_NE(client, nullptr);
-    CTcpServerSink* server = acceptServer();
-    ASSERT_NE(server, nullptr);
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;
+    ASSERT_TRUE(connectPair(client, server));
     const std::string url = "tcp://" + std::string(122, '9');
     ASSERT_EQ(url.size(), 128u);
     Bytes block = connectionBlock(false, url);
@@ -214,10 +220,9 @@ TEST_F(TcpSinkTest, ConnectionBlockWithAFullLengthUrlStaysTerminated) {
 }
 
 TEST_F(TcpSinkTest, FramesOfManySizesArriveWhole) {
-    CTcpClientSink* client = connectClient();
-    ASSERT_NE(client, nullptr);
-    CTcpServerSink* server = acceptServer();
-    ASSERT_NE(server, nullptr);
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;
+    ASSERT_TRUE(connectPair(client, server));
 
     const std::vector<unsigned int> sizes = {0, 1, 1016, 1017, 5000, 1u << 20};
     std::atomic<int> sendFailures{0};
@@ -282,10 +287,9 @@ TEST_F(TcpSinkTest, HeaderInTwoPiecesIsNotReportedEarly) {
 }
 
 TEST_F(TcpSinkTest, SizeQueryAndTooSmallBufferKeepTheFrame) {
-    CTcpClientSink* client = connectClient();
-    ASSERT_NE(client, nullptr);
-    CTcpServerSink* server = acceptServer();
-    ASSERT_NE(server, nullptr);
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;
+    ASSERT_TRUE(connectPair(client, server));
     const Bytes payload = pattern(300, 5);
     ASSERT_TRUE(client->sendFrame(2, payload.data(), 300));
 
@@ -354,10 +358,9 @@ TEST_F(TcpSinkTest, ListenSinkRefusesFrames) {
 }
 
 TEST_F(TcpSinkTest, OtherFrameFirstIsSkippedThenConnectionAccepted) {
-    CTcpClientSink* client = connectClient();
-    ASSERT_NE(client, nullptr);
-    CTcpServerSink* server = acceptServer();
-    ASSERT_NE(server, nullptr);
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;
+    ASSERT_TRUE(connectPair(client, server));
     // Skipped only because it fits the 130-byte block exactly; see the next
     // test for a smaller one.
     const Bytes alive = pattern(130, 8);
@@ -373,10 +376,9 @@ TEST_F(TcpSinkTest, OtherFrameFirstIsSkippedThenConnectionAccepted) {
 }
 
 TEST_F(TcpSinkTest, SmallerFrameFirstShrinksTheOfferAndTheConnectionIsRefused) {
-    CTcpClientSink* client = connectClient();
-    ASSERT_NE(client, nullptr);
-    CTcpServerSink* server = acceptServer();
-    ASSERT_NE(server, nullptr);
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;
+    ASSERT_TRUE(connectPair(client, server));
     const Bytes small = pattern(20, 8);
     ASSERT_TRUE(client->sendFrame(APARTMENT_REQUEST_FRAME, small.data(), 20));
     const Bytes block = connectionBlock(false, "tcp://127.0.0.1:1234");
@@ -389,10 +391,9 @@ TEST_F(TcpSinkTest, SmallerFrameFirstShrinksTheOfferAndTheConnectionIsRefused) {
 
 TEST_F(TcpSinkTest, WaitForConnectionInfoGivesUp) {
     // Silence.
-    CTcpClientSink* client = connectClient();
-    ASSERT_NE(client, nullptr);
-    CTcpServerSink* server = acceptServer();
-    ASSERT_NE(server, nullptr);
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;
+    ASSERT_TRUE(connectPair(client, server));
     bool rt = false;
     Clock::time_point start = Clock::now();
     EXPECT_FALSE(server->waitRemoteConnectionInfo(100, rt));
@@ -533,10 +534,9 @@ TEST(TcpSinkAddress, ResolveAndMake) {
 }
 
 TEST_F(TcpSinkTest, ConcurrentSendersNeverInterleaveFrames) {
-    CTcpClientSink* client = connectClient();
-    ASSERT_NE(client, nullptr);
-    CTcpServerSink* server = acceptServer();
-    ASSERT_NE(server, nullptr);
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;
+    ASSERT_TRUE(connectPair(client, server));
 
     constexpr int kThreads = 4;
     constexpr int kFrames = 200;
@@ -589,10 +589,9 @@ TEST_F(TcpSinkTest, StalledPeerEndsALargeSendAndCondemnsTheLink) {
 }
 
 TEST_F(TcpSinkTest, ClosingASinkReleasesABlockedSender) {
-    CTcpClientSink* client = connectClient();
-    ASSERT_NE(client, nullptr);
-    CTcpServerSink* server = acceptServer();
-    ASSERT_NE(server, nullptr);
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;
+    ASSERT_TRUE(connectPair(client, server));
     // The peer drains at a modest pace, so the sender keeps making progress
     // and would stay in sendFrame for seconds.
     std::atomic<bool> stop{false};
