@@ -6,38 +6,22 @@
 // Runs until interrupted (Ctrl-C or SIGTERM). Try it with the requester.
 #include <signal.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 
 #include "ApartmentApi.h"
+#include "ApartmentHost.h"
 
 namespace {
 
 volatile sig_atomic_t stop_requested = 0;
 void requestStop(int) { stop_requested = 1; }
 
-// The node's callback. The library keeps its own reference while the
-// callback is installed, so the object counts references like every
-// interface object.
-class EchoNode : public IApartmentNodeCallback {
+// The node's callback. The library keeps its own reference while it is
+// installed; TCountedCallback (ApartmentHost.h) supplies that counting.
+class EchoNode : public ApartmentHost::TCountedCallback<IApartmentNodeCallback> {
 public:
-    bool queryInterface(const char* name, void** object) override {
-        if (name == nullptr || object == nullptr) return false;
-        if (std::strcmp(name, "IBase") != 0 && std::strcmp(name, interfaceName()) != 0)
-            return false;
-        *object = static_cast<IApartmentNodeCallback*>(this);
-        addRef();
-        return true;
-    }
-    ULONG addRef() override { return ++m_count; }
-    ULONG releaseRef() override {
-        const ULONG left = --m_count;
-        if (left == 0) delete this;
-        return left;
-    }
-
     void onTimer(unsigned int) override {}
     void onApartmentOffline(const char* url) override {
         std::printf("responder: %s went away\n", url);
@@ -58,7 +42,6 @@ public:
 
 private:
     virtual ~EchoNode() = default;
-    std::atomic<ULONG> m_count{1};
 };
 
 // A deadline 100 ms from now on the monotonic clock (which steady_clock

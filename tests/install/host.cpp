@@ -4,32 +4,18 @@
 // of its nodes to another through its own URL and reads the answer.
 // Exit status: 0 success, 3 the apartment could not be initialised (the
 // port may be taken: try another), 1 anything else.
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "ApartmentApi.h"
+#include "ApartmentHost.h"
 
 namespace {
 
 // Answers every request with its own bytes.
-class Echo : public IApartmentNodeCallback {
+class Echo : public ApartmentHost::TCountedCallback<IApartmentNodeCallback> {
 public:
-    bool queryInterface(const char* name, void** object) override {
-        if (name == nullptr || object == nullptr) return false;
-        if (std::strcmp(name, "IBase") != 0 && std::strcmp(name, interfaceName()) != 0)
-            return false;
-        *object = static_cast<IApartmentNodeCallback*>(this);
-        addRef();
-        return true;
-    }
-    ULONG addRef() override { return ++m_count; }
-    ULONG releaseRef() override {
-        const ULONG left = --m_count;
-        if (left == 0) delete this;
-        return left;
-    }
     void onTimer(unsigned int) override {}
     void onApartmentOffline(const char*) override {}
     void onRequestReceived(const char* sourceApartment, const char* sourceNode, const char*,
@@ -42,7 +28,6 @@ public:
 
 private:
     virtual ~Echo() = default;
-    std::atomic<ULONG> m_count{1};
 };
 
 int fail(const char* what) {
