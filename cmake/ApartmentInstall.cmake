@@ -1,9 +1,9 @@
 # Installs what a host needs: the two shared libraries, the public headers,
-# a pkg-config file (apartment.pc) and a CMake package (Apartment, target
-# Apartment::apartment). Every rule names its install component, which is
-# also its Debian package: "runtime" (the versioned libraries), "dev" (what
-# building a host needs) and "tools" (the command-line tool); a plain
-# `cmake --install` installs them all.
+# a pkg-config file (apartment.pc), a CMake package (Apartment, target
+# Apartment::apartment) and the manual pages. Every rule names its install
+# component, which is also its Debian package: "runtime" (the versioned
+# libraries), "dev" (what building a host needs) and "tools" (the
+# command-line tool); a plain `cmake --install` installs them all.
 include(CMakePackageConfigHelpers)
 
 # An installation runs from any prefix, also after it was moved, with
@@ -72,3 +72,20 @@ configure_file(${PROJECT_SOURCE_DIR}/cmake/apartment.pc.in
 install(FILES ${PROJECT_BINARY_DIR}/apartment.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
+# Manual pages, with this version filled in and gzipped as Debian keeps
+# them (man reads both forms).
+find_program(APARTMENT_GZIP gzip)
+function(apartment_install_man page section component)
+  set(page_file ${PROJECT_BINARY_DIR}/man/${page}.${section})
+  configure_file(${PROJECT_SOURCE_DIR}/docs/man/${page}.${section} ${page_file} @ONLY)
+  if(APARTMENT_GZIP)
+    add_custom_command(OUTPUT ${page_file}.gz
+      COMMAND ${APARTMENT_GZIP} -9nkf ${page_file}
+      DEPENDS ${page_file} VERBATIM)
+    add_custom_target(apartment_man_${page}_${section} ALL DEPENDS ${page_file}.gz)
+    set(page_file ${page_file}.gz)
+  endif()
+  install(FILES ${page_file} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
+          COMPONENT ${component})
+endfunction()
+apartment_install_man(apartment 3 dev)

@@ -80,6 +80,10 @@ check_prefix() {  # <prefix> <label>
 
 cmake --install "$build" --prefix "$work/prefix" > "$work/install.log" ||
   { cat "$work/install.log"; exit 1; }
+for file in share/man/man1/apartment.1.gz share/man/man3/apartment.3.gz \
+            share/bash-completion/completions/apartment; do
+  [[ -f $work/prefix/$file ]] || fail "$file not installed"
+done
 check_prefix "$work/prefix" installed
 
 # Nothing in an installation may name the directory it was installed to.
