@@ -22,8 +22,9 @@ configure default || { cat "$work/default.log"; fail "configuring without Google
 notes=$(grep -c "Skipped, as a dependency is missing" "$work/default.log" || true)
 [[ $notes -eq 1 ]] || { cat "$work/default.log"; fail "expected one message, found $notes"; }
 grep "Skipped, as a dependency is missing" "$work/default.log"
-grep -q "GoogleTest" "$work/default.log" && grep -q "Google Benchmark" "$work/default.log" ||
+if ! grep -q "GoogleTest" "$work/default.log" || ! grep -q "Google Benchmark" "$work/default.log"; then
   fail "the message does not name both dependencies"
+fi
 
 for option in APARTMENT_BUILD_TESTS APARTMENT_BUILD_BENCH; do
   if configure "$option" -D$option=ON; then

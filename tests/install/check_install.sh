@@ -33,7 +33,7 @@ free_port() {
 
 run_host() {  # <binary>
   local status
-  for attempt in 1 2 3 4 5; do
+  for _ in 1 2 3 4 5; do
     status=0
     env -i timeout 30 "$1" "tcp://127.0.0.1:$(free_port)" > "$work/run.log" 2>&1 || status=$?
     cat "$work/run.log"
@@ -71,10 +71,12 @@ check_prefix() {  # <prefix> <label>
   run_host "$work/host_pc_$label"
 
   echo "== $label: CMake package host"
-  cmake -S "$here" -B "$work/cmake_$label" -DCMAKE_PREFIX_PATH="$prefix" \
-    -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="${flags[*]}" > "$work/cmake.log" 2>&1 &&
-    cmake --build "$work/cmake_$label" > "$work/cmake-build.log" 2>&1 ||
-    { cat "$work/cmake.log" "$work/cmake-build.log" 2>/dev/null; fail "CMake package host"; }
+  if ! { cmake -S "$here" -B "$work/cmake_$label" -DCMAKE_PREFIX_PATH="$prefix" \
+            -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="${flags[*]}" > "$work/cmake.log" 2>&1 &&
+          cmake --build "$work/cmake_$label" > "$work/cmake-build.log" 2>&1; }; then
+    cat "$work/cmake.log" "$work/cmake-build.log" 2>/dev/null
+    fail "CMake package host"
+  fi
   run_host "$work/cmake_$label/host"
 }
 

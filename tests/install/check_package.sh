@@ -70,7 +70,7 @@ libdir=$(PKG_CONFIG_PATH=$pcdir pkg-config --variable=libdir apartment)
 "$cxx" -std=c++17 "$here/host.cpp" -o "$work/host" -Wl,-rpath,"$libdir" \
   $(PKG_CONFIG_PATH=$pcdir pkg-config --cflags --libs apartment) ||
   fail "a host does not build against the unpacked files"
-for attempt in 1 2 3; do
+for _ in 1 2 3; do
   port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
   status=0
   env -i timeout 30 "$work/host" "tcp://127.0.0.1:$port" || status=$?
