@@ -6,7 +6,8 @@ set -euo pipefail
 need=()
 have_pkg() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
 for pkg in cmake ninja-build g++ clang libclang-rt-14-dev googletest libgtest-dev \
-           libgmock-dev libbenchmark-dev pkgconf python3 valgrind; do
+           libgmock-dev libbenchmark-dev pkgconf python3 valgrind \
+           dpkg-dev file lintian man-db; do
   have_pkg "$pkg" || need+=("$pkg")
 done
 [ ${#need[@]} -eq 0 ] && exit 0
