@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the library three ways and runs the whole test suite:
-#   build/gcc   g++ 12, warnings as errors (the warning check; nothing run)
+#   build/gcc   g++ 12, warnings as errors; the Python module's and the
+#               Wireshark dissector's tests (labels python, dissector)
 #   build/tsan  clang 14 + ThreadSanitizer, the threaded tests (label tsan)
 #   build/asan  clang 14 + AddressSanitizer + UndefinedBehaviorSanitizer,
 #               every test, fuzz targets replayed and run briefly
@@ -19,8 +20,11 @@ configure() {  # <dir> <cc> <cxx> [cmake args...]
 mkdir -p build
 
 echo "== g++ build (warnings are errors)"
-configure build/gcc gcc g++ -DCMAKE_BUILD_TYPE=RelWithDebInfo
+# Debian's interpreter, for which install-deps.sh installs pytest and the
+# headers (another python3 may come first on PATH).
+configure build/gcc gcc g++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPython3_EXECUTABLE=/usr/bin/python3
 cmake --build build/gcc -j "$jobs"
+ctest --test-dir build/gcc -L 'python|dissector' --no-tests=error -j "$jobs" --output-on-failure
 
 echo "== clang ThreadSanitizer build"
 configure build/tsan clang clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAPARTMENT_SANITIZE=thread
