@@ -12,9 +12,9 @@ import pytest
 class Child:
     """A process whose output lines are collected by a thread."""
 
-    def __init__(self, args):
+    def __init__(self, args, env=None):
         self.proc = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                     stdin=subprocess.DEVNULL, text=True)
+                                     stdin=subprocess.DEVNULL, text=True, env=env)
         self.lines = queue.Queue()
         self.seen = []
         threading.Thread(target=self._read, daemon=True).start()
@@ -52,11 +52,12 @@ class Child:
 
 @pytest.fixture
 def children():
-    """Starts children with children(args); all are stopped after the test."""
+    """Starts children with children(args, env=None); all are stopped after
+    the test."""
     started = []
 
-    def start(args):
-        started.append(Child(args))
+    def start(args, env=None):
+        started.append(Child(args, env))
         return started[-1]
 
     yield start

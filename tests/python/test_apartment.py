@@ -1,8 +1,10 @@
 """The Python module against the C++ tool, against a second Python process
 and against itself. Run as a script (`test_apartment.py peer URL`), this file
 is that second process."""
+import os
 import re
 import socket
+import subprocess
 import sys
 import threading
 import time
@@ -197,6 +199,23 @@ def test_misuse_gets_a_clear_result(monkeypatch):
     with pytest.raises(apartment.Error) as closed:
         ap.dispatch(0)
     assert closed.value.code == apartment.ErrorCode.NOT_INITIALIZED
+
+
+def test_examples_run_from_an_installed_prefix(tmp_path, children):
+    build = os.environ.get("APARTMENT_BUILD_DIR")
+    if not build:
+        pytest.skip("APARTMENT_BUILD_DIR does not name the build to install")
+    subprocess.run(["cmake", "--install", build, "--prefix", str(tmp_path)], check=True,
+                   stdout=subprocess.DEVNULL, timeout=60)
+    examples = os.path.join(os.path.dirname(__file__), "../../examples/python")
+    env = dict(os.environ, PYTHONPATH=str(tmp_path / "lib/python3/dist-packages"))
+    responder = children([sys.executable, os.path.join(examples, "responder.py"),
+                          "tcp://127.0.0.1:0"], env)
+    url = responder.expect("listening on ")
+    requester = subprocess.run([sys.executable, os.path.join(examples, "requester.py"), url],
+                               env=env, capture_output=True, text=True, timeout=30)
+    assert re.findall(r"^(b'\w+') code=0 rtt=", requester.stdout, re.M) == [
+        "b'hello'", "b'from'", "b'python'"], requester.stderr
 
 
 def peer(requester):
