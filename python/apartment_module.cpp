@@ -877,21 +877,27 @@ PYBIND11_MODULE(_apartment, m) {
             "on_timer", [](const Node& n) { return n.onTimer; },
             [](Node& n, py::object f) { n.onTimer = callableOrNone(f, "on_timer"); })
         .def("request", &nodeRequest, py::arg("url"), py::arg("node"),
-             py::arg("data") = py::bytes(), py::kw_only(), py::arg("timeout") = 5.0)
-        .def("notify", &nodeNotify, py::arg("url"), py::arg("node"), py::arg("data") = py::bytes())
+             py::arg("data") = py::bytes(), py::kw_only(), py::arg("timeout") = 5.0,
+             "Sends a request to `node` of the apartment at `url` and returns its Response.\n\n"
+             "Raises Timeout after `timeout` seconds, Error when it cannot be sent. While it\n"
+             "waits, this process's callbacks keep running.")
+        .def("notify", &nodeNotify, py::arg("url"), py::arg("node"), py::arg("data") = py::bytes(),
+             "Sends a notification (no response comes).")
         .def("set_timer",
              [](Node& n, double delay, std::optional<double> interval) {
                  return setTimer(n.live(), n.name.c_str(), delay, interval);
              },
-             py::arg("delay"), py::arg("interval") = py::none())
+             py::arg("delay"), py::arg("interval") = py::none(),
+             "Calls on_timer(id) after `delay` seconds, then every `interval` (None: once);\n"
+             "returns the timer id.")
         .def("kill_timer",
              [](Node& n, unsigned int id) {
                  Call call(n.live());
                  return apartment_kill_timer(nullptr, n.name.c_str(), id);
              },
-             py::arg("timer_id"))
+             py::arg("timer_id"), "Stops a timer; False if it is unknown.")
         .def_property_readonly("closed", [](const Node& n) { return n.closed || !n.shared->open; })
-        .def("close", &closeNode)
+        .def("close", &closeNode, "Destroys the node; its timers stop.")
         .def("__repr__", [](const Node& n) { return "<Node '" + n.name + "'>"; });
 
     py::class_<Shared, std::shared_ptr<Shared>>(m, "Apartment", "This process's apartment.")
@@ -916,18 +922,20 @@ PYBIND11_MODULE(_apartment, m) {
              },
              py::arg("name"), py::kw_only(), py::arg("on_request") = py::none(),
              py::arg("on_notify") = py::none(), py::arg("on_offline") = py::none(),
-             py::arg("on_timer") = py::none())
+             py::arg("on_timer") = py::none(),
+             "Creates the node `name` (ASCII, unique here) with its callbacks.")
         .def("request",
              [](const std::shared_ptr<Shared>& s, const std::string& url, const std::string& node,
                 py::handle data, double timeout) {
                  return nodeRequest(defaultNode(s), url, node, data, timeout);
              },
              py::arg("url"), py::arg("node"), py::arg("data") = py::bytes(), py::kw_only(),
-             py::arg("timeout") = 5.0)
+             py::arg("timeout") = 5.0, "Node.request from the node DEFAULT_NODE.")
         .def("notify",
              [](const std::shared_ptr<Shared>& s, const std::string& url, const std::string& node,
                 py::handle data) { nodeNotify(defaultNode(s), url, node, data); },
-             py::arg("url"), py::arg("node"), py::arg("data") = py::bytes())
+             py::arg("url"), py::arg("node"), py::arg("data") = py::bytes(),
+             "Node.notify from the node DEFAULT_NODE.")
         .def("send_raw",
              [](Shared& s, const std::string& url, py::handle data, unsigned int frameType) {
                  const std::string remote = remoteUrl(url);
@@ -943,9 +951,10 @@ PYBIND11_MODULE(_apartment, m) {
                  }
                  if (status != 0) raiseStatus(status, "raw frame to " + remote + " failed");
              },
-             py::arg("url"), py::arg("data"), py::kw_only(), py::arg("frame_type") = 0)
+             py::arg("url"), py::arg("data"), py::kw_only(), py::arg("frame_type") = 0,
+             "Sends a raw frame over the real-time link to `url`, opening it if needed.")
         .def("connect", &connectRemote, py::arg("url"), py::kw_only(),
-             py::arg("realtime") = false)
+             py::arg("realtime") = false, "Opens the link to `url` now; Error if refused.")
         .def("is_connected",
              [](Shared& s, const std::string& url, bool realtime) {
                  const std::string remote = remoteUrl(url);
@@ -960,12 +969,14 @@ PYBIND11_MODULE(_apartment, m) {
                  py::gil_scoped_release nogil;
                  return apartment_disconnect_remote(nullptr, remote.c_str(), realtime);
              },
-             py::arg("url"), py::kw_only(), py::arg("realtime") = false)
+             py::arg("url"), py::kw_only(), py::arg("realtime") = false,
+             "Closes the link to `url`; False if there was none.")
         .def("set_timer",
              [](Shared& s, double delay, std::optional<double> interval) {
                  return setTimer(s, nullptr, delay, interval);
              },
-             py::arg("delay"), py::arg("interval") = py::none())
+             py::arg("delay"), py::arg("interval") = py::none(),
+             "An apartment-level timer (see Node.set_timer); fires on_timer.")
         .def("kill_timer",
              [](Shared& s, unsigned int id) {
                  Call call(s);
@@ -984,19 +995,26 @@ PYBIND11_MODULE(_apartment, m) {
                                                static_cast<unsigned int>(ms)))
                      raise(g_error, remote + " is watched already");
              },
-             py::arg("url"), py::kw_only(), py::arg("interval") = 1.0, py::arg("count") = 3)
+             py::arg("url"), py::kw_only(), py::arg("interval") = 1.0, py::arg("count") = 3,
+             "Heartbeat: an alive frame every `interval` seconds; after `count` unanswered\n"
+             "ones, on_offline(url) on every period until the remote answers.")
         .def("unwatch",
              [](Shared& s, const std::string& url) {
                  const std::string remote = remoteUrl(url);
                  Call call(s);
                  return apartment_keepalive_with(nullptr, remote.c_str(), 0, 0);
              },
-             py::arg("url"))
-        .def("dispatch", &dispatchOne, py::arg("timeout") = py::none())
+             py::arg("url"), "Stops watching `url`; False if it was not watched.")
+        .def("dispatch", &dispatchOne, py::arg("timeout") = py::none(),
+             "Waits up to `timeout` seconds (None: no limit) for one message and dispatches\n"
+             "it; False if none came or the apartment was closed.")
         .def("run", &run, py::kw_only(), py::arg("until") = py::none(),
-             py::arg("timeout") = py::none())
-        .def("stop", [](Shared& s) { s.stopRequested = true; })
-        .def("close", &closeShared)
+             py::arg("timeout") = py::none(),
+             "Dispatches until until() is true (True), or the time-out, stop() or close()\n"
+             "(False).")
+        .def("stop", [](Shared& s) { s.stopRequested = true; }, "Makes run() return.")
+        .def("close", &closeShared,
+             "Waits for calls on other threads to return, then closes the apartment.")
         .def("__enter__", [](const std::shared_ptr<Shared>& s) { return s; })
         .def("__exit__",
              [](const std::shared_ptr<Shared>& s, py::args) {
@@ -1015,7 +1033,8 @@ PYBIND11_MODULE(_apartment, m) {
           },
           py::arg("url") = "tcp://127.0.0.1:0", py::kw_only(),
           py::arg("on_raw") = py::none(), py::arg("on_offline") = py::none(),
-          py::arg("on_timer") = py::none());
+          py::arg("on_timer") = py::none(),
+          "Opens this process's apartment at `url` (port 0: a free port from the kernel).");
     m.def("version", &libraryVersion, "The library's version, \"major.minor.revision\".");
 
     // An apartment left open must be closed while threads can still take
