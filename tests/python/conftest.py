@@ -27,26 +27,22 @@ class Child:
     def expect(self, prefix, timeout=10.0):
         """The rest of the first line starting with `prefix` (the library's
         own diagnostics may come between)."""
-        while True:
-            try:
-                line = self.lines.get(timeout=timeout)
-            except queue.Empty:
-                break
-            if line is None:
-                break
-            self.seen.append(line)
-            if line.startswith(prefix):
-                return line[len(prefix):]
+        try:
+            while (line := self.lines.get(timeout=timeout)) is not None:
+                self.seen.append(line)
+                if line.startswith(prefix):
+                    return line[len(prefix):]
+        except queue.Empty:
+            pass
         pytest.fail(f"no line {prefix!r} from {self.proc.args}; got {self.seen}")
 
     def stop(self):
-        if self.proc.poll() is None:
-            self.proc.terminate()
-            try:
-                self.proc.wait(5)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-        self.proc.wait(5)
+        self.proc.terminate()
+        try:
+            self.proc.wait(5)
+        except subprocess.TimeoutExpired:
+            self.proc.kill()
+            self.proc.wait(5)
         self.proc.stdout.close()
 
 
@@ -67,10 +63,8 @@ def children():
 
 @pytest.fixture(scope="session")
 def tool():
-    path = os.environ.get("APARTMENT_TOOL")
-    if not path or not os.access(path, os.X_OK):
-        pytest.skip("APARTMENT_TOOL does not name the built apartment tool")
-    return path
+    path = os.environ.get("APARTMENT_TOOL", "")
+    return path if os.access(path, os.X_OK) else pytest.skip("APARTMENT_TOOL is not the tool")
 
 
 @pytest.fixture

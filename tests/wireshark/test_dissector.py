@@ -2,16 +2,18 @@
 processes talk to `apartment serve` through a recording proxy, the recording
 is written as a capture file, and tshark reads it back with the dissector."""
 import os
+import select
 import selectors
 import socket
 import struct
 import subprocess
+import time
 import xml.etree.ElementTree as ElementTree
 
 import pytest
 
-TSHARK = "/usr/bin/tshark" if os.access("/usr/bin/tshark", os.X_OK) else None
-if TSHARK is None:
+TSHARK = "/usr/bin/tshark"
+if not os.access(TSHARK, os.X_OK):
     pytest.skip("tshark is not installed (scripts/install-deps.sh installs it)",
                 allow_module_level=True)
 
@@ -24,27 +26,25 @@ BIG = bytes(i % 251 for i in range(3000))
 
 
 class RecordingProxy:
-    """Relays each connection to `target_port` on one thread-free loop driven
-    by pump(); records (connection, from_client, bytes) in arrival order."""
+    """Relays each connection to `target_port`, recording (connection,
+    from_client, bytes) in arrival order; runs while pump_while() waits."""
 
     def __init__(self, target_port):
-        self.target_port = target_port
+        self.target_port, self.events, self.connections = target_port, [], 0
         self.listener = socket.create_server(("127.0.0.1", 0))
         self.url = "tcp://127.0.0.1:%d" % self.listener.getsockname()[1]
         self.selector = selectors.DefaultSelector()
         self.selector.register(self.listener, selectors.EVENT_READ)
-        self.events = []
-        self.connections = 0
 
-    def pump_while(self, process, timeout=15):
-        """Relays until `process` ends (it is killed after `timeout` s)."""
+    def pump_while(self, process):
+        """Relays until `process` ends (killed after 15 s), then a little more."""
+        deadline = time.monotonic() + 15
         try:
             while process.poll() is None:
                 self.pump(0.02)
-                timeout -= 0.02
-                if timeout <= 0:
+                if time.monotonic() > deadline:
                     process.kill()
-            self.pump(0.2)  # what the server still sends back
+            self.pump(0.2)
         finally:
             process.wait(5)
 
@@ -122,10 +122,6 @@ def frame(type_, payload):
     return struct.pack("!II", type_, len(payload)) + payload
 
 
-def string(text):
-    return struct.pack("!I", len(text)) + text
-
-
 @pytest.fixture(scope="module")
 def capture(tmp_path_factory):
     """Records the tool's request, notify, raw and watch through the proxy."""
@@ -137,7 +133,8 @@ def capture(tmp_path_factory):
                              stdout=subprocess.PIPE, text=True)
     proxy = None
     try:
-        line = serve.stdout.readline()
+        ready = select.select([serve.stdout], [], [], 10)[0]
+        line = serve.stdout.readline() if ready else "(nothing within 10 s)"
         assert line.startswith("listening on "), line
         proxy = RecordingProxy(int(line.rsplit(":", 1)[1]))
         for args in (["request", proxy.url, "echo", "--data", "hello"],
@@ -161,7 +158,7 @@ def capture(tmp_path_factory):
     bad = proxy.connections
     events = proxy.events + [
         (bad, True, frame(0, b"\0" + b"tcp://127.0.0.1:1".ljust(129, b"\0"))),
-        (bad, True, frame(1, struct.pack("!I", 99) + b"short") + frame(3, string(b"x") + b"\0\0\0\7")),
+        (bad, True, frame(1, struct.pack("!I", 99) + b"short") + frame(3, b"\0\0\0\1x\0\0\0\7")),
     ]
     write_capture(work / "apartment.pcap", events)
     return work / "apartment.pcap"
