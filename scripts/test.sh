@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Builds the library three ways and runs the whole test suite:
 #   build/gcc   g++ 12, warnings as errors, configured for /usr as a Debian
-#               package build is; runs the install, package and manual checks
+#               package build is; runs the install, package and manual
+#               checks and the Python module's and the Wireshark dissector's
+#               tests
 #   build/tsan  clang 14 + ThreadSanitizer, the threaded tests (label tsan)
 #   build/asan  clang 14 + AddressSanitizer + UndefinedBehaviorSanitizer,
 #               every test, fuzz targets replayed and run briefly
@@ -20,9 +22,13 @@ configure() {  # <dir> <cc> <cxx> [cmake args...]
 mkdir -p build
 
 echo "== g++ build (warnings are errors)"
-configure build/gcc gcc g++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr
+# Debian's interpreter, for which install-deps.sh installs pytest and the
+# headers (another python3 may come first on PATH).
+configure build/gcc gcc g++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
+  -DPython3_EXECUTABLE=/usr/bin/python3
 cmake --build build/gcc -j "$jobs"
-ctest --test-dir build/gcc -L 'install|package|man' --no-tests=error -j "$jobs" --output-on-failure
+ctest --test-dir build/gcc -L 'install|package|man|python|dissector' --no-tests=error -j "$jobs" \
+  --output-on-failure
 
 echo "== clang ThreadSanitizer build"
 configure build/tsan clang clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAPARTMENT_SANITIZE=thread
