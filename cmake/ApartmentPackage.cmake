@@ -45,14 +45,18 @@ if(APARTMENT_DPKG_SHLIBDEPS)
 else()
   set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6 (>= 2.34), libgcc-s1 (>= 3.0), libstdc++6 (>= 11)")
 endif()
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${APARTMENT_RUNTIME_PACKAGE})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 # dpkg runs ldconfig once after the whole installation for packages that
-# activate its trigger.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/triggers)
+# activate its trigger. The shlibs file, which tells packages built against
+# the libraries to depend on this version or a later one, is written here:
+# CPack would generate one for every package with a shared object in it,
+# and warn about the Python extension, which has no SONAME.
+configure_file(${PROJECT_SOURCE_DIR}/cmake/debian/shlibs.in
+               ${PROJECT_BINARY_DIR}/debian/shlibs @ONLY)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/cmake/debian/triggers ${PROJECT_BINARY_DIR}/debian/shlibs)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
 "messaging between the processes of an application over TCP
 Apartment lets the processes of one application exchange requests,

@@ -58,6 +58,8 @@ depends "$deb_runtime" 'libc6 \(>= [0-9.~]+\)'
 depends "$deb_runtime" 'libstdc\+\+6 \(>= [0-9.~]+\)'
 depends "$deb_dev" "$runtime \(= $debver\)"
 depends "$deb_tools" "$runtime \(= $debver\)"
+dpkg-deb --ctrl-tarfile "$deb_runtime" | tar -xO ./shlibs | grep -qx "libapartment $soversion $runtime (>= $debver)" ||
+  fail "$runtime has no shlibs entry for libapartment"
 
 root=$work/root
 for deb in "$work"/out/*.deb; do dpkg-deb -x "$deb" "$root"; done
