@@ -1,23 +1,34 @@
 # Debian packages, one per install component (cmake/ApartmentInstall.cmake):
 #
-#   runtime  libapartment<SOVERSION>  the versioned shared libraries
-#   dev      libapartment-dev         headers, apartment.pc, the CMake
-#                                     package, the .so links, apartment(3)
-#   tools    apartment-tools          the tool, apartment(1), completion
+#   runtime    libapartment<SOVERSION>  the versioned shared libraries
+#   dev        libapartment-dev         headers, apartment.pc, the CMake
+#                                       package, the .so links, apartment(3)
+#   tools      apartment-tools          the tool, apartment(1), completion
+#   dissector  apartment-wireshark      the Wireshark dissector
 #
 # Built with `cpack -G DEB` (or `cmake --build <dir> --target package`) in
 # a build configured with -DCMAKE_INSTALL_PREFIX=/usr, which puts the
 # libraries into Debian's multiarch directory. A new package is one more
 # install component: add it to APARTMENT_PACKAGE_COMPONENTS and give it a
 # name, a section, a description and the components it depends on below.
+#
+# The dissector has a package of its own rather than a place in
+# apartment-tools: it is a Lua script that needs neither the library nor
+# the tool, and it belongs where captures are read, which is seldom where
+# apartments run. It enhances tshark and wireshark instead of depending on
+# them, so that installing it never pulls in a Wireshark. Its folder is
+# under the multiarch libdir, where Debian's Wireshark looks for Lua
+# plugins, which makes the package architecture-specific although the
+# script is not.
 set(APARTMENT_PACKAGE_CONTACT "Apartment developers <apartment-dev@example.org>"
     CACHE STRING "Maintainer named in the Debian packages")
 set(APARTMENT_PACKAGE_RELEASE 1 CACHE STRING "Debian revision of the packages")
 
-set(APARTMENT_PACKAGE_COMPONENTS runtime dev tools)
+set(APARTMENT_PACKAGE_COMPONENTS runtime dev tools dissector)
 set(APARTMENT_RUNTIME_PACKAGE libapartment${PROJECT_VERSION_MAJOR})
 set(APARTMENT_DEV_PACKAGE libapartment-dev)
 set(APARTMENT_TOOLS_PACKAGE apartment-tools)
+set(APARTMENT_DISSECTOR_PACKAGE apartment-wireshark)
 
 set(CPACK_PACKAGE_NAME apartment)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
@@ -85,6 +96,18 @@ set(CPACK_COMPONENT_TOOLS_DESCRIPTION
 The apartment tool serves nodes, sends requests, notifications and raw
 frames to any apartment, watches one with the heartbeat and measures round
 trips and throughput.")
+
+set(CPACK_DEBIAN_DISSECTOR_PACKAGE_NAME ${APARTMENT_DISSECTOR_PACKAGE})
+set(CPACK_DEBIAN_DISSECTOR_PACKAGE_SECTION net)
+# A script: no native dependencies, whatever the other packages have.
+set(CPACK_DEBIAN_DISSECTOR_PACKAGE_DEPENDS "")
+set(CPACK_DEBIAN_DISSECTOR_PACKAGE_ENHANCES "tshark, wireshark")
+set(CPACK_COMPONENT_DISSECTOR_DESCRIPTION
+"Wireshark dissector for Apartment messaging
+A Lua plugin that Wireshark and tshark load at start to decode the frames
+Apartment exchanges over TCP: connections, requests, notifications,
+responses, heartbeats and raw frames, each with its fields named
+apartment.*.")
 
 # What Debian keeps beside every package: its copyright and changelog. Only
 # packages get them, not a plain `cmake --install`.

@@ -26,7 +26,8 @@ runtime=libapartment$soversion dev=libapartment-dev
 deb_runtime=$work/out/${runtime}_${debver}_$arch.deb
 deb_dev=$work/out/${dev}_${debver}_$arch.deb
 deb_tools=$work/out/apartment-tools_${debver}_$arch.deb
-for deb in "$deb_runtime" "$deb_dev" "$deb_tools"; do
+deb_wireshark=$work/out/apartment-wireshark_${debver}_$arch.deb
+for deb in "$deb_runtime" "$deb_dev" "$deb_tools" "$deb_wireshark"; do
   [[ -f $deb ]] || { ls "$work/out"; fail "no $(basename "$deb")"; }
   echo "== $(basename "$deb"): Depends: $(dpkg-deb -f "$deb" Depends)"
 done
@@ -47,6 +48,9 @@ contains "$deb_dev" "${lib}libapartment\.so" "${lib}libapartment_platform\.so" \
   "${lib}cmake/Apartment/ApartmentConfig\.cmake" "share/man/man3/apartment\.3\.gz"
 contains "$deb_tools" "bin/apartment" "share/man/man1/apartment\.1\.gz" \
   "share/bash-completion/completions/apartment"
+# The dissector goes where this system's tshark, if any, loads Lua plugins from.
+plugins=$(tshark -G folders 2> /dev/null | sed -nE 's|^Global Lua Plugins:\s*/usr/||p') || true
+contains "$deb_wireshark" "${plugins:-${lib}wireshark/plugins}/apartment\.lua"
 if dpkg-deb -c "$deb_runtime" | grep -qE '\.so( |$)'; then
   fail "$runtime holds an unversioned .so link, which belongs to $dev"
 fi
@@ -58,6 +62,7 @@ depends "$deb_runtime" 'libc6 \(>= [0-9.~]+\)'
 depends "$deb_runtime" 'libstdc\+\+6 \(>= [0-9.~]+\)'
 depends "$deb_dev" "$runtime \(= $debver\)"
 depends "$deb_tools" "$runtime \(= $debver\)"
+[[ -z $(dpkg-deb -f "$deb_wireshark" Depends) ]] || fail "the dissector depends on something"
 dpkg-deb --ctrl-tarfile "$deb_runtime" | tar -xO ./shlibs | grep -qx "libapartment $soversion $runtime (>= $debver)" ||
   fail "$runtime has no shlibs entry for libapartment"
 
