@@ -4,6 +4,8 @@
 #   dev        libapartment-dev         headers, apartment.pc, the CMake
 #                                       package, the .so links, apartment(3)
 #   tools      apartment-tools          the tool, apartment(1), completion
+#   python     python3-apartment        the Python module (python/), only
+#                                       when this build makes it
 #   dissector  apartment-wireshark      the Wireshark dissector
 #
 # Built with `cpack -G DEB` (or `cmake --build <dir> --target package`) in
@@ -11,6 +13,11 @@
 # libraries into Debian's multiarch directory. A new package is one more
 # install component: add it to APARTMENT_PACKAGE_COMPONENTS and give it a
 # name, a section, a description and the components it depends on below.
+#
+# This file is read after every directory that installs something, so that
+# a package whose directory may leave its part out can follow that
+# decision: python/ sets APARTMENT_PYTHON_VERSION only when it builds the
+# module, and only then is there a python3-apartment.
 #
 # The dissector has a package of its own rather than a place in
 # apartment-tools: it is a Lua script that needs neither the library nor
@@ -29,6 +36,10 @@ set(APARTMENT_RUNTIME_PACKAGE libapartment${PROJECT_VERSION_MAJOR})
 set(APARTMENT_DEV_PACKAGE libapartment-dev)
 set(APARTMENT_TOOLS_PACKAGE apartment-tools)
 set(APARTMENT_DISSECTOR_PACKAGE apartment-wireshark)
+if(APARTMENT_PYTHON_VERSION)
+  list(APPEND APARTMENT_PACKAGE_COMPONENTS python)
+  set(APARTMENT_PYTHON_PACKAGE python3-apartment)
+endif()
 
 set(CPACK_PACKAGE_NAME apartment)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
@@ -96,6 +107,32 @@ set(CPACK_COMPONENT_TOOLS_DESCRIPTION
 The apartment tool serves nodes, sends requests, notifications and raw
 frames to any apartment, watches one with the heartbeat and measures round
 trips and throughput.")
+
+if(APARTMENT_PYTHON_VERSION)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME ${APARTMENT_PYTHON_PACKAGE})
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+  set(CPACK_COMPONENT_PYTHON_DEPENDS runtime)
+  # The extension is built for one minor version of the interpreter (its
+  # file name says which), so the package admits no other.
+  string(REPLACE "." ";" _python_version ${APARTMENT_PYTHON_VERSION})
+  list(GET _python_version 0 _python_major)
+  list(GET _python_version 1 _python_minor)
+  math(EXPR _python_next "${_python_minor} + 1")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+      "python3 (>= ${APARTMENT_PYTHON_VERSION}~), python3 (<< ${_python_major}.${_python_next})")
+  if(NOT APARTMENT_DPKG_SHLIBDEPS)
+    string(APPEND CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS ", ${CPACK_DEBIAN_PACKAGE_DEPENDS}")
+  endif()
+  set(CPACK_COMPONENT_PYTHON_DESCRIPTION
+"Python 3 module for Apartment messaging
+Apartment lets the processes of one application exchange requests,
+responses, notifications and raw frames between named nodes, each process
+in its own apartment named tcp://<IPv4>:<port>.
+.
+This package contains the module apartment, with which a Python program
+opens an apartment, serves nodes and sends requests, notifications and
+raw frames.")
+endif()
 
 set(CPACK_DEBIAN_DISSECTOR_PACKAGE_NAME ${APARTMENT_DISSECTOR_PACKAGE})
 set(CPACK_DEBIAN_DISSECTOR_PACKAGE_SECTION net)
