@@ -1,23 +1,45 @@
 # Debian packages, one per install component (cmake/ApartmentInstall.cmake):
 #
-#   runtime  libapartment<SOVERSION>  the versioned shared libraries
-#   dev      libapartment-dev         headers, apartment.pc, the CMake
-#                                     package, the .so links, apartment(3)
-#   tools    apartment-tools          the tool, apartment(1), completion
+#   runtime    libapartment<SOVERSION>  the versioned shared libraries
+#   dev        libapartment-dev         headers, apartment.pc, the CMake
+#                                       package, the .so links, apartment(3)
+#   tools      apartment-tools          the tool, apartment(1), completion
+#   python     python3-apartment        the Python module (python/), only
+#                                       when this build makes it
+#   dissector  apartment-wireshark      the Wireshark dissector
 #
 # Built with `cpack -G DEB` (or `cmake --build <dir> --target package`) in
 # a build configured with -DCMAKE_INSTALL_PREFIX=/usr, which puts the
 # libraries into Debian's multiarch directory. A new package is one more
 # install component: add it to APARTMENT_PACKAGE_COMPONENTS and give it a
 # name, a section, a description and the components it depends on below.
+#
+# This file is read after every directory that installs something, so that
+# a package whose directory may leave its part out can follow that
+# decision: python/ sets APARTMENT_PYTHON_VERSION only when it builds the
+# module, and only then is there a python3-apartment.
+#
+# The dissector has a package of its own rather than a place in
+# apartment-tools: it is a Lua script that needs neither the library nor
+# the tool, and it belongs where captures are read, which is seldom where
+# apartments run. It enhances tshark and wireshark instead of depending on
+# them, so that installing it never pulls in a Wireshark. Its folder is
+# under the multiarch libdir, where Debian's Wireshark looks for Lua
+# plugins, which makes the package architecture-specific although the
+# script is not.
 set(APARTMENT_PACKAGE_CONTACT "Apartment developers <apartment-dev@example.org>"
     CACHE STRING "Maintainer named in the Debian packages")
 set(APARTMENT_PACKAGE_RELEASE 1 CACHE STRING "Debian revision of the packages")
 
-set(APARTMENT_PACKAGE_COMPONENTS runtime dev tools)
+set(APARTMENT_PACKAGE_COMPONENTS runtime dev tools dissector)
 set(APARTMENT_RUNTIME_PACKAGE libapartment${PROJECT_VERSION_MAJOR})
 set(APARTMENT_DEV_PACKAGE libapartment-dev)
 set(APARTMENT_TOOLS_PACKAGE apartment-tools)
+set(APARTMENT_DISSECTOR_PACKAGE apartment-wireshark)
+if(APARTMENT_PYTHON_VERSION)
+  list(APPEND APARTMENT_PACKAGE_COMPONENTS python)
+  set(APARTMENT_PYTHON_PACKAGE python3-apartment)
+endif()
 
 set(CPACK_PACKAGE_NAME apartment)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
@@ -45,14 +67,18 @@ if(APARTMENT_DPKG_SHLIBDEPS)
 else()
   set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6 (>= 2.34), libgcc-s1 (>= 3.0), libstdc++6 (>= 11)")
 endif()
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${APARTMENT_RUNTIME_PACKAGE})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 # dpkg runs ldconfig once after the whole installation for packages that
-# activate its trigger.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/triggers)
+# activate its trigger. The shlibs file, which tells packages built against
+# the libraries to depend on this version or a later one, is written here:
+# CPack would generate one for every package with a shared object in it,
+# and warn about the Python extension, which has no SONAME.
+configure_file(${PROJECT_SOURCE_DIR}/cmake/debian/shlibs.in
+               ${PROJECT_BINARY_DIR}/debian/shlibs @ONLY)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/cmake/debian/triggers ${PROJECT_BINARY_DIR}/debian/shlibs)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
 "messaging between the processes of an application over TCP
 Apartment lets the processes of one application exchange requests,
@@ -81,6 +107,44 @@ set(CPACK_COMPONENT_TOOLS_DESCRIPTION
 The apartment tool serves nodes, sends requests, notifications and raw
 frames to any apartment, watches one with the heartbeat and measures round
 trips and throughput.")
+
+if(APARTMENT_PYTHON_VERSION)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME ${APARTMENT_PYTHON_PACKAGE})
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+  set(CPACK_COMPONENT_PYTHON_DEPENDS runtime)
+  # The extension is built for one minor version of the interpreter (its
+  # file name says which), so the package admits no other.
+  string(REPLACE "." ";" _python_version ${APARTMENT_PYTHON_VERSION})
+  list(GET _python_version 0 _python_major)
+  list(GET _python_version 1 _python_minor)
+  math(EXPR _python_next "${_python_minor} + 1")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+      "python3 (>= ${APARTMENT_PYTHON_VERSION}~), python3 (<< ${_python_major}.${_python_next})")
+  if(NOT APARTMENT_DPKG_SHLIBDEPS)
+    string(APPEND CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS ", ${CPACK_DEBIAN_PACKAGE_DEPENDS}")
+  endif()
+  set(CPACK_COMPONENT_PYTHON_DESCRIPTION
+"Python 3 module for Apartment messaging
+Apartment lets the processes of one application exchange requests,
+responses, notifications and raw frames between named nodes, each process
+in its own apartment named tcp://<IPv4>:<port>.
+.
+This package contains the module apartment, with which a Python program
+opens an apartment, serves nodes and sends requests, notifications and
+raw frames.")
+endif()
+
+set(CPACK_DEBIAN_DISSECTOR_PACKAGE_NAME ${APARTMENT_DISSECTOR_PACKAGE})
+set(CPACK_DEBIAN_DISSECTOR_PACKAGE_SECTION net)
+# A script: no native dependencies, whatever the other packages have.
+set(CPACK_DEBIAN_DISSECTOR_PACKAGE_DEPENDS "")
+set(CPACK_DEBIAN_DISSECTOR_PACKAGE_ENHANCES "tshark, wireshark")
+set(CPACK_COMPONENT_DISSECTOR_DESCRIPTION
+"Wireshark dissector for Apartment messaging
+A Lua plugin that Wireshark and tshark load at start to decode the frames
+Apartment exchanges over TCP: connections, requests, notifications,
+responses, heartbeats and raw frames, each with its fields named
+apartment.*.")
 
 # What Debian keeps beside every package: its copyright and changelog. Only
 # packages get them, not a plain `cmake --install`.
