@@ -1,6 +1,8 @@
 #include "Apartment.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "ApartmentFrame.h"
@@ -14,14 +16,33 @@
 
 namespace {
 const unsigned int NO_TIMER = 0xFFFFFFFFu;
-// The most sinks one waitFrameOnSinks call serves.
-const unsigned int MAX_SINKS_PER_WAIT = 64;
 // How long dispatch waits, per readable event, for a new link's first frame.
 const DWORD CONNECTION_INFO_TIMEOUT_MS = 100;
+
+// The maximum frame size the environment asks for, or the default (with a
+// line saying why) when the value is missing, not a number or out of range.
+unsigned int maxFrameSizeFromEnvironment() {
+    const char* text = std::getenv(CApartment::MAX_FRAME_BYTES_VARIABLE);
+    if (text == nullptr) return APARTMENT_DEFAULT_MAX_FRAME_SIZE;
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long value = std::strtoull(text, &end, 10);
+    const bool digitsOnly = *text >= '0' && *text <= '9' && end != nullptr && *end == '\0';
+    if (!digitsOnly || errno != 0 || value == 0 || value > 0xFFFFFFFFull) {
+        printf("[Apartment Warning]: %s=\"%s\" is not a number of bytes from 1 to 4294967295; "
+               "the maximum frame size stays %u.\n",
+               CApartment::MAX_FRAME_BYTES_VARIABLE, text, APARTMENT_DEFAULT_MAX_FRAME_SIZE);
+        return APARTMENT_DEFAULT_MAX_FRAME_SIZE;
+    }
+    return static_cast<unsigned int>(value);
+}
 }  // namespace
 
+const char* const CApartment::MAX_FRAME_BYTES_VARIABLE = "APARTMENT_MAX_FRAME_BYTES";
+
 CApartment::CApartment()
-    : m_ConnectOpenMutex(MUTEX_NONE, USE_STD, nullptr),
+    : m_uintMaxFrameSize(APARTMENT_DEFAULT_MAX_FRAME_SIZE),
+      m_ConnectOpenMutex(MUTEX_NONE, USE_STD, nullptr),
       m_ConnectionManageMutex(MUTEX_NONE, USE_STD, nullptr),
       m_ConnectionNotEmptyCondition(nullptr, USE_STD),
       m_bKeepListen(false),
@@ -57,6 +78,7 @@ bool CApartment::initApartment(const char* strApartmentUrl, bool bListen) {
         printf("Apartment url is too long: %s.\n", strApartmentUrl);
         return false;
     }
+    m_uintMaxFrameSize = maxFrameSizeFromEnvironment();
     std::string url = strApartmentUrl != nullptr ? strApartmentUrl : "";
     std::string address;
     getPortAddressFromApartmentUrl(strApartmentUrl, address);
@@ -302,6 +324,23 @@ void CApartment::postMessage(const APARTMENT_TMSG& msg) {
         m_ApartmentMsgQueue.push(msg);
     else
         m_ApartmentCacheMsgQueue.push(msg);
+}
+
+void CApartment::postMessages(const APARTMENT_TMSG* pMessages, size_t count) {
+    // Runs of messages bound for one queue go in under one lock; the order
+    // within each queue is the order given, as posting one by one would be.
+    size_t first = 0;
+    while (first < count) {
+        const bool allowed = allowMessage(pMessages[first]);
+        size_t end = first + 1;
+        while (end < count && allowMessage(pMessages[end]) == allowed) ++end;
+        CMessageQueue& queue = allowed ? m_ApartmentMsgQueue : m_ApartmentCacheMsgQueue;
+        // A stopped dispatch locks the main queue: what it refuses is never
+        // dispatched, so its payloads are released here.
+        if (!queue.pushBatch(pMessages + first, end - first))
+            for (size_t i = first; i < end; ++i) releaseMessagePayload(pMessages[i]);
+        first = end;
+    }
 }
 
 bool CApartment::getMessage(APARTMENT_TMSG& msg, timespec deadline) {
@@ -673,10 +712,13 @@ bool CApartment::writeRequestFrame(const char* strApartmentNodeUrl,
     // before it. Only its low 32 bits travel.
     const unsigned int id =
         static_cast<unsigned int>(OS::Thread::syncFetchAdd(&m_ulNextRequestId) - 1);
-    const std::vector<char> payload = CApartmentFrameCodec::buildRequestPayload(
+    const std::vector<char> head = CApartmentFrameCodec::buildRequestHead(
         localUrl, strApartmentNodeUrl, strRemoteApartmentUrl, strRemoteApartmentNodeUrl, id,
-        bRequireResponse, pRequestBuffer, uintBufLen);
-    const bool sent = sendPayload(link, APARTMENT_REQUEST_FRAME, payload);
+        bRequireResponse);
+    // The caller's data follows the fields as it is, without a copy.
+    const bool sent = link->sendFrameParts(APARTMENT_REQUEST_FRAME, head.data(),
+                                           static_cast<unsigned int>(head.size()), pRequestBuffer,
+                                           pRequestBuffer != nullptr ? uintBufLen : 0);
     if (sent) uintRequestId = id;
     return sent;
 }
@@ -694,10 +736,12 @@ bool CApartment::writeResponseFrame(const char* strApartmentNodeUrl,
     if (link.nil()) return false;
     std::string localUrl;
     CApartmentSinkHelper::getLocalApartmentUrl(link, localUrl);
-    const std::vector<char> payload = CApartmentFrameCodec::buildResponsePayload(
+    const std::vector<char> head = CApartmentFrameCodec::buildResponseHead(
         localUrl, strApartmentNodeUrl, strRemoteApartmentUrl, strRemoteApartmentNodeUrl,
-        uintRequestId, intResponseCode, pResponseBuffer, uintBufLen);
-    return sendPayload(link, APARTMENT_RESPONSE_FRAME, payload);
+        uintRequestId, intResponseCode);
+    return link->sendFrameParts(APARTMENT_RESPONSE_FRAME, head.data(),
+                                static_cast<unsigned int>(head.size()), pResponseBuffer,
+                                pResponseBuffer != nullptr ? uintBufLen : 0);
 }
 
 bool CApartment::writeRawFrame(const char* strRemoteApartmentUrl, unsigned int uintFrameType,

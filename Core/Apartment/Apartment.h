@@ -54,11 +54,16 @@ public:
     static const DWORD THREAD_PASS_MS = 100;
     // The most URL characters an apartment accepts.
     static const size_t MAX_APARTMENT_URL_LENGTH = 128;
+    // The most sinks one waitFrameOnSinks call serves.
+    static const unsigned int MAX_SINKS_PER_WAIT = 64;
+    // The environment variable that sets the maximum frame size.
+    static const char* const MAX_FRAME_BYTES_VARIABLE;
 
     CApartment();
     virtual ~CApartment();
 
-    // Lifecycle and identity.
+    // Lifecycle and identity. initApartment also reads the maximum frame
+    // size from the environment (see maxFrameSize).
     bool initApartment(const char* strApartmentUrl, bool bListen) override;
     void destroyApartment() override;
     bool getApartmentUrl(char* strApartmentUrl, DWORD& dwLen) const override;
@@ -118,6 +123,16 @@ public:
     // Queues a message, into the cache queue while re-entry is refused and
     // the message is a request or a connection-closed notice. Any thread.
     void postMessage(const APARTMENT_TMSG& msg) override;
+    // postMessage of several messages, in order, taking each queue's lock
+    // once: a communication thread posts what one pass brought this way.
+    void postMessages(const APARTMENT_TMSG* pMessages, size_t count);
+
+    // The largest payload the apartment's non-real-time links accept and
+    // send: APARTMENT_DEFAULT_MAX_FRAME_SIZE, or the value of
+    // APARTMENT_MAX_FRAME_BYTES (1 to 4294967295) when initApartment read
+    // one. A frame announced above it closes its link at the header; a
+    // write above it fails at once and leaves the link untouched.
+    unsigned int maxFrameSize() const { return m_uintMaxFrameSize; }
 
 protected:
     // The transport. createSink returns an uninitialised sink with one
@@ -192,6 +207,8 @@ private:
 
     std::string m_strApartmentUrl;
     CReference<IApartmentListenSink> m_ListenSink;
+    // Set by initApartment before any sink exists; read-only afterwards.
+    unsigned int m_uintMaxFrameSize;
 
     // Serialises connectApartment from its look-up to the new sink's filing,
     // so that threads writing their first frames to a remote at once share

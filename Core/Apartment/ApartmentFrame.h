@@ -12,8 +12,12 @@ class IApartmentFrameStub : public TRootStub<IApartmentFrame> {};
 class CApartmentFrame : public IApartmentFrameStub {
 public:
     // Allocates exactly uintFrameSize bytes (none for 0) for the receiver to
-    // fill.
+    // fill; throws std::bad_alloc when it cannot.
     CApartmentFrame(unsigned int uintFrameType, unsigned int uintFrameSize);
+    // Takes pFrameBuffer (uintFrameSize bytes from new[], or null for 0) as
+    // the payload, already filled: a large payload read straight into its
+    // own buffer is not copied again.
+    CApartmentFrame(unsigned int uintFrameType, unsigned int uintFrameSize, char* pFrameBuffer);
     virtual ~CApartmentFrame();
 
     unsigned int getFrameType() override { return m_uintFrameType; }

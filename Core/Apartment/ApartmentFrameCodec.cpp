@@ -30,12 +30,13 @@ void readRoute(CAbstractStream& stream, Payload& payload) {
 
 // Appends the opaque data without a prefix; the whole payload must stay
 // within the header's 32-bit size field.
-void writeData(CAbstractStream& stream, const void* pBuffer, unsigned int uintBufLen) {
+void appendData(std::vector<char>& payload, const void* pBuffer, unsigned int uintBufLen) {
     if (pBuffer == nullptr || uintBufLen == 0) return;
-    if (uintBufLen > UINT32_MAX - stream.getLength()) {
+    if (uintBufLen > UINT32_MAX - payload.size()) {
         throw new StreamException(StreamException::NOT_ENOUGH_SPACE);
     }
-    stream.writeObject(pBuffer, uintBufLen);
+    const char* pBytes = static_cast<const char*>(pBuffer);
+    payload.insert(payload.end(), pBytes, pBytes + uintBufLen);
 }
 
 // Copies the whole stream into an exactly sized array.
@@ -70,28 +71,52 @@ bool parseInPlace(char* pFrameBuffer, unsigned int uintFrameSize, Read read) {
 
 }  // namespace
 
-std::vector<char> CApartmentFrameCodec::buildRequestPayload(
-    const std::string& strLocalApartmentUrl, const char* strSourceNodeUrl,
-    const char* strTargetApartmentUrl, const char* strTargetNodeUrl, unsigned int uintRequestId,
-    bool bRequireResponse, const void* pRequestBuffer, unsigned int uintBufLen) {
+std::vector<char> CApartmentFrameCodec::buildRequestHead(const std::string& strLocalApartmentUrl,
+                                                         const char* strSourceNodeUrl,
+                                                         const char* strTargetApartmentUrl,
+                                                         const char* strTargetNodeUrl,
+                                                         unsigned int uintRequestId,
+                                                         bool bRequireResponse) {
     CBoundedStream stream(0, PAYLOAD_BLOCK_SIZE);
     writeRoute(stream, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
                strTargetNodeUrl, uintRequestId);
     stream << bRequireResponse;
-    writeData(stream, pRequestBuffer, uintBufLen);
     return takeAll(stream);
+}
+
+std::vector<char> CApartmentFrameCodec::buildResponseHead(const std::string& strLocalApartmentUrl,
+                                                          const char* strSourceNodeUrl,
+                                                          const char* strTargetApartmentUrl,
+                                                          const char* strTargetNodeUrl,
+                                                          unsigned int uintRequestId,
+                                                          int intResponseCode) {
+    CBoundedStream stream(0, PAYLOAD_BLOCK_SIZE);
+    writeRoute(stream, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
+               strTargetNodeUrl, uintRequestId);
+    stream << intResponseCode;
+    return takeAll(stream);
+}
+
+std::vector<char> CApartmentFrameCodec::buildRequestPayload(
+    const std::string& strLocalApartmentUrl, const char* strSourceNodeUrl,
+    const char* strTargetApartmentUrl, const char* strTargetNodeUrl, unsigned int uintRequestId,
+    bool bRequireResponse, const void* pRequestBuffer, unsigned int uintBufLen) {
+    std::vector<char> payload =
+        buildRequestHead(strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
+                         strTargetNodeUrl, uintRequestId, bRequireResponse);
+    appendData(payload, pRequestBuffer, uintBufLen);
+    return payload;
 }
 
 std::vector<char> CApartmentFrameCodec::buildResponsePayload(
     const std::string& strLocalApartmentUrl, const char* strSourceNodeUrl,
     const char* strTargetApartmentUrl, const char* strTargetNodeUrl, unsigned int uintRequestId,
     int intResponseCode, const void* pResponseBuffer, unsigned int uintBufLen) {
-    CBoundedStream stream(0, PAYLOAD_BLOCK_SIZE);
-    writeRoute(stream, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
-               strTargetNodeUrl, uintRequestId);
-    stream << intResponseCode;
-    writeData(stream, pResponseBuffer, uintBufLen);
-    return takeAll(stream);
+    std::vector<char> payload =
+        buildResponseHead(strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
+                          strTargetNodeUrl, uintRequestId, intResponseCode);
+    appendData(payload, pResponseBuffer, uintBufLen);
+    return payload;
 }
 
 std::vector<char> CApartmentFrameCodec::buildAlivePayload(const std::string& strLocalApartmentUrl,

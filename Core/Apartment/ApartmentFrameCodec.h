@@ -83,6 +83,18 @@ public:
                                                   unsigned int uintRequestId, int intResponseCode,
                                                   const void* pResponseBuffer,
                                                   unsigned int uintBufLen);
+    // The fields alone, without the data: the frame writers send the
+    // caller's data after them as it is, without copying it in.
+    static std::vector<char> buildRequestHead(const std::string& strLocalApartmentUrl,
+                                              const char* strSourceNodeUrl,
+                                              const char* strTargetApartmentUrl,
+                                              const char* strTargetNodeUrl,
+                                              unsigned int uintRequestId, bool bRequireResponse);
+    static std::vector<char> buildResponseHead(const std::string& strLocalApartmentUrl,
+                                               const char* strSourceNodeUrl,
+                                               const char* strTargetApartmentUrl,
+                                               const char* strTargetNodeUrl,
+                                               unsigned int uintRequestId, int intResponseCode);
     static std::vector<char> buildAlivePayload(const std::string& strLocalApartmentUrl,
                                                unsigned int uintTimerId);
 
