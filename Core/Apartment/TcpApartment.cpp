@@ -169,7 +169,7 @@ void CTcpApartment::deliverFrame(IApartmentSink* pSink, CTcpApartmentSink* pTcp,
                                  unsigned int uintType, char* pPayload, unsigned int uintSize,
                                  MessageBatch& batch) {
     if (pSink->getRTConnection()) {
-        char* buffer = m_pRtRawBuffer;
+        char* buffer = m_uintRtRawBufferSize >= uintSize ? m_pRtRawBuffer : nullptr;
         if (pSink->getLoopbackType() != NONE_LOOPBACK_TYPE) {
             // Not the real-time thread: keep off its buffer.
             if (m_pLoopbackRawBuffer == nullptr)
