@@ -110,7 +110,7 @@ void CApartment::destroyApartment() {
     m_LoopbackServerSink = nullptr;
     m_NonRtCommunicationSinkMap.clear();
     m_RtCommunicationSinkMap.clear();
-    std::map<std::string, CReference<IApartmentNode>> nodes;
+    NodeMap nodes;
     {
         TAutoMutex<OS::TRecursiveMutex> lock(&m_NodeManageMutex);
         nodes.swap(m_ApartmentNodeMap);
@@ -260,7 +260,7 @@ void CApartment::listenConnection(DWORD dwTimeout) {
 
 void CApartment::receiveFrame(DWORD dwTimeout, bool bRtConnection) {
     std::vector<IApartmentSink*>& sinks = bRtConnection ? m_RtReceiveSinks : m_NonRtReceiveSinks;
-    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+    SinkMap& map = sinkMap(bRtConnection);
     const timespec deadline = OS::Clock::monotonicDeadline(dwTimeout);
 
     // A sink condemned by a stalled write is closed here; its nodes hear
@@ -456,7 +456,7 @@ bool CApartment::allowReentry(bool bAllowReentry) {
 
 // -------------------------------------------------------------- connections
 
-std::map<std::string, CReference<IApartmentSink>>& CApartment::sinkMap(bool bRtConnection) {
+CApartment::SinkMap& CApartment::sinkMap(bool bRtConnection) {
     return bRtConnection ? m_RtCommunicationSinkMap : m_NonRtCommunicationSinkMap;
 }
 
@@ -467,7 +467,7 @@ bool CApartment::loopbackApartment(const char* strRemoteApartmentUrl) const {
 
 bool CApartment::connectApartment(const char* strRemoteApartmentUrl, bool bRtConnection) {
     if (strRemoteApartmentUrl == nullptr) return false;
-    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+    SinkMap& map = sinkMap(bRtConnection);
     std::string address;
     getPortAddressFromApartmentUrl(strRemoteApartmentUrl, address);
     TAutoMutex<OS::TBaseMutex> opening(&m_ConnectOpenMutex);
@@ -525,7 +525,7 @@ void CApartment::addApartmentSink(IApartmentSink* pSink) {
     CApartmentSinkHelper::getRemoteApartmentUrl(pSink, remoteUrl);
 
     if (localUrl != remoteUrl) {
-        std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+        SinkMap& map = sinkMap(bRtConnection);
         CReference<IApartmentSink> replaced;  // released after the unlock
         TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
         if (map.empty()) {
@@ -587,7 +587,7 @@ void CApartment::removeApartmentSink(IApartmentSink* pSink) {
 
     CReference<IApartmentSink> removed;
     TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
-    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+    SinkMap& map = sinkMap(bRtConnection);
     auto it = map.find(remoteUrl);
     if (it == map.end()) return;
     removed = it->second;
@@ -613,7 +613,7 @@ bool CApartment::disconnectApartment(const char* strRemoteApartmentUrl, bool bRt
         m_LoopbackServerSink = nullptr;
         return true;
     }
-    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+    SinkMap& map = sinkMap(bRtConnection);
     auto it = map.find(strRemoteApartmentUrl);
     if (it == map.end()) return false;
     first = it->second;
@@ -628,7 +628,7 @@ bool CApartment::localApartmentUrl(const char* strRemoteApartmentUrl, bool bRtCo
     if (loopbackApartment(strRemoteApartmentUrl))
         return !m_LoopbackClientSink.nil() &&
                m_LoopbackClientSink->getLocalApartmentUrl(strLocalApartmentUrl, dwLen);
-    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+    SinkMap& map = sinkMap(bRtConnection);
     auto it = map.find(strRemoteApartmentUrl);
     if (it == map.end()) return false;
     return it->second->getLocalApartmentUrl(strLocalApartmentUrl, dwLen);
@@ -685,7 +685,7 @@ CReference<IApartmentSink> CApartment::findLink(const char* strRemoteApartmentUr
         return m_LoopbackClientSink;
     }
     if (strRemoteApartmentUrl == nullptr) return CReference<IApartmentSink>();
-    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+    SinkMap& map = sinkMap(bRtConnection);
     auto it = map.find(strRemoteApartmentUrl);
     return it == map.end() ? CReference<IApartmentSink>() : it->second;
 }
@@ -782,13 +782,19 @@ void CApartment::onRequestFrameArrived(IApartmentFrame* pFrame) {
         return;
     CReference<IApartmentNode> node(findApartmentNode(request.m_strTargetNodeUrl.c_str()));
     if (node.nil()) return;
+    // The fields are copied out; the frame is this handler's until it
+    // returns, so the data moves to the buffer's (aligned) start instead of
+    // into a copy of its own.
+    char* data = nullptr;
+    if (request.m_uintDataSize != 0) {
+        data = pFrame->getFrameBuffer();
+        std::memmove(data, request.m_pData, request.m_uintDataSize);
+    }
     node->receiveRequest(request.m_strSourceApartmentUrl.c_str(),
                          request.m_strSourceNodeUrl.c_str(),
                          request.m_strTargetApartmentUrl.c_str(),
-                         request.m_strTargetNodeUrl.c_str(), request.m_uintRequestId,
-                         request.m_vecData.empty() ? nullptr : request.m_vecData.data(),
-                         static_cast<unsigned int>(request.m_vecData.size()),
-                         request.m_bRequireResponse);
+                         request.m_strTargetNodeUrl.c_str(), request.m_uintRequestId, data,
+                         request.m_uintDataSize, request.m_bRequireResponse);
 }
 
 void CApartment::onResponseFrameArrived(IApartmentFrame* pFrame) {
@@ -798,9 +804,8 @@ void CApartment::onResponseFrameArrived(IApartmentFrame* pFrame) {
         return;
     CReference<IApartmentNode> node(findApartmentNode(response.m_strTargetNodeUrl.c_str()));
     if (node.nil()) return;
-    if (!node->addResponse(response.m_uintRequestId, response.m_intResponseCode,
-                           response.m_vecData.empty() ? nullptr : response.m_vecData.data(),
-                           static_cast<unsigned int>(response.m_vecData.size())))
+    if (!node->addResponse(response.m_uintRequestId, response.m_intResponseCode, response.m_pData,
+                           response.m_uintDataSize))
         printf("[Apartment Warning]: Request %u already have response.\n",
                response.m_uintRequestId);
 }

@@ -26,6 +26,7 @@
 #define APARTMENT_APARTMENT_H
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -49,6 +50,11 @@ public:
 
 class CApartment : public IApartmentExStub {
 public:
+    // Keyed by URL or node name; looked up with the caller's const char*
+    // as it is (no key string is built per lookup).
+    typedef std::map<std::string, CReference<IApartmentSink>, std::less<>> SinkMap;
+    typedef std::map<std::string, CReference<IApartmentNode>, std::less<>> NodeMap;
+
     // The length of a pass of the listen and communication threads, in ms:
     // it bounds how long stopping a thread takes.
     static const DWORD THREAD_PASS_MS = 100;
@@ -186,7 +192,7 @@ private:
     // this apartment's own URL), as a counted reference, or empty.
     CReference<IApartmentSink> findLink(const char* strRemoteApartmentUrl, bool bRtConnection,
                                         bool* pbLoopback = nullptr);
-    std::map<std::string, CReference<IApartmentSink>>& sinkMap(bool bRtConnection);
+    SinkMap& sinkMap(bool bRtConnection);
     // Sends a built payload on a link; frees nothing of the caller's.
     static bool sendPayload(IApartmentSink* pSink, unsigned int uintFrameType,
                             const std::vector<char>& payload);
@@ -222,8 +228,8 @@ private:
     // a sink becomes available.
     OS::TBaseMutex m_ConnectionManageMutex;
     OS::TCondition m_ConnectionNotEmptyCondition;
-    std::map<std::string, CReference<IApartmentSink>> m_NonRtCommunicationSinkMap;
-    std::map<std::string, CReference<IApartmentSink>> m_RtCommunicationSinkMap;
+    SinkMap m_NonRtCommunicationSinkMap;
+    SinkMap m_RtCommunicationSinkMap;
     std::string m_strLoopbackApartmentUrl;
     CReference<IApartmentSink> m_LoopbackClientSink;
     CReference<IApartmentSink> m_LoopbackServerSink;
@@ -231,7 +237,7 @@ private:
     // Guards m_ApartmentNodeMap; recursive because node callbacks run under
     // it and may come back to the apartment.
     OS::TRecursiveMutex m_NodeManageMutex;
-    std::map<std::string, CReference<IApartmentNode>> m_ApartmentNodeMap;
+    NodeMap m_ApartmentNodeMap;
 
     // Guards m_apartmentCallback, which the real-time thread reads while a
     // host thread may replace it. Never held during a callback.

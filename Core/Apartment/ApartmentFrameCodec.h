@@ -14,6 +14,11 @@
 //   connection  a fixed block, not a stream: u8 real-time flag, 128 bytes of
 //             the connecting apartment's URL padded with zeros, u8 zero
 //
+// The encodings are those of the serialisation streams (FieldKit/
+// BoundedStream), applied directly: a payload is built into one exactly
+// sized array and parsed in place, without a call into a byte store per
+// field (which, per frame, cost more than the rest of the codec).
+//
 // The build operations throw; the parse operations never throw. Everything
 // is static and stateless: any thread may call it.
 #ifndef APARTMENT_APARTMENTFRAMECODEC_H
@@ -35,7 +40,10 @@ typedef struct _APARTMENT_REQUEST_PAYLOAD {
     std::string m_strTargetNodeUrl;
     unsigned int m_uintRequestId = 0;
     bool m_bRequireResponse = false;
-    std::vector<char> m_vecData;  // the opaque request data; empty when none
+    // The opaque request data, in place in the parsed buffer (null when
+    // there is none): valid while that buffer is.
+    const char* m_pData = nullptr;
+    unsigned int m_uintDataSize = 0;
 } APARTMENT_REQUEST_PAYLOAD;
 
 // Fields of a received response payload.
@@ -46,7 +54,9 @@ typedef struct _APARTMENT_RESPONSE_PAYLOAD {
     std::string m_strTargetNodeUrl;
     unsigned int m_uintRequestId = 0;
     int m_intResponseCode = 0;
-    std::vector<char> m_vecData;  // the opaque response data; empty when none
+    // The opaque response data, in place as for a request.
+    const char* m_pData = nullptr;
+    unsigned int m_uintDataSize = 0;
 } APARTMENT_RESPONSE_PAYLOAD;
 
 // Fields of a received alive (or alive-acknowledge) payload.
@@ -100,7 +110,8 @@ public:
 
     // Each parse operation reads a received payload of uintFrameSize bytes in
     // place (pFrameBuffer may be null when the size is 0; its bytes are not
-    // changed) and copies only the trailing data out. False means the
+    // changed); the fields are copied out, the trailing data is pointed at
+    // where it lies. False means the
     // payload is malformed (it ends inside a field, or a string's count runs
     // past its end): the caller drops the frame silently. On false `payload`
     // is left as it was. They never throw.

@@ -11,7 +11,7 @@
 #define APARTMENT_MESSAGEQUEUE_H
 
 #include <cstddef>
-#include <list>
+#include <deque>
 
 #include "GroundKit/OS/OS_Condition.h"
 #include "GroundKit/OS/OS_Mutex.h"
@@ -41,7 +41,7 @@ private:
     // Guarded by m_QueueMutex: the flags, the list and the waiter count.
     bool m_bInterruptPop;  // set by interruptPop; cleared on entry to each blocking pop and by reset
     bool m_bLockQueue;     // set by lockQueue; cleared by unlockQueue
-    std::list<APARTMENT_TMSG> m_ElementQueue;  // push at the back, pop at the front
+    std::deque<APARTMENT_TMSG> m_ElementQueue;  // push at the back, pop at the front; no allocation per message
     // Pops waiting on the condition: a push wakes them only when there are
     // any, so a busy pumping thread is not signalled per message.
     unsigned int m_uintWaiters;

@@ -198,12 +198,7 @@ void CTcpApartment::deliverFrame(IApartmentSink* pSink, CTcpApartmentSink* pTcp,
         frame = new (std::nothrow) CApartmentFrame(uintType, uintSize, pPayload);
         pTcp->consumeFrame(frame != nullptr);
     } else {
-        char* copy = uintSize != 0 ? new (std::nothrow) char[uintSize] : nullptr;
-        if (uintSize == 0 || copy != nullptr) {
-            if (uintSize != 0) std::memcpy(copy, pPayload, uintSize);
-            frame = new (std::nothrow) CApartmentFrame(uintType, uintSize, copy);
-            if (frame == nullptr) delete[] copy;
-        }
+        frame = CApartmentFrame::createCopy(uintType, uintSize, pPayload);
         pTcp->consumeFrame();
     }
     if (frame == nullptr) {
