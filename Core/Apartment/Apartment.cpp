@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <string_view>
 
 #include "ApartmentFrame.h"
 #include "ApartmentFrameCodec.h"
@@ -39,6 +41,29 @@ unsigned int maxFrameSizeFromEnvironment() {
 }  // namespace
 
 const char* const CApartment::MAX_FRAME_BYTES_VARIABLE = "APARTMENT_MAX_FRAME_BYTES";
+
+namespace {
+// A link's local apartment URL for one frame, fetched without a heap
+// allocation when it has a usual length.
+class LinkLocalUrl {
+public:
+    explicit LinkLocalUrl(const IApartmentSink* pLink) {
+        DWORD length = sizeof m_text;
+        if (pLink->getLocalApartmentUrl(m_text, length) && length != 0) {
+            m_view = std::string_view(m_text, length - 1);
+        } else {
+            CApartmentSinkHelper::getLocalApartmentUrl(pLink, m_long);
+            m_view = m_long;
+        }
+    }
+    std::string_view text() const { return m_view; }
+
+private:
+    char m_text[256];
+    std::string m_long;
+    std::string_view m_view;
+};
+}  // namespace
 
 CApartment::CApartment()
     : m_uintMaxFrameSize(APARTMENT_DEFAULT_MAX_FRAME_SIZE),
@@ -135,8 +160,9 @@ bool CApartment::createApartmentNode(const char* strNodeUrl) {
 
 IApartmentNode* CApartment::findApartmentNode(const char* strNodeUrl) {
     if (strNodeUrl == nullptr) return nullptr;
+    const std::string_view name(strNodeUrl);  // measured once, not per comparison
     TAutoMutex<OS::TRecursiveMutex> lock(&m_NodeManageMutex);
-    auto it = m_ApartmentNodeMap.find(strNodeUrl);
+    auto it = m_ApartmentNodeMap.find(name);
     if (it == m_ApartmentNodeMap.end()) return nullptr;
     it->second->addRef();
     return it->second;
@@ -347,7 +373,7 @@ bool CApartment::getMessage(APARTMENT_TMSG& msg, timespec deadline) {
     if (!dispatchGatePasses()) return false;
     // Deferred messages come back first, one per call, once re-entry is
     // allowed again.
-    if (m_bAllowReentry && m_ApartmentCacheMsgQueue.pop(msg, 0)) return true;
+    if (m_bAllowReentry && m_ApartmentCacheMsgQueue.tryPop(msg)) return true;
     return m_ApartmentMsgQueue.pop(msg, deadline);
 }
 
@@ -598,7 +624,7 @@ bool CApartment::hasConnection(const char* strRemoteApartmentUrl, bool bRtConnec
     if (strRemoteApartmentUrl == nullptr) return false;
     TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
     if (loopbackApartment(strRemoteApartmentUrl)) return true;
-    return sinkMap(bRtConnection).count(strRemoteApartmentUrl) != 0;
+    return sinkMap(bRtConnection).count(std::string_view(strRemoteApartmentUrl)) != 0;
 }
 
 bool CApartment::disconnectApartment(const char* strRemoteApartmentUrl, bool bRtConnection) {
@@ -686,8 +712,15 @@ CReference<IApartmentSink> CApartment::findLink(const char* strRemoteApartmentUr
     }
     if (strRemoteApartmentUrl == nullptr) return CReference<IApartmentSink>();
     SinkMap& map = sinkMap(bRtConnection);
-    auto it = map.find(strRemoteApartmentUrl);
+    auto it = map.find(std::string_view(strRemoteApartmentUrl));
     return it == map.end() ? CReference<IApartmentSink>() : it->second;
+}
+
+CReference<IApartmentSink> CApartment::linkOrConnect(const char* strRemoteApartmentUrl,
+                                                     bool bRtConnection) {
+    CReference<IApartmentSink> link = findLink(strRemoteApartmentUrl, bRtConnection);
+    if (!link.nil() || !connectApartment(strRemoteApartmentUrl, bRtConnection)) return link;
+    return findLink(strRemoteApartmentUrl, bRtConnection);
 }
 
 bool CApartment::sendPayload(IApartmentSink* pSink, unsigned int uintFrameType,
@@ -701,23 +734,20 @@ bool CApartment::writeRequestFrame(const char* strApartmentNodeUrl,
                                    const char* strRemoteApartmentNodeUrl, void* pRequestBuffer,
                                    unsigned int uintBufLen, bool bRtConnection,
                                    unsigned int& uintRequestId, bool bRequireResponse) {
-    if (!hasConnection(strRemoteApartmentUrl, bRtConnection) &&
-        !connectApartment(strRemoteApartmentUrl, bRtConnection))
-        return false;
-    CReference<IApartmentSink> link = findLink(strRemoteApartmentUrl, bRtConnection);
+    CReference<IApartmentSink> link = linkOrConnect(strRemoteApartmentUrl, bRtConnection);
     if (link.nil()) return false;
-    std::string localUrl;
-    CApartmentSinkHelper::getLocalApartmentUrl(link, localUrl);
+    const LinkLocalUrl localUrl(link);
     // The counter returns the value after the addition; the id is the one
     // before it. Only its low 32 bits travel.
     const unsigned int id =
         static_cast<unsigned int>(OS::Thread::syncFetchAdd(&m_ulNextRequestId) - 1);
-    const std::vector<char> head = CApartmentFrameCodec::buildRequestHead(
-        localUrl, strApartmentNodeUrl, strRemoteApartmentUrl, strRemoteApartmentNodeUrl, id,
-        bRequireResponse);
+    CPayloadHead head;
+    CApartmentFrameCodec::buildRequestHead(head, localUrl.text(), strApartmentNodeUrl,
+                                           strRemoteApartmentUrl, strRemoteApartmentNodeUrl, id,
+                                           bRequireResponse);
     // The caller's data follows the fields as it is, without a copy.
-    const bool sent = link->sendFrameParts(APARTMENT_REQUEST_FRAME, head.data(),
-                                           static_cast<unsigned int>(head.size()), pRequestBuffer,
+    const bool sent = link->sendFrameParts(APARTMENT_REQUEST_FRAME, head.data(), head.size(),
+                                           pRequestBuffer,
                                            pRequestBuffer != nullptr ? uintBufLen : 0);
     if (sent) uintRequestId = id;
     return sent;
@@ -729,18 +759,14 @@ bool CApartment::writeResponseFrame(const char* strApartmentNodeUrl,
                                     unsigned int uintRequestId, int intResponseCode,
                                     void* pResponseBuffer, unsigned int uintBufLen,
                                     bool bRtConnection) {
-    if (!hasConnection(strRemoteApartmentUrl, bRtConnection) &&
-        !connectApartment(strRemoteApartmentUrl, bRtConnection))
-        return false;
-    CReference<IApartmentSink> link = findLink(strRemoteApartmentUrl, bRtConnection);
+    CReference<IApartmentSink> link = linkOrConnect(strRemoteApartmentUrl, bRtConnection);
     if (link.nil()) return false;
-    std::string localUrl;
-    CApartmentSinkHelper::getLocalApartmentUrl(link, localUrl);
-    const std::vector<char> head = CApartmentFrameCodec::buildResponseHead(
-        localUrl, strApartmentNodeUrl, strRemoteApartmentUrl, strRemoteApartmentNodeUrl,
-        uintRequestId, intResponseCode);
-    return link->sendFrameParts(APARTMENT_RESPONSE_FRAME, head.data(),
-                                static_cast<unsigned int>(head.size()), pResponseBuffer,
+    const LinkLocalUrl localUrl(link);
+    CPayloadHead head;
+    CApartmentFrameCodec::buildResponseHead(head, localUrl.text(), strApartmentNodeUrl,
+                                            strRemoteApartmentUrl, strRemoteApartmentNodeUrl,
+                                            uintRequestId, intResponseCode);
+    return link->sendFrameParts(APARTMENT_RESPONSE_FRAME, head.data(), head.size(), pResponseBuffer,
                                 pResponseBuffer != nullptr ? uintBufLen : 0);
 }
 
@@ -775,8 +801,32 @@ void CApartment::onLoopbackFrameArrived(IApartmentFrame* pFrame) {
     if (!server.nil()) server->sendFrame(type, pFrame->getFrameBuffer(), size);
 }
 
+namespace {
+// Parsed requests of the dispatching thread, one per nesting level (a node
+// callback may pump, and so parse the next request, before its own returns),
+// kept across frames so that their strings keep their room: the fields of a
+// request then cost no allocation.
+thread_local std::vector<std::unique_ptr<APARTMENT_REQUEST_PAYLOAD>> t_requests;
+thread_local size_t t_requestDepth = 0;
+
+class RequestSlot {
+public:
+    RequestSlot() {
+        if (t_requests.size() <= t_requestDepth)
+            t_requests.emplace_back(new APARTMENT_REQUEST_PAYLOAD());
+        m_pRequest = t_requests[t_requestDepth++].get();
+    }
+    ~RequestSlot() { --t_requestDepth; }
+    APARTMENT_REQUEST_PAYLOAD& request() { return *m_pRequest; }
+
+private:
+    APARTMENT_REQUEST_PAYLOAD* m_pRequest;
+};
+}  // namespace
+
 void CApartment::onRequestFrameArrived(IApartmentFrame* pFrame) {
-    APARTMENT_REQUEST_PAYLOAD request;
+    RequestSlot slot;
+    APARTMENT_REQUEST_PAYLOAD& request = slot.request();
     if (!CApartmentFrameCodec::parseRequestPayload(pFrame->getFrameBuffer(), pFrame->getFrameSize(),
                                                    request))
         return;

@@ -193,6 +193,10 @@ private:
     CReference<IApartmentSink> findLink(const char* strRemoteApartmentUrl, bool bRtConnection,
                                         bool* pbLoopback = nullptr);
     SinkMap& sinkMap(bool bRtConnection);
+    // The link to a remote apartment, opened first when there is none (the
+    // writers' first frame to a new remote opens the link on their thread);
+    // empty when it cannot be had.
+    CReference<IApartmentSink> linkOrConnect(const char* strRemoteApartmentUrl, bool bRtConnection);
     // Sends a built payload on a link; frees nothing of the caller's.
     static bool sendPayload(IApartmentSink* pSink, unsigned int uintFrameType,
                             const std::vector<char>& payload);

@@ -7,7 +7,6 @@
 
 #include "FieldKit/BoundedStream/AbstractStream.h"
 #include "FieldKit/Environment/EndianType.h"
-#include "GroundKit/OS/OS_CLibrary.h"
 #include "GroundKit/OS/OS_UTF8Helper.h"
 
 namespace {
@@ -33,34 +32,43 @@ public:
     // A node name or destination URL: pure ASCII, else (or for null)
     // UNEXPECTED_VALUE_ERROR before anything is written.
     void text(const char* pText) {
-        if (pText == nullptr || !OS::CLibrary::String::isAscii(pText))
-            fail(StreamException::UNEXPECTED_VALUE_ERROR);
-        m_texts[m_count++] = Text{pText, std::strlen(pText)};
+        if (pText == nullptr) fail(StreamException::UNEXPECTED_VALUE_ERROR);
+        size_t length = 0;
+        for (; pText[length] != '\0'; ++length)
+            if (static_cast<unsigned char>(pText[length]) >= 0x80)
+                fail(StreamException::UNEXPECTED_VALUE_ERROR);
+        m_texts[m_count++] = Text{pText, length};
     }
     // The sender's own URL: carried as UTF-8.
-    void localText(const std::string& text) {
+    void localText(std::string_view text) {
         if (isAsciiText(text.data(), text.size())) {
             m_texts[m_count++] = Text{text.data(), text.size()};
         } else {
-            m_converted = OS::UTF8Helper::oemToUTF8(text);
+            m_converted = OS::UTF8Helper::oemToUTF8(std::string(text));
             m_texts[m_count++] = Text{m_converted.data(), m_converted.size()};
         }
     }
-    // Lays the texts down, then `tailSize` bytes for the caller to fill.
-    std::vector<char> take(size_t tailSize, char*& pTail) {
+    // The size of the texts laid down, with `tailSize` bytes after them.
+    size_t size(size_t tailSize) const {
         size_t size = tailSize;
         for (unsigned int i = 0; i < m_count; ++i) {
             if (m_texts[i].length > UINT32_MAX) fail(StreamException::NOT_ENOUGH_SPACE);
             size += 4 + m_texts[i].length;
         }
-        std::vector<char> payload(size);
-        char* p = payload.data();
+        return size;
+    }
+    // Lays the texts down at p; returns where the tail goes.
+    char* write(char* p) const {
         for (unsigned int i = 0; i < m_count; ++i) {
             p = putU32(p, static_cast<uint32_t>(m_texts[i].length));
             if (m_texts[i].length != 0) std::memcpy(p, m_texts[i].pText, m_texts[i].length);
             p += m_texts[i].length;
         }
-        pTail = p;
+        return p;
+    }
+    std::vector<char> take(size_t tailSize, char*& pTail) const {
+        std::vector<char> payload(size(tailSize));
+        pTail = write(payload.data());
         return payload;
     }
     static char* putU32(char* p, uint32_t value) {
@@ -131,7 +139,7 @@ private:
 };
 
 // The addressing fields that open request and response payloads.
-void writeRoute(Writer& writer, const std::string& strLocalApartmentUrl,
+void writeRoute(Writer& writer, std::string_view strLocalApartmentUrl,
                 const char* strSourceNodeUrl, const char* strTargetApartmentUrl,
                 const char* strTargetNodeUrl) {
     writer.localText(strLocalApartmentUrl);
@@ -158,47 +166,57 @@ void appendData(std::vector<char>& payload, const void* pBuffer, unsigned int ui
 
 }  // namespace
 
-std::vector<char> CApartmentFrameCodec::buildRequestHead(const std::string& strLocalApartmentUrl,
-                                                         const char* strSourceNodeUrl,
-                                                         const char* strTargetApartmentUrl,
-                                                         const char* strTargetNodeUrl,
-                                                         unsigned int uintRequestId,
-                                                         bool bRequireResponse) {
-    Writer writer;
-    writeRoute(writer, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
-               strTargetNodeUrl);
-    char* tail = nullptr;
-    std::vector<char> head = writer.take(5, tail);
-    tail = Writer::putU32(tail, uintRequestId);
-    *tail = bRequireResponse ? 1 : 0;
-    return head;
+char* CPayloadHead::allocate(size_t size) {
+    if (size > UINT32_MAX) throw new CAbstractStream::CStreamException(
+        CAbstractStream::CStreamException::NOT_ENOUGH_SPACE);
+    m_uintSize = static_cast<unsigned int>(size);
+    if (size <= sizeof m_inline) {
+        m_pData = m_inline;
+    } else {
+        m_heap.resize(size);
+        m_pData = m_heap.data();
+    }
+    return m_pData;
 }
 
-std::vector<char> CApartmentFrameCodec::buildResponseHead(const std::string& strLocalApartmentUrl,
-                                                          const char* strSourceNodeUrl,
-                                                          const char* strTargetApartmentUrl,
-                                                          const char* strTargetNodeUrl,
-                                                          unsigned int uintRequestId,
-                                                          int intResponseCode) {
+void CApartmentFrameCodec::buildRequestHead(CPayloadHead& head,
+                                            std::string_view strLocalApartmentUrl,
+                                            const char* strSourceNodeUrl,
+                                            const char* strTargetApartmentUrl,
+                                            const char* strTargetNodeUrl,
+                                            unsigned int uintRequestId, bool bRequireResponse) {
     Writer writer;
     writeRoute(writer, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
                strTargetNodeUrl);
-    char* tail = nullptr;
-    std::vector<char> head = writer.take(8, tail);
+    char* tail = writer.write(head.allocate(writer.size(5)));
+    tail = Writer::putU32(tail, uintRequestId);
+    *tail = bRequireResponse ? 1 : 0;
+}
+
+void CApartmentFrameCodec::buildResponseHead(CPayloadHead& head,
+                                             std::string_view strLocalApartmentUrl,
+                                             const char* strSourceNodeUrl,
+                                             const char* strTargetApartmentUrl,
+                                             const char* strTargetNodeUrl,
+                                             unsigned int uintRequestId, int intResponseCode) {
+    Writer writer;
+    writeRoute(writer, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
+               strTargetNodeUrl);
+    char* tail = writer.write(head.allocate(writer.size(8)));
     tail = Writer::putU32(tail, uintRequestId);
     uint32_t code = 0;
     std::memcpy(&code, &intResponseCode, sizeof code);
     Writer::putU32(tail, code);
-    return head;
 }
 
 std::vector<char> CApartmentFrameCodec::buildRequestPayload(
     const std::string& strLocalApartmentUrl, const char* strSourceNodeUrl,
     const char* strTargetApartmentUrl, const char* strTargetNodeUrl, unsigned int uintRequestId,
     bool bRequireResponse, const void* pRequestBuffer, unsigned int uintBufLen) {
-    std::vector<char> payload =
-        buildRequestHead(strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
-                         strTargetNodeUrl, uintRequestId, bRequireResponse);
+    CPayloadHead head;
+    buildRequestHead(head, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
+                     strTargetNodeUrl, uintRequestId, bRequireResponse);
+    std::vector<char> payload(head.data(), head.data() + head.size());
     appendData(payload, pRequestBuffer, uintBufLen);
     return payload;
 }
@@ -207,14 +225,15 @@ std::vector<char> CApartmentFrameCodec::buildResponsePayload(
     const std::string& strLocalApartmentUrl, const char* strSourceNodeUrl,
     const char* strTargetApartmentUrl, const char* strTargetNodeUrl, unsigned int uintRequestId,
     int intResponseCode, const void* pResponseBuffer, unsigned int uintBufLen) {
-    std::vector<char> payload =
-        buildResponseHead(strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
-                          strTargetNodeUrl, uintRequestId, intResponseCode);
+    CPayloadHead head;
+    buildResponseHead(head, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
+                      strTargetNodeUrl, uintRequestId, intResponseCode);
+    std::vector<char> payload(head.data(), head.data() + head.size());
     appendData(payload, pResponseBuffer, uintBufLen);
     return payload;
 }
 
-std::vector<char> CApartmentFrameCodec::buildAlivePayload(const std::string& strLocalApartmentUrl,
+std::vector<char> CApartmentFrameCodec::buildAlivePayload(std::string_view strLocalApartmentUrl,
                                                           unsigned int uintTimerId) {
     Writer writer;
     writer.localText(strLocalApartmentUrl);
@@ -227,7 +246,7 @@ std::vector<char> CApartmentFrameCodec::buildAlivePayload(const std::string& str
 bool CApartmentFrameCodec::parseRequestPayload(char* pFrameBuffer, unsigned int uintFrameSize,
                                                APARTMENT_REQUEST_PAYLOAD& payload) {
     if (pFrameBuffer == nullptr && uintFrameSize != 0) return false;
-    APARTMENT_REQUEST_PAYLOAD parsed;
+    APARTMENT_REQUEST_PAYLOAD& parsed = payload;  // its strings' room is reused
     Reader reader(pFrameBuffer, uintFrameSize);
     try {
         if (!readRoute(reader, parsed) || !reader.flag(parsed.m_bRequireResponse)) return false;
@@ -235,14 +254,13 @@ bool CApartmentFrameCodec::parseRequestPayload(char* pFrameBuffer, unsigned int 
         return false;
     }
     reader.rest(parsed);
-    payload = std::move(parsed);
     return true;
 }
 
 bool CApartmentFrameCodec::parseResponsePayload(char* pFrameBuffer, unsigned int uintFrameSize,
                                                 APARTMENT_RESPONSE_PAYLOAD& payload) {
     if (pFrameBuffer == nullptr && uintFrameSize != 0) return false;
-    APARTMENT_RESPONSE_PAYLOAD parsed;
+    APARTMENT_RESPONSE_PAYLOAD& parsed = payload;  // its strings' room is reused
     Reader reader(pFrameBuffer, uintFrameSize);
     try {
         if (!readRoute(reader, parsed) || !reader.i32(parsed.m_intResponseCode)) return false;
@@ -250,7 +268,6 @@ bool CApartmentFrameCodec::parseResponsePayload(char* pFrameBuffer, unsigned int
         return false;
     }
     reader.rest(parsed);
-    payload = std::move(parsed);
     return true;
 }
 
