@@ -1,6 +1,5 @@
 #include "Apartment.h"
 
-#include <cstdio>
 #include <cstring>
 
 #include "ApartmentFrame.h"
@@ -11,6 +10,7 @@
 #include "GroundKit/OS/OS_Clock.h"
 #include "GroundKit/OS/OS_Thread.h"
 #include "GroundKit/StringAssistant/StringAssistant.h"
+#include "os_log.h"
 
 namespace {
 const unsigned int NO_TIMER = 0xFFFFFFFFu;
@@ -54,7 +54,7 @@ void CApartment::onFinalRelease() { destroyApartment(); }
 
 bool CApartment::initApartment(const char* strApartmentUrl, bool bListen) {
     if (strApartmentUrl != nullptr && std::strlen(strApartmentUrl) > MAX_APARTMENT_URL_LENGTH) {
-        printf("Apartment url is too long: %s.\n", strApartmentUrl);
+        log_task_line("Apartment url is too long: %s.", strApartmentUrl);
         return false;
     }
     std::string url = strApartmentUrl != nullptr ? strApartmentUrl : "";
@@ -69,7 +69,7 @@ bool CApartment::initApartment(const char* strApartmentUrl, bool bListen) {
         sink->setLocalApartmentUrl(url.c_str());
         m_ListenSink = asIApartmentListenSink(sink);
         createListenThread();
-        printf("Apartment listen at port(%s).\n", url.c_str());
+        log_task_line("Apartment listen at port(%s).", url.c_str());
     } else {
         getApartmentUrlFromPortAddress(address.c_str(), url);
     }
@@ -463,8 +463,8 @@ bool CApartment::connectApartment(const char* strRemoteApartmentUrl, bool bRtCon
                 // Both communication threads may idle on this condition: wake
                 // both rather than risk waking the one this sink is not for.
                 m_ConnectionNotEmptyCondition.notifyAll();
-                printf("Detected client loopback interface changed(%s---->%s).\n", localUrl.c_str(),
-                       strRemoteApartmentUrl);
+                log_task_line("Detected client loopback interface changed(%s---->%s).",
+                              localUrl.c_str(), strRemoteApartmentUrl);
                 stored = true;
             }
         }
@@ -513,16 +513,16 @@ void CApartment::addApartmentSink(IApartmentSink* pSink) {
     TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
     if (pSink->sinkType() == CLIENT_SINK) {
         if (!m_LoopbackClientSink.nil())
-            puts("Client loopback apartment sink is already added.");
+            log_task_line("Client loopback apartment sink is already added.");
         else
-            printf("Client loopback apartment sink should not be added in function %s.\n",
-                   "addApartmentSink");
+            log_task_line("Client loopback apartment sink should not be added in function %s.",
+                          "addApartmentSink");
     } else if (pSink->sinkType() == SERVER_SINK) {
         if (!m_LoopbackServerSink.nil())
-            puts("Server loopback apartment sink is already added.");
+            log_task_line("Server loopback apartment sink is already added.");
         else
-            printf("Server loopback apartment sink should not be added in function %s.\n",
-                   "addApartmentSink");
+            log_task_line("Server loopback apartment sink should not be added in function %s.",
+                          "addApartmentSink");
     }
 }
 
@@ -542,7 +542,7 @@ void CApartment::removeApartmentSink(IApartmentSink* pSink) {
             m_LoopbackClientSink = nullptr;
             m_LoopbackServerSink = nullptr;
         }
-        puts("Loopback apartment sink is removed.");
+        log_task_line("Loopback apartment sink is removed.");
         return;
     }
 
@@ -628,8 +628,8 @@ void CApartment::onAddConnection(IApartmentServerSink* pServerSink) {
         TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
         if (m_LoopbackServerSink.nil()) {
             m_LoopbackServerSink = sink;
-            printf("Detected server loopback interface changed(%s---->%s).\n", localUrl.c_str(),
-                   remoteUrl.c_str());
+            log_task_line("Detected server loopback interface changed(%s---->%s).",
+                          localUrl.c_str(), remoteUrl.c_str());
         }
         return;
     }
@@ -757,8 +757,8 @@ void CApartment::onResponseFrameArrived(IApartmentFrame* pFrame) {
     if (!node->addResponse(response.m_uintRequestId, response.m_intResponseCode,
                            response.m_vecData.empty() ? nullptr : response.m_vecData.data(),
                            static_cast<unsigned int>(response.m_vecData.size())))
-        printf("[Apartment Warning]: Request %u already have response.\n",
-               response.m_uintRequestId);
+        log_task_line("[Apartment Warning]: Request %u already have response.",
+                      response.m_uintRequestId);
 }
 
 void CApartment::onNormalFrameArrived(IApartmentFrame* pFrame) {

@@ -7,6 +7,7 @@
 #include "ApartmentFrame.h"
 #include "GroundKit/OS/Socket/OS_Socket.h"
 #include "TcpApartmentSink.h"
+#include "os_log.h"
 
 namespace {
 const char TCP_SCHEME[] = "tcp://";
@@ -79,7 +80,8 @@ bool CTcpApartment::getApartmentUrlFromPortAddress(const char* strAddress,
 void CTcpApartment::waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintCount,
                                      DWORD dwTimeout) {
     if (uintCount > MAX_SINKS_PER_WAIT) {
-        puts("Fatal Error: too many sink receive data at same time, only 64 are working.");
+        log_task_line(
+            "Fatal Error: too many sink receive data at same time, only 64 are working.");
         uintCount = MAX_SINKS_PER_WAIT;
     }
     timeval timeout;

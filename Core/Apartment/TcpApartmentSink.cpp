@@ -12,6 +12,7 @@
 #include "FieldKit/Environment/EndianType.h"
 #include "GroundKit/OS/OS_Clock.h"
 #include "GroundKit/StringAssistant/StringAssistant.h"
+#include "os_log.h"
 
 namespace {
 
@@ -271,7 +272,7 @@ bool CTcpApartmentSink::_rawSend(const void* pData, const unsigned int& uintSize
         if (m_Socket.getSockFd() == -1 || m_Socket.isLinkBroken()) break;
         if (result < 0 && isPermanentSendError(OS::Socket::getErrnoCode())) break;
         if (m_Socket.readyToWrite(SEND_STALL_TIMEOUT_MS, nullptr)) continue;
-        std::printf("TcpApartmentSink write failed.\n");
+        log_task_line("TcpApartmentSink write failed.");
         setExpectSinkClosed(true);
         break;
     }
@@ -364,8 +365,8 @@ bool CTcpClientSink::onSinkInited(const char* localAddress, const char* remoteAd
     socklen_t length = sizeof error;
     m_Socket.getSockopt(SOL_SOCKET, SO_ERROR, &error, &length);
     if (m_Socket.readyToRead(0, nullptr) && error != 0) {
-        std::printf("[TcpApartment Error]: Can not connected to %s:%u\n",
-                    m_strRemoteIPAddress.c_str(), static_cast<unsigned int>(m_uiRemoteIPPort));
+        log_task_line("[TcpApartment Error]: Can not connected to %s:%u",
+                      m_strRemoteIPAddress.c_str(), static_cast<unsigned int>(m_uiRemoteIPPort));
         return false;
     }
     if (!m_Socket.getSockName(m_strLocalIPAddress, m_uiLocalIPPort)) return false;
