@@ -233,7 +233,7 @@ void CApartment::listenConnection(DWORD dwTimeout) {
     msg.wParam = reinterpret_cast<WPARAM>(serverSink);
     msg.lParam = 0;
     // Straight into the main queue: this code is never deferred.
-    m_ApartmentMsgQueue.push(msg);
+    queueOrRelease(m_ApartmentMsgQueue, msg);
 }
 
 void CApartment::receiveFrame(DWORD dwTimeout, bool bRtConnection) {
@@ -298,10 +298,13 @@ bool CApartment::allowMessage(const APARTMENT_TMSG& msg) const {
 }
 
 void CApartment::postMessage(const APARTMENT_TMSG& msg) {
-    if (allowMessage(msg))
-        m_ApartmentMsgQueue.push(msg);
-    else
-        m_ApartmentCacheMsgQueue.push(msg);
+    queueOrRelease(allowMessage(msg) ? m_ApartmentMsgQueue : m_ApartmentCacheMsgQueue, msg);
+}
+
+void CApartment::queueOrRelease(CMessageQueue& queue, const APARTMENT_TMSG& msg) {
+    // A stopped dispatch locks the main queue for good: what it refuses
+    // would never be dispatched, so its payload goes now.
+    if (!queue.push(msg)) releaseMessagePayload(msg);
 }
 
 bool CApartment::getMessage(APARTMENT_TMSG& msg, timespec deadline) {
@@ -313,7 +316,12 @@ bool CApartment::getMessage(APARTMENT_TMSG& msg, timespec deadline) {
 }
 
 int CApartment::dispatchMessage(const APARTMENT_TMSG& msg) {
-    if (!dispatchGatePasses()) return -1;
+    if (!dispatchGatePasses()) {
+        // Taken from the queue before the gate closed: nobody else will
+        // ever run it.
+        releaseMessagePayload(msg);
+        return -1;
+    }
     if (!allowMessage(msg)) {
         postMessage(msg);  // into the cache queue, reference and all
         return 1;

@@ -82,6 +82,8 @@ public:
     // stopped, and any thread but the locked one while dispatch is locked.
     bool getMessage(APARTMENT_TMSG& msg, timespec deadline) override;
     // 1 handled or deferred, 0 for APARTMENT_QUIT, -1 refused or unknown.
+    // A refused message (dispatch stopped, or locked to another thread) is
+    // dropped with its payload.
     int dispatchMessage(const APARTMENT_TMSG& msg) override;
     bool stopDispatchMessage() override;
     bool lockedDispatchThreadId(unsigned long& ulThreadId) override;
@@ -116,7 +118,9 @@ public:
     // Runs destroyApartment before the memory goes.
     void onFinalRelease() override;
     // Queues a message, into the cache queue while re-entry is refused and
-    // the message is a request or a connection-closed notice. Any thread.
+    // the message is a request or a connection-closed notice. Any thread,
+    // holding no apartment lock: once dispatch has stopped the message is
+    // dropped and its payload released here.
     void postMessage(const APARTMENT_TMSG& msg) override;
 
 protected:
@@ -178,6 +182,10 @@ private:
     // Releases what a message's wParam carries, for messages that will never
     // be dispatched.
     static void releaseMessagePayload(const APARTMENT_TMSG& msg);
+    // Pushes the message, or releases its payload when the queue refuses it
+    // (dispatch has stopped). Any thread; no apartment lock may be held, as
+    // the release may destroy a sink or a node.
+    static void queueOrRelease(CMessageQueue& queue, const APARTMENT_TMSG& msg);
 
     void listenConnection(DWORD dwTimeout);
     void createListenThread();

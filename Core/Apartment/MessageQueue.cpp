@@ -33,13 +33,14 @@ void CMessageQueue::reset() {
     m_ElementQueue.clear();
 }
 
-void CMessageQueue::push(const APARTMENT_TMSG& msg) {
+bool CMessageQueue::push(const APARTMENT_TMSG& msg) {
     TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
-    if (m_bLockQueue) return;
+    if (m_bLockQueue) return false;
     m_ElementQueue.push_back(msg);
     // Every waiter re-tests the list; waking one could pick a pop that is
     // about to give up (interrupted, timed out) and strand the message.
     m_QueueNotEmptyCondition.notifyAll();
+    return true;
 }
 
 bool CMessageQueue::tryPop(APARTMENT_TMSG& msg) {

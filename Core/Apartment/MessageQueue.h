@@ -22,7 +22,7 @@ public:
     virtual ~CMessageQueue();
 
     void reset() override;
-    void push(const APARTMENT_TMSG& msg) override;
+    bool push(const APARTMENT_TMSG& msg) override;
     bool tryPop(APARTMENT_TMSG& msg) override;
     bool pop(APARTMENT_TMSG& msg) override;
     bool pop(APARTMENT_TMSG& msg, int intTimeout) override;
