@@ -505,7 +505,14 @@ void CApartment::addApartmentSink(IApartmentSink* pSink) {
         }
         auto it = map.find(remoteUrl);
         if (it != map.end()) {
-            if (pSink->compareConnection(it->second) > 0) {
+            // A peer opens a link only when it holds none to us, so a second
+            // accepted link under its URL means it dropped the first (a
+            // quick reconnect whose old close is not handled yet): the new
+            // one is kept. Links opened from both ends at once are settled
+            // by compareConnection, which both ends answer alike.
+            const bool reconnected =
+                pSink->sinkType() == SERVER_SINK && it->second->sinkType() == SERVER_SINK;
+            if (reconnected || pSink->compareConnection(it->second) > 0) {
                 replaced = it->second;
                 pSink->addRef();
                 it->second = pSink;
@@ -540,10 +547,14 @@ void CApartment::removeApartmentSink(IApartmentSink* pSink) {
     std::string remoteUrl;
     CApartmentSinkHelper::getRemoteApartmentUrl(pSink, remoteUrl);
 
+    // Only the link itself is removed: a peer that closed and at once came
+    // back under the same URL may already have its new link filed in the
+    // old one's place, and the old link's late close must not take it.
     if (pSink->getLoopbackType() != NONE_LOOPBACK_TYPE) {
         CReference<IApartmentSink> client, server;
         {
             TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+            if (m_LoopbackClientSink != pSink && m_LoopbackServerSink != pSink) return;
             m_strLoopbackApartmentUrl.clear();
             client = m_LoopbackClientSink;
             server = m_LoopbackServerSink;
@@ -558,7 +569,7 @@ void CApartment::removeApartmentSink(IApartmentSink* pSink) {
     TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
     std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
     auto it = map.find(remoteUrl);
-    if (it == map.end()) return;
+    if (it == map.end() || it->second != pSink) return;
     removed = it->second;
     map.erase(it);
 }
