@@ -1,10 +1,31 @@
 // The C interface's lifecycle and result mapping: what every function
-// returns before initialisation and for an unknown apartment, the URL rule
-// of the node messaging functions, initialising twice, again and after a
-// failure, the module version, and bad names.
+// returns before initialisation, for an unknown apartment and when the
+// library fails inside, the URL rule of the node messaging functions,
+// initialising twice, again and after a failure, the module version, and
+// bad names.
+#include <cstdlib>
+#include <new>
+
 #include "api_test_support.h"
 
 using namespace apitest;
+
+// Allocation failure on demand, for the calling thread only: while
+// t_failAllocations is set, operator new throws std::bad_alloc there. The
+// library's own allocations come here too (it links the C++ runtime
+// dynamically), so this reaches inside every exported function.
+namespace {
+thread_local bool t_failAllocations = false;
+}
+void* operator new(std::size_t size) {
+    if (t_failAllocations) throw std::bad_alloc();
+    if (void* p = std::malloc(size != 0 ? size : 1)) return p;
+    throw std::bad_alloc();
+}
+// Not inlined: the compiler would then pair a `new` it sees with the free()
+// inside and warn about a mismatch that is not there.
+__attribute__((noinline)) void operator delete(void* p) noexcept { std::free(p); }
+__attribute__((noinline)) void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -213,6 +234,102 @@ TEST(ApiLifecycle, ModuleVersionTextsAreExact) {
     EXPECT_NE(another, version);
     EXPECT_EQ(another->releaseRef(), 0u);
     EXPECT_EQ(version->releaseRef(), 0u);
+}
+
+// An exception inside the library (here every allocation of the calling
+// thread fails) never leaves an exported function: each returns its
+// failure value, and the library works normally afterwards.
+TEST_F(ApiInitialised, AFailureInsideReturnsEachFunctionsFailureValue) {
+    Held<NodeRecorder> node;
+    ASSERT_TRUE(apartment_node_create(nullptr, "n"));
+    const char* url = m_url.c_str();
+    DWORD length = 0;
+    unsigned int uintLength = 1, id = 77;
+    int code = 0;
+    char byte = 'x';
+    const long long NO_TIMER_LL = NO_TIMER;
+    struct Row {
+        const char* name;
+        std::function<long long()> call;
+        long long failure;
+    };
+    const std::vector<Row> rows = {
+        {"initialize", [&] { return (long long)apartment_initialize(url, true); }, 0},
+        {"get_module_version",
+         [&] { return (long long)(apartment_get_module_version() != nullptr); }, 0},
+        {"set_callback", [&] { return (long long)apartment_set_callback(nullptr, nullptr); }, 0},
+        {"set_dispatch_enabled",
+         [&] { return (long long)apartment_set_dispatch_enabled(nullptr, true); }, 0},
+        {"dispatch_message",
+         [&] { return (long long)apartment_dispatch_message(nullptr, deadlineIn(0)); }, -1},
+        {"stop_dispatch_message",
+         [&] { return (long long)apartment_stop_dispatch_message(nullptr); }, 0},
+        {"allow_reentry", [&] { return (long long)apartment_allow_reentry(nullptr, false); }, 0},
+        {"local_url",
+         [&] { return (long long)apartment_local_url(nullptr, url, false, nullptr, length); }, 0},
+        {"connect_remote",
+         [&] { return (long long)apartment_connect_remote(nullptr, url, false); }, 0},
+        {"has_connect_remote",
+         [&] { return (long long)apartment_has_connect_remote(nullptr, url, false); }, 0},
+        {"disconnect_remote",
+         [&] { return (long long)apartment_disconnect_remote(nullptr, url, false); }, 0},
+        {"node_create", [&] { return (long long)apartment_node_create(nullptr, "m"); }, 0},
+        {"node_destroy", [&] { return (long long)apartment_node_destroy(nullptr, "n"); }, 0},
+        {"node_set_callback",
+         [&] { return (long long)apartment_node_set_callback(nullptr, "n", node.get()); }, 0},
+        {"raw_write",
+         [&] { return (long long)apartment_raw_write(nullptr, url, 5, &byte, uintLength); },
+         APARTMENT_METHOD_FAILED},
+        {"node_write_request",
+         [&] {
+             return (long long)apartment_node_write_request(nullptr, "n", url, "n", &byte, 1, id);
+         },
+         APARTMENT_METHOD_FAILED},
+        {"node_write_notify",
+         [&] {
+             return (long long)apartment_node_write_notify(nullptr, "n", url, "n", &byte, 1, id);
+         },
+         APARTMENT_METHOD_FAILED},
+        {"node_write_response",
+         [&] {
+             return (long long)apartment_node_write_response(nullptr, "n", url, "n", 1, 0, &byte,
+                                                             1);
+         },
+         APARTMENT_METHOD_FAILED},
+        {"node_read_response",
+         [&] {
+             return (long long)apartment_node_read_response(nullptr, "n", 1, code, nullptr,
+                                                            uintLength, 0);
+         },
+         APARTMENT_METHOD_FAILED},
+        {"set_timer", [&] { return (long long)apartment_set_timer(nullptr, nullptr, 10, 10); },
+         NO_TIMER_LL},
+        {"set_single_timer",
+         [&] { return (long long)apartment_set_single_timer(nullptr, "n", 10); }, NO_TIMER_LL},
+        {"kill_timer", [&] { return (long long)apartment_kill_timer(nullptr, nullptr, 1); }, 0},
+        {"keepalive_with",
+         [&] { return (long long)apartment_keepalive_with(nullptr, url, 3, 100); }, 0},
+    };
+    testing::internal::CaptureStdout();
+    for (const Row& row : rows) {
+        long long result = 12345;
+        bool threw = false;
+        t_failAllocations = true;
+        try {
+            result = row.call();
+        } catch (...) {
+            threw = true;
+        }
+        t_failAllocations = false;
+        EXPECT_FALSE(threw) << row.name;
+        EXPECT_EQ(result, row.failure) << row.name;
+    }
+    const std::string diagnostics = testing::internal::GetCapturedStdout();
+    EXPECT_NE(diagnostics.find("[Apartment Error]: apartment_set_timer: std::bad_alloc."),
+              std::string::npos)
+        << diagnostics;
+    EXPECT_EQ(id, 77u);
+    expectRoundTrip(m_url);
 }
 
 TEST_F(ApiInitialised, ANonAsciiNameFailsTheCallAndTheLibraryKeepsWorking) {

@@ -166,6 +166,38 @@ TEST_F(HostileTest, OversizedRealTimeFrameIsNotDeliveredAndDoesNotSpin) {
     EXPECT_TRUE(heard);
 }
 
+// A node callback that throws (here std::bad_alloc, as a host's own
+// allocation might) costs its request only: the message is dropped with a
+// diagnostic line, the pump goes on, and the next requester is answered.
+TEST_F(HostileTest, ThrowingCallbackDropsItsRequestAndTheHostKeepsServing) {
+    Peer unlucky([] { return requesterPeerBody(1000); });
+    Peer next([] { return requesterPeerBody(); });
+    const std::string url = startHost();
+    ASSERT_FALSE(url.empty());
+    std::atomic<int> calls{0};
+    m_node->onRequest = [&calls](const char* srcUrl, const char* srcNode, unsigned int id,
+                                 const void* data, unsigned int size, bool) {
+        if (calls++ == 0) throw std::bad_alloc();
+        apartment_node_write_response(nullptr, "echo", srcUrl, srcNode, id, REQUEST_OK,
+                                      const_cast<void*>(data), size);
+    };
+    testing::internal::CaptureStdout();
+    unlucky.tell(url);
+    const std::string lost = unlucky.pumpReadLine(5000);
+    next.tell(url);
+    const std::string answer = next.pumpReadLine(5000);
+    const std::string out = testing::internal::GetCapturedStdout();
+    printf("[figure] throwing callback: first requester \"%s\", next \"%s\" (ms)\n",
+           lost.c_str(), answer.c_str());
+    EXPECT_EQ(lost.substr(0, 8), "<read -4");
+    EXPECT_EQ(answer.substr(0, 5), "ping ");
+    EXPECT_NE(out.find("[Apartment Error]: dispatch, message dropped: std::bad_alloc."),
+              std::string::npos)
+        << out;
+    EXPECT_EQ(unlucky.wait(3000), 1);
+    EXPECT_EQ(next.wait(3000), 0);
+}
+
 // The baseline the hostile cases compare with: a forked requester is
 // answered by this process's "echo" node.
 TEST_F(HostileTest, WellFormedRequesterIsAnswered) {

@@ -4,6 +4,7 @@
 
 #include "ApartmentFrame.h"
 #include "ApartmentFrameCodec.h"
+#include "ApartmentGuard.h"
 #include "ApartmentNode.h"
 #include "ApartmentSink.h"
 #include "ApartmentTimerManager.h"
@@ -201,24 +202,40 @@ void CApartment::destroyRtCommunicationThread() {
     stopThread(m_ThreadControlMutex, m_bKeepRtCommunication, m_hRtCommunicationThread);
 }
 
+template <class F>
+void CApartment::runThreadPass(const char* where, F&& pass) {
+    if (guarded(where, false, [&pass] {
+            pass();
+            return true;
+        }))
+        return;
+    // A fault that repeats at once (memory that stays short, say) must not
+    // turn the loop into a spin: rest for one pass, or until a sink comes.
+    TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+    m_ConnectionNotEmptyCondition.wait(OS::Clock::monotonicDeadline(THREAD_PASS_MS));
+}
+
 void* CApartment::apartmentListenThreadFunc(void* pParam) {
     CApartment* apartment = static_cast<CApartment*>(pParam);
     while (apartment != nullptr && apartment->m_bKeepListen)
-        apartment->listenConnection(THREAD_PASS_MS);
+        apartment->runThreadPass("listen thread, connection dropped",
+                                 [apartment] { apartment->listenConnection(THREAD_PASS_MS); });
     return nullptr;
 }
 
 void* CApartment::apartmentNonRtCommunicationThreadFunc(void* pParam) {
     CApartment* apartment = static_cast<CApartment*>(pParam);
     while (apartment != nullptr && apartment->m_bKeepNonRtCommunication)
-        apartment->receiveFrame(THREAD_PASS_MS, false);
+        apartment->runThreadPass("non-real-time communication thread, pass abandoned",
+                                 [apartment] { apartment->receiveFrame(THREAD_PASS_MS, false); });
     return nullptr;
 }
 
 void* CApartment::apartmentRtCommunicationThreadFunc(void* pParam) {
     CApartment* apartment = static_cast<CApartment*>(pParam);
     while (apartment != nullptr && apartment->m_bKeepRtCommunication)
-        apartment->receiveFrame(THREAD_PASS_MS, true);
+        apartment->runThreadPass("real-time communication thread, pass abandoned",
+                                 [apartment] { apartment->receiveFrame(THREAD_PASS_MS, true); });
     return nullptr;
 }
 
@@ -303,8 +320,10 @@ void CApartment::postMessage(const APARTMENT_TMSG& msg) {
 
 void CApartment::queueOrRelease(CMessageQueue& queue, const APARTMENT_TMSG& msg) {
     // A stopped dispatch locks the main queue for good: what it refuses
-    // would never be dispatched, so its payload goes now.
-    if (!queue.push(msg)) releaseMessagePayload(msg);
+    // would never be dispatched, so its payload goes now. So does a message
+    // that could not be queued for want of memory.
+    if (!guarded("posting a message, message dropped", false, [&] { return queue.push(msg); }))
+        releaseMessagePayload(msg);
 }
 
 bool CApartment::getMessage(APARTMENT_TMSG& msg, timespec deadline) {
@@ -326,6 +345,13 @@ int CApartment::dispatchMessage(const APARTMENT_TMSG& msg) {
         postMessage(msg);  // into the cache queue, reference and all
         return 1;
     }
+    // A handler that throws (a host callback, an allocation failure) costs
+    // its message only: the payload is held by a CReference below and goes
+    // as the exception passes, and the pump goes on with the next message.
+    return guarded("dispatch, message dropped", 1, [&] { return dispatchAllowed(msg); });
+}
+
+int CApartment::dispatchAllowed(const APARTMENT_TMSG& msg) {
     switch (msg.m_intMsg) {
         case APARTMENT_QUIT:
             return 0;
@@ -670,6 +696,17 @@ CReference<IApartmentSink> CApartment::findLink(const char* strRemoteApartmentUr
     return it == map.end() ? CReference<IApartmentSink>() : it->second;
 }
 
+template <class Build>
+bool CApartment::buildPayload(std::vector<char>& payload, Build&& build) {
+    try {
+        payload = build();
+        return true;
+    } catch (CAbstractStream::CStreamException* e) {
+        delete e;  // a name or URL that is not pure ASCII: the caller's mistake, not a fault
+        return false;
+    }
+}
+
 bool CApartment::sendPayload(IApartmentSink* pSink, unsigned int uintFrameType,
                              const std::vector<char>& payload) {
     return pSink->sendFrame(uintFrameType, payload.empty() ? nullptr : payload.data(),
@@ -692,9 +729,13 @@ bool CApartment::writeRequestFrame(const char* strApartmentNodeUrl,
     // before it. Only its low 32 bits travel.
     const unsigned int id =
         static_cast<unsigned int>(OS::Thread::syncFetchAdd(&m_ulNextRequestId) - 1);
-    const std::vector<char> payload = CApartmentFrameCodec::buildRequestPayload(
-        localUrl, strApartmentNodeUrl, strRemoteApartmentUrl, strRemoteApartmentNodeUrl, id,
-        bRequireResponse, pRequestBuffer, uintBufLen);
+    std::vector<char> payload;
+    if (!buildPayload(payload, [&] {
+            return CApartmentFrameCodec::buildRequestPayload(
+                localUrl, strApartmentNodeUrl, strRemoteApartmentUrl, strRemoteApartmentNodeUrl,
+                id, bRequireResponse, pRequestBuffer, uintBufLen);
+        }))
+        return false;
     const bool sent = sendPayload(link, APARTMENT_REQUEST_FRAME, payload);
     if (sent) uintRequestId = id;
     return sent;
@@ -713,9 +754,13 @@ bool CApartment::writeResponseFrame(const char* strApartmentNodeUrl,
     if (link.nil()) return false;
     std::string localUrl;
     CApartmentSinkHelper::getLocalApartmentUrl(link, localUrl);
-    const std::vector<char> payload = CApartmentFrameCodec::buildResponsePayload(
-        localUrl, strApartmentNodeUrl, strRemoteApartmentUrl, strRemoteApartmentNodeUrl,
-        uintRequestId, intResponseCode, pResponseBuffer, uintBufLen);
+    std::vector<char> payload;
+    if (!buildPayload(payload, [&] {
+            return CApartmentFrameCodec::buildResponsePayload(
+                localUrl, strApartmentNodeUrl, strRemoteApartmentUrl, strRemoteApartmentNodeUrl,
+                uintRequestId, intResponseCode, pResponseBuffer, uintBufLen);
+        }))
+        return false;
     return sendPayload(link, APARTMENT_RESPONSE_FRAME, payload);
 }
 

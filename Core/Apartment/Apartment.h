@@ -83,7 +83,8 @@ public:
     bool getMessage(APARTMENT_TMSG& msg, timespec deadline) override;
     // 1 handled or deferred, 0 for APARTMENT_QUIT, -1 refused or unknown.
     // A refused message (dispatch stopped, or locked to another thread) is
-    // dropped with its payload.
+    // dropped with its payload; so is one whose handler throws (1, with a
+    // diagnostic line). Never throws.
     int dispatchMessage(const APARTMENT_TMSG& msg) override;
     bool stopDispatchMessage() override;
     bool lockedDispatchThreadId(unsigned long& ulThreadId) override;
@@ -92,9 +93,8 @@ public:
     bool allowReentry(bool bAllowReentry) override;
 
     // Frames, written on the caller's thread. True when the frame was handed
-    // to the link whole. The request and response writers throw the stream's
-    // CAbstractStream::CStreamException* for a node name or destination URL
-    // that is not pure ASCII.
+    // to the link whole; false also for a node name or destination URL that
+    // is not pure ASCII (a request id is spent all the same).
     bool writeRequestFrame(const char* strApartmentNodeUrl, const char* strRemoteApartmentUrl,
                            const char* strRemoteApartmentNodeUrl, void* pRequestBuffer,
                            unsigned int uintBufLen, bool bRtConnection,
@@ -168,6 +168,9 @@ private:
     };
 
     bool allowMessage(const APARTMENT_TMSG& msg) const;
+    // Runs the handler of a message that passed the gate and re-entry
+    // control; dispatchMessage's result. May throw (a host callback).
+    int dispatchAllowed(const APARTMENT_TMSG& msg);
     bool dispatchGatePasses() const;
     // Caller holds m_ConnectionManageMutex.
     bool loopbackApartment(const char* strRemoteApartmentUrl) const;
@@ -176,6 +179,10 @@ private:
     CReference<IApartmentSink> findLink(const char* strRemoteApartmentUrl, bool bRtConnection,
                                         bool* pbLoopback = nullptr);
     std::map<std::string, CReference<IApartmentSink>>& sinkMap(bool bRtConnection);
+    // Fills `payload` with build(); false when the codec refused a name or
+    // URL that is not pure ASCII.
+    template <class Build>
+    static bool buildPayload(std::vector<char>& payload, Build&& build);
     // Sends a built payload on a link; frees nothing of the caller's.
     static bool sendPayload(IApartmentSink* pSink, unsigned int uintFrameType,
                             const std::vector<char>& payload);
@@ -188,6 +195,10 @@ private:
     static void queueOrRelease(CMessageQueue& queue, const APARTMENT_TMSG& msg);
 
     void listenConnection(DWORD dwTimeout);
+    // One pass of a library thread: an exception is reported, the pass
+    // given up, and the thread rests one pass length before the next.
+    template <class F>
+    void runThreadPass(const char* where, F&& pass);
     void createListenThread();
     void destroyListenThread();
     void createNonRtCommunicationThread();

@@ -9,7 +9,23 @@
 // Results: bool functions return false when the library is not initialised,
 // the apartment is unknown or the operation failed. Status functions return
 // 0 or an APARTMENT_ERROR. Timer functions return the timer id, or
-// 4294967295. No function throws.
+// 4294967295.
+//
+// No function throws. Whatever is thrown inside a call (an allocation
+// failure, an exception from a host callback that the call runs) is caught
+// at the boundary, reported as one "[Apartment Error]" line on standard
+// output, and the call returns its failure value:
+//   bool functions                         false
+//   status functions (int, 0 on success)   APARTMENT_METHOD_FAILED (-4)
+//   apartment_dispatch_message             -1
+//   apartment_set_timer, _single_timer     4294967295
+//   apartment_get_module_version           null
+//   apartment_uninitialize                 returns; a later call finishes
+// A callback that throws while its message is dispatched costs that message
+// only: it is dropped (what it carries is released) with one diagnostic
+// line, and dispatching goes on (apartment_dispatch_message returns 1).
+// The same holds on the library's own threads: an exception there drops
+// the connection, frame or timer firing at hand, never the process.
 //
 // Threads: call apartment_initialize and apartment_uninitialize from one
 // thread while no other call runs. Between them any thread may call any

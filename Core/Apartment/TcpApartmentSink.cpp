@@ -11,6 +11,7 @@
 
 #include "FieldKit/Environment/EndianType.h"
 #include "GroundKit/OS/OS_Clock.h"
+#include "GroundKit/Reference/Reference.h"
 #include "GroundKit/StringAssistant/StringAssistant.h"
 #include "os_log.h"
 
@@ -324,28 +325,27 @@ bool CTcpListenSink::onSinkInited(const char* localAddress, const char* remoteAd
 IApartmentServerSink* CTcpListenSink::processConnectRequest(DWORD dwTimeoutMs) {
     if (!m_Socket.readyToRead(dwTimeoutMs, nullptr)) return nullptr;
 
-    CTcpServerSink* pServer = new (std::nothrow) CTcpServerSink;
-    if (pServer == nullptr) return nullptr;
-    ISocket* pTarget = &pServer->innerSocket();
+    // Held by a reference until handed out: should anything below throw
+    // (the address texts allocate), the sink and the connection it accepted
+    // go with it.
+    CReference<CTcpServerSink> server(new (std::nothrow) CTcpServerSink);
+    if (server.nil()) return nullptr;
+    ISocket* pTarget = &server->innerSocket();
     std::string peerIp;
     USHORT peerPort = 0;
     std::string localIp;
     USHORT localPort = 0;
     if (!m_Socket.accept(pTarget, peerIp, peerPort, USE_DEFAULT) ||
-        !pServer->innerSocket().getSockName(localIp, localPort)) {
-        pServer->releaseRef();
+        !server->innerSocket().getSockName(localIp, localPort))
         return nullptr;
-    }
     std::string localAddress;
     std::string remoteAddress;
     makeSinkAddress(localIp, localPort, localAddress);
     makeSinkAddress(peerIp, peerPort, remoteAddress);
-    if (!pServer->initSink(localAddress.c_str(), remoteAddress.c_str())) {
-        pServer->releaseRef();
-        return nullptr;
-    }
-    pServer->setLocalApartmentUrl(m_strLocalApartmentUrl.c_str());
-    return pServer;
+    if (!server->initSink(localAddress.c_str(), remoteAddress.c_str())) return nullptr;
+    server->setLocalApartmentUrl(m_strLocalApartmentUrl.c_str());
+    server->addRef();  // the caller's
+    return server;
 }
 
 // ---------------------------------------------------------------------------
