@@ -22,9 +22,9 @@ const DWORD CONNECTION_INFO_TIMEOUT_MS = 100;
 }  // namespace
 
 CApartment::CApartment()
-    : m_ConnectOpenMutex(MUTEX_NONE, USE_STD, nullptr),
-      m_ConnectionManageMutex(MUTEX_NONE, USE_STD, nullptr),
+    : m_ConnectionManageMutex(MUTEX_NONE, USE_STD, nullptr),
       m_ConnectionNotEmptyCondition(nullptr, USE_STD),
+      m_LinkOpenCondition(nullptr, USE_STD),
       m_bKeepListen(false),
       m_hListenThread(0),
       m_bKeepNonRtCommunication(false),
@@ -37,6 +37,7 @@ CApartment::CApartment()
       m_ulLockedDispatchThreadId(0),
       m_ulNextRequestId(1) {
     m_ConnectionNotEmptyCondition.bindMutex(&m_ConnectionManageMutex);
+    m_LinkOpenCondition.bindMutex(&m_ConnectionManageMutex);
 }
 
 CApartment::~CApartment() {
@@ -462,15 +463,40 @@ bool CApartment::loopbackApartment(const char* strRemoteApartmentUrl) const {
 
 bool CApartment::connectApartment(const char* strRemoteApartmentUrl, bool bRtConnection) {
     if (strRemoteApartmentUrl == nullptr) return false;
-    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
-    std::string address;
-    getPortAddressFromApartmentUrl(strRemoteApartmentUrl, address);
-    TAutoMutex<OS::TBaseMutex> opening(&m_ConnectOpenMutex);
+    const LINK_KEY key(strRemoteApartmentUrl, bRtConnection);
+    std::shared_ptr<_LINK_OPEN> open;
     {
         TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
-        if (map.count(strRemoteApartmentUrl) != 0) return true;
+        if (sinkMap(bRtConnection).count(key.first) != 0) return true;
+        auto pending = m_LinkOpens.find(key);
+        if (pending != m_LinkOpens.end()) {
+            // Another thread is opening this very link: share its outcome
+            // rather than open a second link that one end would drop (with
+            // what was written on it). Bounded by that open's connect
+            // time-out.
+            const std::shared_ptr<_LINK_OPEN> awaited = pending->second;
+            while (!awaited->m_bDone) m_LinkOpenCondition.wait();
+            return awaited->m_bOpened;
+        }
+        open = std::make_shared<_LINK_OPEN>();
+        m_LinkOpens.emplace(key, open);
     }
+    bool opened = false;
+    try {
+        opened = openLink(key);
+    } catch (...) {
+        finishLinkOpen(key, open, false);  // its waiters must not wait for ever
+        throw;
+    }
+    finishLinkOpen(key, open, opened);
+    return opened;
+}
 
+bool CApartment::openLink(const LINK_KEY& key) {
+    const char* strRemoteApartmentUrl = key.first.c_str();
+    const bool bRtConnection = key.second;
+    std::string address;
+    getPortAddressFromApartmentUrl(strRemoteApartmentUrl, address);
     CReference<IApartmentSink> sink(createSink(CLIENT_SINK));
     if (sink.nil()) return false;
     if (!sink->initSink(nullptr, address.c_str())) return false;
@@ -486,13 +512,13 @@ bool CApartment::connectApartment(const char* strRemoteApartmentUrl, bool bRtCon
     sink->sendFrame(APARTMENT_CONNECTION_FRAME, block,
                     static_cast<unsigned int>(APARTMENT_CONNECTION_BLOCK_SIZE));
 
-    if (localUrl == strRemoteApartmentUrl) {
+    if (localUrl == key.first) {
         sink->setLoopbackType(CLIENT_LOOPBACK_TYPE);
         bool stored = false;
         {
             TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
             if (m_LoopbackClientSink.nil()) {
-                m_strLoopbackApartmentUrl = strRemoteApartmentUrl;
+                m_strLoopbackApartmentUrl = key.first;
                 m_LoopbackClientSink = sink;
                 // Both communication threads may idle on this condition: wake
                 // both rather than risk waking the one this sink is not for.
@@ -510,6 +536,16 @@ bool CApartment::connectApartment(const char* strRemoteApartmentUrl, bool bRtCon
         addApartmentSink(sink);
     }
     return true;
+}
+
+void CApartment::finishLinkOpen(const LINK_KEY& key, const std::shared_ptr<_LINK_OPEN>& open,
+                                bool bOpened) {
+    TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+    open->m_bDone = true;
+    open->m_bOpened = bOpened;
+    auto it = m_LinkOpens.find(key);
+    if (it != m_LinkOpens.end() && it->second == open) m_LinkOpens.erase(it);
+    m_LinkOpenCondition.notifyAll();
 }
 
 void CApartment::addApartmentSink(IApartmentSink* pSink) {

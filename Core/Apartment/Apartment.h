@@ -15,7 +15,9 @@
 //
 // Lock order: m_NodeManageMutex and m_ConnectionManageMutex are never held
 // together; sinks are released only after m_ConnectionManageMutex is
-// dropped and nothing is sent under it. m_HeartbeatMutex is never held
+// dropped and nothing is sent or connected under it (a thread waiting for
+// another's open of the same link waits on m_LinkOpenCondition, which
+// releases it). m_HeartbeatMutex is never held
 // with m_ConnectionManageMutex. The queues' mutexes are leaves. No lock of
 // the apartment is held while a host callback runs, except
 // m_NodeManageMutex (recursive) while nodes hear an offline notice.
@@ -27,6 +29,7 @@
 
 #include <atomic>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -71,6 +74,9 @@ public:
 
     // Connections. connectApartment runs on the caller's thread; it opens
     // the link and sends the connection frame without waiting for the peer.
+    // An existing link answers at once; while the same link (URL and class)
+    // is being opened by another thread it waits for that open and returns
+    // its outcome; opens of other links do not wait for each other.
     bool connectApartment(const char* strRemoteApartmentUrl, bool bRtConnection) override;
     bool hasConnection(const char* strRemoteApartmentUrl, bool bRtConnection) override;
     bool disconnectApartment(const char* strRemoteApartmentUrl, bool bRtConnection) override;
@@ -161,6 +167,16 @@ protected:
     void onAddConnection(IApartmentServerSink* pServerSink);
 
 private:
+    // A link being opened by connectApartment. Its fields change under
+    // m_ConnectionManageMutex; the record outlives its map entry for as
+    // long as a waiter holds it.
+    struct _LINK_OPEN {
+        bool m_bDone = false;    // the open has finished
+        bool m_bOpened = false;  // ... and the link was filed
+    };
+    // Remote apartment URL, and true for the real-time class.
+    typedef std::pair<std::string, bool> LINK_KEY;
+
     struct _HEARTBEAT_INFO {
         std::string m_strRemoteApartmentUrl;
         unsigned int m_uintAliveCounter;
@@ -179,6 +195,14 @@ private:
     CReference<IApartmentSink> findLink(const char* strRemoteApartmentUrl, bool bRtConnection,
                                         bool* pbLoopback = nullptr);
     std::map<std::string, CReference<IApartmentSink>>& sinkMap(bool bRtConnection);
+    // Creates the client sink, connects (up to its connect time-out), sends
+    // the connection frame and files the link. Caller's thread, no lock
+    // held; the caller owns the open's entry in m_LinkOpens.
+    bool openLink(const LINK_KEY& key);
+    // Records the outcome of an open, removes its entry and wakes whoever
+    // waits for it.
+    void finishLinkOpen(const LINK_KEY& key, const std::shared_ptr<_LINK_OPEN>& open,
+                        bool bOpened);
     // Fills `payload` with build(); false when the codec refused a name or
     // URL that is not pure ASCII.
     template <class Build>
@@ -212,18 +236,20 @@ private:
     std::string m_strApartmentUrl;
     CReference<IApartmentListenSink> m_ListenSink;
 
-    // Serialises connectApartment from its look-up to the new sink's filing,
-    // so that threads writing their first frames to a remote at once share
-    // one new link instead of each opening one that all but one would drop
-    // (with what was already written on it). Held while a link is opened
-    // (up to the connect time-out); taken before m_ConnectionManageMutex,
-    // never while holding it or the node mutex.
-    OS::TBaseMutex m_ConnectOpenMutex;
-    // Guards the two sink maps, the loopback URL and both loopback slots.
-    // m_ConnectionNotEmptyCondition wakes an idle communication thread when
-    // a sink becomes available.
+    // Guards the two sink maps, the loopback URL, both loopback slots and
+    // m_LinkOpens. m_ConnectionNotEmptyCondition wakes an idle communication
+    // thread when a sink becomes available; m_LinkOpenCondition wakes the
+    // threads waiting for a link being opened when an open finishes. Never
+    // held while a link is opened or a frame sent; taken after nothing but
+    // (in addApartmentSink, to start a thread) before m_ThreadControlMutex.
     OS::TBaseMutex m_ConnectionManageMutex;
     OS::TCondition m_ConnectionNotEmptyCondition;
+    OS::TCondition m_LinkOpenCondition;
+    // The links being opened, by remote URL and class, so that threads
+    // writing their first frames to one remote at once share one new link
+    // instead of each opening one that all but one would drop (with what
+    // was already written on it), while opens to other remotes go on.
+    std::map<LINK_KEY, std::shared_ptr<_LINK_OPEN>> m_LinkOpens;
     std::map<std::string, CReference<IApartmentSink>> m_NonRtCommunicationSinkMap;
     std::map<std::string, CReference<IApartmentSink>> m_RtCommunicationSinkMap;
     std::string m_strLoopbackApartmentUrl;

@@ -43,12 +43,12 @@
 //
 // Links: a link to a remote apartment is opened on first use (or by
 // apartment_connect_remote) without waiting for the peer, one per remote URL
-// and class. Two threads that open the same new link at the same moment
-// both open one, and the apartments keep one each by their own rule, which
-// may lose the other's traffic: when several threads will talk to a new
-// remote, call apartment_connect_remote once before they start. Likewise,
-// after a link closes, reconnect only once the close notice
-// (onApartmentOffline) has been dispatched.
+// and class. A URL that is already linked is answered at once. Threads that
+// need the same new link at the same moment share one open: the first
+// opens it, the others wait for that open (at most its 1000 ms connect
+// time-out) and share its outcome. Opening one link never holds up threads
+// that use or open other links. A peer that closes its link and at once
+// connects again under the same URL is served on its new link.
 //
 // Out-arguments declared as references to constants (uintRequestId,
 // intResponseCode, uintBufLen, dwLen) are written all the same; the
