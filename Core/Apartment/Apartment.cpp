@@ -1,5 +1,6 @@
 #include "Apartment.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "ApartmentFrame.h"
@@ -19,6 +20,15 @@ const unsigned int NO_TIMER = 0xFFFFFFFFu;
 const unsigned int MAX_SINKS_PER_WAIT = 64;
 // How long dispatch waits, per readable event, for a new link's first frame.
 const DWORD CONNECTION_INFO_TIMEOUT_MS = 100;
+// Bounds of the answers waiting for the reply opener, so that a peer
+// naming return addresses nobody answers cannot pile up memory: at most
+// this many links being opened for answers (queued or under way), and at
+// most this many bytes of answers waiting for them, each answer counted
+// with REPLY_OVERHEAD_BYTES on top of its names and data. An answer beyond
+// either bound is dropped at once and its write fails.
+const size_t MAX_REPLY_OPENS = 8;
+const size_t MAX_PENDING_REPLY_BYTES = 16u << 20;
+const size_t REPLY_OVERHEAD_BYTES = 256;
 }  // namespace
 
 CApartment::CApartment()
@@ -31,6 +41,8 @@ CApartment::CApartment()
       m_hNonRtCommunicationThread(0),
       m_bKeepRtCommunication(false),
       m_hRtCommunicationThread(0),
+      m_bKeepReplyOpener(false),
+      m_hReplyOpenerThread(0),
       m_bAllowReentry(true),
       m_bLockDispatch(false),
       m_bKeepDispatch(true),
@@ -81,6 +93,10 @@ bool CApartment::initApartment(const char* strApartmentUrl, bool bListen) {
 
 void CApartment::destroyApartment() {
     killAllTimer();
+    // First: an open it finishes files a link and may start a
+    // communication thread.
+    destroyReplyOpenerThread();
+    dropQueuedReplyOpens();
     m_strApartmentUrl.clear();
     destroyNonRtCommunicationThread();
     destroyRtCommunicationThread();
@@ -191,6 +207,15 @@ void CApartment::createRtCommunicationThread() {
                 apartmentRtCommunicationThreadFunc, this);
 }
 
+void CApartment::createReplyOpenerThread() {
+    startThread(m_ThreadControlMutex, m_bKeepReplyOpener, m_hReplyOpenerThread,
+                apartmentReplyOpenerThreadFunc, this);
+}
+
+void CApartment::destroyReplyOpenerThread() {
+    stopThread(m_ThreadControlMutex, m_bKeepReplyOpener, m_hReplyOpenerThread);
+}
+
 void CApartment::destroyListenThread() {
     stopThread(m_ThreadControlMutex, m_bKeepListen, m_hListenThread);
 }
@@ -237,6 +262,14 @@ void* CApartment::apartmentRtCommunicationThreadFunc(void* pParam) {
     while (apartment != nullptr && apartment->m_bKeepRtCommunication)
         apartment->runThreadPass("real-time communication thread, pass abandoned",
                                  [apartment] { apartment->receiveFrame(THREAD_PASS_MS, true); });
+    return nullptr;
+}
+
+void* CApartment::apartmentReplyOpenerThreadFunc(void* pParam) {
+    CApartment* apartment = static_cast<CApartment*>(pParam);
+    while (apartment != nullptr && apartment->m_bKeepReplyOpener)
+        apartment->runThreadPass("reply opener thread, link open abandoned",
+                                 [apartment] { apartment->openQueuedReplyLink(THREAD_PASS_MS); });
     return nullptr;
 }
 
@@ -469,7 +502,7 @@ bool CApartment::connectApartment(const char* strRemoteApartmentUrl, bool bRtCon
         TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
         if (sinkMap(bRtConnection).count(key.first) != 0) return true;
         auto pending = m_LinkOpens.find(key);
-        if (pending != m_LinkOpens.end()) {
+        if (pending != m_LinkOpens.end() && pending->second->m_bStarted) {
             // Another thread is opening this very link: share its outcome
             // rather than open a second link that one end would drop (with
             // what was written on it). Bounded by that open's connect
@@ -478,9 +511,23 @@ bool CApartment::connectApartment(const char* strRemoteApartmentUrl, bool bRtCon
             while (!awaited->m_bDone) m_LinkOpenCondition.wait();
             return awaited->m_bOpened;
         }
-        open = std::make_shared<_LINK_OPEN>();
-        m_LinkOpens.emplace(key, open);
+        if (pending != m_LinkOpens.end()) {
+            // Queued for the reply opener and not started: this thread
+            // opens it now (and sends the answers waiting for it) rather
+            // than wait behind the opener's other links.
+            open = pending->second;
+            m_ReplyOpenQueue.erase(
+                std::find(m_ReplyOpenQueue.begin(), m_ReplyOpenQueue.end(), key));
+        } else {
+            open = std::make_shared<_LINK_OPEN>();
+            m_LinkOpens.emplace(key, open);
+        }
+        open->m_bStarted = true;
     }
+    return runLinkOpen(key, open);
+}
+
+bool CApartment::runLinkOpen(const LINK_KEY& key, const std::shared_ptr<_LINK_OPEN>& open) {
     bool opened = false;
     try {
         opened = openLink(key);
@@ -540,12 +587,113 @@ bool CApartment::openLink(const LINK_KEY& key) {
 
 void CApartment::finishLinkOpen(const LINK_KEY& key, const std::shared_ptr<_LINK_OPEN>& open,
                                 bool bOpened) {
-    TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
-    open->m_bDone = true;
-    open->m_bOpened = bOpened;
-    auto it = m_LinkOpens.find(key);
-    if (it != m_LinkOpens.end() && it->second == open) m_LinkOpens.erase(it);
-    m_LinkOpenCondition.notifyAll();
+    std::vector<_PENDING_REPLY> replies;
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+        open->m_bDone = true;
+        open->m_bOpened = bOpened;
+        auto it = m_LinkOpens.find(key);
+        if (it != m_LinkOpens.end() && it->second == open) m_LinkOpens.erase(it);
+        replies.swap(open->m_Replies);
+        for (const _PENDING_REPLY& reply : replies) m_uintPendingReplyBytes -= replyCost(reply);
+        if (open->m_bForReplies) --m_uintReplyOpens;
+        m_LinkOpenCondition.notifyAll();
+    }
+    if (!replies.empty()) deliverReplies(key, replies, bOpened);
+}
+
+size_t CApartment::replyCost(const _PENDING_REPLY& reply) {
+    return REPLY_OVERHEAD_BYTES + reply.m_strNodeUrl.size() + reply.m_strRemoteNodeUrl.size() +
+           reply.m_Data.size();
+}
+
+bool CApartment::queueReply(const LINK_KEY& key, _PENDING_REPLY&& reply) {
+    const size_t cost = replyCost(reply);
+    const char* refusal = nullptr;
+    CReference<IApartmentSink> link;
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+        link = linkLocked(key.first.c_str(), key.second, nullptr);
+        if (link.nil()) {
+            auto pending = m_LinkOpens.find(key);
+            if (m_uintPendingReplyBytes + cost > MAX_PENDING_REPLY_BYTES) {
+                refusal = "too many bytes of responses wait for links";
+            } else if (pending == m_LinkOpens.end() && m_uintReplyOpens >= MAX_REPLY_OPENS) {
+                refusal = "too many links are being opened for responses";
+            } else {
+                if (pending == m_LinkOpens.end()) {
+                    std::shared_ptr<_LINK_OPEN> open = std::make_shared<_LINK_OPEN>();
+                    open->m_bForReplies = true;
+                    pending = m_LinkOpens.emplace(key, open).first;
+                    m_ReplyOpenQueue.push_back(key);
+                    ++m_uintReplyOpens;
+                    createReplyOpenerThread();
+                    m_LinkOpenCondition.notifyAll();
+                }
+                pending->second->m_Replies.push_back(std::move(reply));
+                m_uintPendingReplyBytes += cost;
+                return true;
+            }
+        }
+    }
+    if (refusal != nullptr) {
+        log_task_line("[Apartment Warning]: Response %u to %s dropped: %s.",
+                      reply.m_uintRequestId, key.first.c_str(), refusal);
+        return false;
+    }
+    return sendReply(link, key.first.c_str(), reply);  // filed meanwhile
+}
+
+void CApartment::deliverReplies(const LINK_KEY& key, std::vector<_PENDING_REPLY>& replies,
+                                bool bOpened) {
+    CReference<IApartmentSink> link;
+    if (bOpened) link = findLink(key.first.c_str(), key.second);
+    if (link.nil()) {
+        log_task_line("[Apartment Warning]: No link to %s could be opened: %zu response(s) "
+                      "dropped.",
+                      key.first.c_str(), replies.size());
+        return;
+    }
+    size_t failed = 0;
+    for (const _PENDING_REPLY& reply : replies)
+        if (!guarded("sending a queued response", false,
+                     [&] { return sendReply(link, key.first.c_str(), reply); }))
+            ++failed;
+    if (failed != 0)
+        log_task_line("[Apartment Warning]: %zu response(s) to %s could not be sent.", failed,
+                      key.first.c_str());
+}
+
+void CApartment::openQueuedReplyLink(DWORD dwTimeout) {
+    LINK_KEY key;
+    std::shared_ptr<_LINK_OPEN> open;
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+        if (m_ReplyOpenQueue.empty()) {
+            m_LinkOpenCondition.wait(OS::Clock::monotonicDeadline(dwTimeout));
+            return;
+        }
+        key = m_ReplyOpenQueue.front();
+        m_ReplyOpenQueue.pop_front();
+        auto it = m_LinkOpens.find(key);
+        if (it == m_LinkOpens.end()) return;
+        open = it->second;
+        open->m_bStarted = true;
+    }
+    runLinkOpen(key, open);
+}
+
+void CApartment::dropQueuedReplyOpens() {
+    std::vector<std::pair<LINK_KEY, std::shared_ptr<_LINK_OPEN>>> queued;
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+        for (const LINK_KEY& key : m_ReplyOpenQueue) {
+            auto it = m_LinkOpens.find(key);
+            if (it != m_LinkOpens.end()) queued.emplace_back(key, it->second);
+        }
+        m_ReplyOpenQueue.clear();
+    }
+    for (auto& entry : queued) finishLinkOpen(entry.first, entry.second, false);
 }
 
 void CApartment::addApartmentSink(IApartmentSink* pSink) {
@@ -722,6 +870,11 @@ void CApartment::onAddConnection(IApartmentServerSink* pServerSink) {
 CReference<IApartmentSink> CApartment::findLink(const char* strRemoteApartmentUrl,
                                                 bool bRtConnection, bool* pbLoopback) {
     TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+    return linkLocked(strRemoteApartmentUrl, bRtConnection, pbLoopback);
+}
+
+CReference<IApartmentSink> CApartment::linkLocked(const char* strRemoteApartmentUrl,
+                                                  bool bRtConnection, bool* pbLoopback) {
     if (loopbackApartment(strRemoteApartmentUrl)) {
         if (pbLoopback != nullptr) *pbLoopback = true;
         return m_LoopbackClientSink;
@@ -783,21 +936,59 @@ bool CApartment::writeResponseFrame(const char* strApartmentNodeUrl,
                                     unsigned int uintRequestId, int intResponseCode,
                                     void* pResponseBuffer, unsigned int uintBufLen,
                                     bool bRtConnection) {
-    if (!hasConnection(strRemoteApartmentUrl, bRtConnection) &&
-        !connectApartment(strRemoteApartmentUrl, bRtConnection))
-        return false;
+    if (strRemoteApartmentUrl == nullptr) return false;
     CReference<IApartmentSink> link = findLink(strRemoteApartmentUrl, bRtConnection);
-    if (link.nil()) return false;
+    if (!link.nil()) {
+        std::string localUrl;
+        CApartmentSinkHelper::getLocalApartmentUrl(link, localUrl);
+        std::vector<char> payload;
+        if (!buildPayload(payload, [&] {
+                return CApartmentFrameCodec::buildResponsePayload(
+                    localUrl, strApartmentNodeUrl, strRemoteApartmentUrl,
+                    strRemoteApartmentNodeUrl, uintRequestId, intResponseCode, pResponseBuffer,
+                    uintBufLen);
+            }))
+            return false;
+        return sendPayload(link, APARTMENT_RESPONSE_FRAME, payload);
+    }
+    // No link to the requester. An answer never waits for a connect here:
+    // this is usually the dispatching thread, and a peer naming return
+    // addresses that nobody answers would hold it for a connect time-out
+    // per request. The reply opener opens the link and sends it. The names
+    // are checked now, while the caller can still be told.
+    std::vector<char> check;
+    if (!buildPayload(check, [&] {
+            return CApartmentFrameCodec::buildResponsePayload(
+                m_strApartmentUrl, strApartmentNodeUrl, strRemoteApartmentUrl,
+                strRemoteApartmentNodeUrl, uintRequestId, intResponseCode, nullptr, 0);
+        }))
+        return false;
+    _PENDING_REPLY reply;
+    reply.m_strNodeUrl = strApartmentNodeUrl != nullptr ? strApartmentNodeUrl : "";
+    reply.m_strRemoteNodeUrl = strRemoteApartmentNodeUrl != nullptr ? strRemoteApartmentNodeUrl : "";
+    reply.m_uintRequestId = uintRequestId;
+    reply.m_intResponseCode = intResponseCode;
+    reply.m_bHasData = pResponseBuffer != nullptr;
+    if (pResponseBuffer != nullptr)
+        reply.m_Data.assign(static_cast<const char*>(pResponseBuffer),
+                            static_cast<const char*>(pResponseBuffer) + uintBufLen);
+    return queueReply(LINK_KEY(strRemoteApartmentUrl, bRtConnection), std::move(reply));
+}
+
+bool CApartment::sendReply(IApartmentSink* pLink, const char* strRemoteApartmentUrl,
+                           const _PENDING_REPLY& reply) {
     std::string localUrl;
-    CApartmentSinkHelper::getLocalApartmentUrl(link, localUrl);
+    CApartmentSinkHelper::getLocalApartmentUrl(pLink, localUrl);
     std::vector<char> payload;
     if (!buildPayload(payload, [&] {
             return CApartmentFrameCodec::buildResponsePayload(
-                localUrl, strApartmentNodeUrl, strRemoteApartmentUrl, strRemoteApartmentNodeUrl,
-                uintRequestId, intResponseCode, pResponseBuffer, uintBufLen);
+                localUrl, reply.m_strNodeUrl.c_str(), strRemoteApartmentUrl,
+                reply.m_strRemoteNodeUrl.c_str(), reply.m_uintRequestId, reply.m_intResponseCode,
+                reply.m_bHasData ? reply.m_Data.data() : nullptr,
+                static_cast<unsigned int>(reply.m_Data.size()));
         }))
         return false;
-    return sendPayload(link, APARTMENT_RESPONSE_FRAME, payload);
+    return sendPayload(pLink, APARTMENT_RESPONSE_FRAME, payload);
 }
 
 bool CApartment::writeRawFrame(const char* strRemoteApartmentUrl, unsigned int uintFrameType,

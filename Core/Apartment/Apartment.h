@@ -9,9 +9,12 @@
 // the real-time communication thread, and a raw frame written to the
 // apartment's own URL reaches it on the writer's thread.
 //
-// Threads of an apartment: the listen thread (when it listens) and two
-// communication threads, real-time and non-real-time, each a 100 ms polling
-// loop started on first use and stopped by destroyApartment.
+// Threads of an apartment: the listen thread (when it listens), two
+// communication threads, real-time and non-real-time, and the reply opener,
+// each a 100 ms polling loop started on first use and stopped by
+// destroyApartment. The reply opener opens, one at a time, the links that
+// answers to unlinked requesters wait for, so that an answer never waits
+// for a connect on the dispatching thread.
 //
 // Lock order: m_NodeManageMutex and m_ConnectionManageMutex are never held
 // together; sinks are released only after m_ConnectionManageMutex is
@@ -28,6 +31,7 @@
 #define APARTMENT_APARTMENT_H
 
 #include <atomic>
+#include <deque>
 #include <map>
 #include <memory>
 #include <set>
@@ -100,7 +104,12 @@ public:
 
     // Frames, written on the caller's thread. True when the frame was handed
     // to the link whole; false also for a node name or destination URL that
-    // is not pure ASCII (a request id is spent all the same).
+    // is not pure ASCII (a request id is spent all the same). A request
+    // opens a missing link first (on this thread). A response never
+    // connects: without a link it is handed to the reply opener and true
+    // means it was accepted for the link being opened (a failed open or
+    // send is then reported by a diagnostic line); false that the bounds on
+    // waiting answers refused it.
     bool writeRequestFrame(const char* strApartmentNodeUrl, const char* strRemoteApartmentUrl,
                            const char* strRemoteApartmentNodeUrl, void* pRequestBuffer,
                            unsigned int uintBufLen, bool bRtConnection,
@@ -167,12 +176,26 @@ protected:
     void onAddConnection(IApartmentServerSink* pServerSink);
 
 private:
-    // A link being opened by connectApartment. Its fields change under
-    // m_ConnectionManageMutex; the record outlives its map entry for as
-    // long as a waiter holds it.
+    // An answer waiting for the link it is to go out on: what its payload
+    // is built from once the link, and so the local URL the payload names,
+    // exists.
+    struct _PENDING_REPLY {
+        std::string m_strNodeUrl;        // the answering node
+        std::string m_strRemoteNodeUrl;  // the requesting node
+        unsigned int m_uintRequestId = 0;
+        int m_intResponseCode = 0;
+        bool m_bHasData = false;  // a null buffer sends no data, whatever its length
+        std::vector<char> m_Data;
+    };
+    // A link being opened, by connectApartment on a host thread or by the
+    // reply opener. Its fields change under m_ConnectionManageMutex; the
+    // record outlives its map entry for as long as a waiter holds it.
     struct _LINK_OPEN {
-        bool m_bDone = false;    // the open has finished
-        bool m_bOpened = false;  // ... and the link was filed
+        bool m_bStarted = false;     // an opener works on it (else queued for the reply opener)
+        bool m_bDone = false;        // the open has finished
+        bool m_bOpened = false;      // ... and the link was filed
+        bool m_bForReplies = false;  // made for answers: counts against MAX_REPLY_OPENS
+        std::vector<_PENDING_REPLY> m_Replies;  // sent on the link once it is open
     };
     // Remote apartment URL, and true for the real-time class.
     typedef std::pair<std::string, bool> LINK_KEY;
@@ -199,10 +222,34 @@ private:
     // the connection frame and files the link. Caller's thread, no lock
     // held; the caller owns the open's entry in m_LinkOpens.
     bool openLink(const LINK_KEY& key);
-    // Records the outcome of an open, removes its entry and wakes whoever
-    // waits for it.
+    // Runs openLink for an open whose entry the caller has marked started,
+    // then finishLinkOpen, also when openLink throws.
+    bool runLinkOpen(const LINK_KEY& key, const std::shared_ptr<_LINK_OPEN>& open);
+    // Records the outcome of an open, removes its entry, wakes whoever
+    // waits for it, and sends the answers that waited for the link (or
+    // drops them with a diagnostic line). No lock held by the caller.
     void finishLinkOpen(const LINK_KEY& key, const std::shared_ptr<_LINK_OPEN>& open,
                         bool bOpened);
+    // The link for a URL as findLink finds it; m_ConnectionManageMutex held.
+    CReference<IApartmentSink> linkLocked(const char* strRemoteApartmentUrl, bool bRtConnection,
+                                          bool* pbLoopback);
+    // Hands an answer to the link being opened for its URL (queueing an
+    // open for the reply opener when there is none), or sends it if the
+    // link has been filed meanwhile. False, with a diagnostic line, when
+    // the bounds on waiting answers refuse it. Never connects.
+    bool queueReply(const LINK_KEY& key, _PENDING_REPLY&& reply);
+    // What an answer counts against MAX_PENDING_REPLY_BYTES.
+    static size_t replyCost(const _PENDING_REPLY& reply);
+    // Builds the response payload for a link and sends it there.
+    bool sendReply(IApartmentSink* pLink, const char* strRemoteApartmentUrl,
+                   const _PENDING_REPLY& reply);
+    void deliverReplies(const LINK_KEY& key, std::vector<_PENDING_REPLY>& replies, bool bOpened);
+    // One pass of the reply opener: opens the oldest queued link, or waits
+    // up to dwTimeout ms for one to be queued.
+    void openQueuedReplyLink(DWORD dwTimeout);
+    // At tear-down, after the reply opener stopped: the queued opens fail,
+    // and their answers are dropped.
+    void dropQueuedReplyOpens();
     // Fills `payload` with build(); false when the codec refused a name or
     // URL that is not pure ASCII.
     template <class Build>
@@ -232,6 +279,9 @@ private:
     static void* apartmentListenThreadFunc(void* pParam);
     static void* apartmentNonRtCommunicationThreadFunc(void* pParam);
     static void* apartmentRtCommunicationThreadFunc(void* pParam);
+    void createReplyOpenerThread();
+    void destroyReplyOpenerThread();
+    static void* apartmentReplyOpenerThreadFunc(void* pParam);
 
     std::string m_strApartmentUrl;
     CReference<IApartmentListenSink> m_ListenSink;
@@ -250,6 +300,13 @@ private:
     // instead of each opening one that all but one would drop (with what
     // was already written on it), while opens to other remotes go on.
     std::map<LINK_KEY, std::shared_ptr<_LINK_OPEN>> m_LinkOpens;
+    // The reply opener's work: the opens made for answers and not yet
+    // started, oldest first; with the number of such opens (queued or under
+    // way) and the bytes their answers count. Guarded by
+    // m_ConnectionManageMutex.
+    std::deque<LINK_KEY> m_ReplyOpenQueue;
+    size_t m_uintReplyOpens = 0;
+    size_t m_uintPendingReplyBytes = 0;
     std::map<std::string, CReference<IApartmentSink>> m_NonRtCommunicationSinkMap;
     std::map<std::string, CReference<IApartmentSink>> m_RtCommunicationSinkMap;
     std::string m_strLoopbackApartmentUrl;
@@ -278,6 +335,10 @@ private:
     pthread_t m_hNonRtCommunicationThread;
     std::atomic<bool> m_bKeepRtCommunication;
     pthread_t m_hRtCommunicationThread;
+    // The reply opener: started by the first answer that has no link to go
+    // out on, stopped first in destroyApartment.
+    std::atomic<bool> m_bKeepReplyOpener;
+    pthread_t m_hReplyOpenerThread;
     // Starting a communication thread may race between the dispatching
     // thread (addApartmentSink) and a connecting host thread: this guards
     // the thread handles.

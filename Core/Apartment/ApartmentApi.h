@@ -150,6 +150,16 @@ APARTMENT_API int apartment_node_write_notify(const char* strApartmentUrl,
                                               const char* strRemoteNodeUrl,
                                               void* pRequestBuffer, unsigned int uintBufLen,
                                               const unsigned int& uintRequestId);
+// Answers a request: strRemoteApartmentUrl and strRemoteNodeUrl are the
+// request's source apartment and node, uintRequestId its id. Never waits
+// for a connect. With a link to that apartment (normally the one the
+// request came in on) 0 means the frame was handed to it. Without one the
+// answer is handed to a link that the library opens off the calling thread
+// (at most 8 such opens and 16 MiB of waiting answers at a time), and 0
+// means it was accepted for that link: should the open or the send fail,
+// the answer is dropped with a diagnostic line. -4 when the link's send
+// failed, a name is not pure ASCII, or those bounds refuse the answer (a
+// diagnostic line says so).
 APARTMENT_API int apartment_node_write_response(const char* strApartmentUrl,
                                                 const char* strNodeUrl,
                                                 const char* strRemoteApartmentUrl,
