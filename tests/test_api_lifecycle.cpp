@@ -3,29 +3,28 @@
 // library fails inside, the URL rule of the node messaging functions,
 // initialising twice, again and after a failure, the module version, and
 // bad names.
-#include <cstdlib>
-#include <new>
+#include <dlfcn.h>
+
+#include <stdexcept>
 
 #include "api_test_support.h"
+#include "os_sync.h"
 
 using namespace apitest;
 
-// Allocation failure on demand, for the calling thread only: while
-// t_failAllocations is set, operator new throws std::bad_alloc there. The
-// library's own allocations come here too (it links the C++ runtime
-// dynamically), so this reaches inside every exported function.
+// A failure inside the library on demand, for the calling thread only:
+// while t_failLocks is set, taking any library mutex throws. This
+// definition comes first in symbol lookup, so libapartment.so's calls reach
+// it; otherwise it forwards to the platform layer.
 namespace {
-thread_local bool t_failAllocations = false;
+thread_local bool t_failLocks = false;
 }
-void* operator new(std::size_t size) {
-    if (t_failAllocations) throw std::bad_alloc();
-    if (void* p = std::malloc(size != 0 ? size : 1)) return p;
-    throw std::bad_alloc();
+extern "C" int os_mutex_lock(mutex_handle* handle) {
+    if (t_failLocks) throw std::runtime_error("injected failure");
+    using Lock = int (*)(mutex_handle*);
+    static const Lock platformLock = reinterpret_cast<Lock>(dlsym(RTLD_NEXT, "os_mutex_lock"));
+    return platformLock(handle);
 }
-// Not inlined: the compiler would then pair a `new` it sees with the free()
-// inside and warn about a mismatch that is not there.
-__attribute__((noinline)) void operator delete(void* p) noexcept { std::free(p); }
-__attribute__((noinline)) void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -236,9 +235,9 @@ TEST(ApiLifecycle, ModuleVersionTextsAreExact) {
     EXPECT_EQ(version->releaseRef(), 0u);
 }
 
-// An exception inside the library (here every allocation of the calling
-// thread fails) never leaves an exported function: each returns its
-// failure value, and the library works normally afterwards.
+// An exception inside the library (here from the first lock the call
+// takes) never leaves an exported function: each returns its failure
+// value, and the library works normally afterwards.
 TEST_F(ApiInitialised, AFailureInsideReturnsEachFunctionsFailureValue) {
     Held<NodeRecorder> node;
     ASSERT_TRUE(apartment_node_create(nullptr, "n"));
@@ -255,8 +254,6 @@ TEST_F(ApiInitialised, AFailureInsideReturnsEachFunctionsFailureValue) {
     };
     const std::vector<Row> rows = {
         {"initialize", [&] { return (long long)apartment_initialize(url, true); }, 0},
-        {"get_module_version",
-         [&] { return (long long)(apartment_get_module_version() != nullptr); }, 0},
         {"set_callback", [&] { return (long long)apartment_set_callback(nullptr, nullptr); }, 0},
         {"set_dispatch_enabled",
          [&] { return (long long)apartment_set_dispatch_enabled(nullptr, true); }, 0},
@@ -314,18 +311,18 @@ TEST_F(ApiInitialised, AFailureInsideReturnsEachFunctionsFailureValue) {
     for (const Row& row : rows) {
         long long result = 12345;
         bool threw = false;
-        t_failAllocations = true;
+        t_failLocks = true;
         try {
             result = row.call();
         } catch (...) {
             threw = true;
         }
-        t_failAllocations = false;
+        t_failLocks = false;
         EXPECT_FALSE(threw) << row.name;
         EXPECT_EQ(result, row.failure) << row.name;
     }
     const std::string diagnostics = testing::internal::GetCapturedStdout();
-    EXPECT_NE(diagnostics.find("[Apartment Error]: apartment_set_timer: std::bad_alloc."),
+    EXPECT_NE(diagnostics.find("[Apartment Error]: apartment_set_timer: injected failure."),
               std::string::npos)
         << diagnostics;
     EXPECT_EQ(id, 77u);

@@ -239,7 +239,7 @@ TEST_F(HostileTest, RepliesToUnreachableSourcesDoNotStallTheDispatcher) {
     const long FLOOD_MS = 4000;
     StalledListener stalled;
     ASSERT_TRUE(stalled.ready());
-    Peer flooder([&stalled, FLOOD_MS] {
+    Peer flooder([&stalled] {
         std::string hostUrl;
         const int fd = connectAs(kGhost, false, hostUrl);
         if (fd < 0) return -fd;
@@ -256,7 +256,7 @@ TEST_F(HostileTest, RepliesToUnreachableSourcesDoNotStallTheDispatcher) {
         os_socket_close(fd, USE_DEFAULT);
         return 0;
     });
-    Peer steady([FLOOD_MS] { return steadyRequesterBody(FLOOD_MS - 1000, 20); });
+    Peer steady([] { return steadyRequesterBody(FLOOD_MS - 1000, 20); });
     Peer fresh([] { return requesterPeerBody(); });
     const std::string url = startHost();
     ASSERT_FALSE(url.empty());
