@@ -20,12 +20,15 @@ void uninstall_log_task(void) {
 void log_task_line(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    /* One lock for the text, its newline and the flush: lines written by
-     * several threads at once neither interleave nor wait in the buffer. */
+    /* One hold of the stream's (recursive) lock for the text, its newline
+     * and the flush: lines written by several threads at once neither
+     * interleave nor wait in the buffer. The calls inside take the lock
+     * again rather than use the _unlocked forms, which are inline macros
+     * that a thread sanitizer would see touching the stream unguarded. */
     flockfile(stdout);
     vfprintf(stdout, format, arguments);
-    putc_unlocked('\n', stdout);
-    if (__atomic_load_n(&install_depth, __ATOMIC_ACQUIRE) > 0) fflush_unlocked(stdout);
+    fputc('\n', stdout);
+    if (__atomic_load_n(&install_depth, __ATOMIC_ACQUIRE) > 0) fflush(stdout);
     funlockfile(stdout);
     va_end(arguments);
 }
