@@ -516,8 +516,8 @@ bool CApartment::connectApartment(const char* strRemoteApartmentUrl, bool bRtCon
             // opens it now (and sends the answers waiting for it) rather
             // than wait behind the opener's other links.
             open = pending->second;
-            m_ReplyOpenQueue.erase(
-                std::find(m_ReplyOpenQueue.begin(), m_ReplyOpenQueue.end(), key));
+            auto queued = std::find(m_ReplyOpenQueue.begin(), m_ReplyOpenQueue.end(), key);
+            if (queued != m_ReplyOpenQueue.end()) m_ReplyOpenQueue.erase(queued);
         } else {
             open = std::make_shared<_LINK_OPEN>();
             m_LinkOpens.emplace(key, open);
