@@ -246,80 +246,51 @@ TEST_F(ApiInitialised, AFailureInsideReturnsEachFunctionsFailureValue) {
     unsigned int uintLength = 1, id = 77;
     int code = 0;
     char byte = 'x';
-    const long long NO_TIMER_LL = NO_TIMER;
+    const long long FAILED = APARTMENT_METHOD_FAILED, TIMER = NO_TIMER;
     struct Row {
-        const char* name;
-        std::function<long long()> call;
+        const char* call;
+        std::function<long long()> run;
         long long failure;
     };
+#define ROW(call, failure) {#call, [&] { return static_cast<long long>(call); }, failure}
     const std::vector<Row> rows = {
-        {"initialize", [&] { return (long long)apartment_initialize(url, true); }, 0},
-        {"set_callback", [&] { return (long long)apartment_set_callback(nullptr, nullptr); }, 0},
-        {"set_dispatch_enabled",
-         [&] { return (long long)apartment_set_dispatch_enabled(nullptr, true); }, 0},
-        {"dispatch_message",
-         [&] { return (long long)apartment_dispatch_message(nullptr, deadlineIn(0)); }, -1},
-        {"stop_dispatch_message",
-         [&] { return (long long)apartment_stop_dispatch_message(nullptr); }, 0},
-        {"allow_reentry", [&] { return (long long)apartment_allow_reentry(nullptr, false); }, 0},
-        {"local_url",
-         [&] { return (long long)apartment_local_url(nullptr, url, false, nullptr, length); }, 0},
-        {"connect_remote",
-         [&] { return (long long)apartment_connect_remote(nullptr, url, false); }, 0},
-        {"has_connect_remote",
-         [&] { return (long long)apartment_has_connect_remote(nullptr, url, false); }, 0},
-        {"disconnect_remote",
-         [&] { return (long long)apartment_disconnect_remote(nullptr, url, false); }, 0},
-        {"node_create", [&] { return (long long)apartment_node_create(nullptr, "m"); }, 0},
-        {"node_destroy", [&] { return (long long)apartment_node_destroy(nullptr, "n"); }, 0},
-        {"node_set_callback",
-         [&] { return (long long)apartment_node_set_callback(nullptr, "n", node.get()); }, 0},
-        {"raw_write",
-         [&] { return (long long)apartment_raw_write(nullptr, url, 5, &byte, uintLength); },
-         APARTMENT_METHOD_FAILED},
-        {"node_write_request",
-         [&] {
-             return (long long)apartment_node_write_request(nullptr, "n", url, "n", &byte, 1, id);
-         },
-         APARTMENT_METHOD_FAILED},
-        {"node_write_notify",
-         [&] {
-             return (long long)apartment_node_write_notify(nullptr, "n", url, "n", &byte, 1, id);
-         },
-         APARTMENT_METHOD_FAILED},
-        {"node_write_response",
-         [&] {
-             return (long long)apartment_node_write_response(nullptr, "n", url, "n", 1, 0, &byte,
-                                                             1);
-         },
-         APARTMENT_METHOD_FAILED},
-        {"node_read_response",
-         [&] {
-             return (long long)apartment_node_read_response(nullptr, "n", 1, code, nullptr,
-                                                            uintLength, 0);
-         },
-         APARTMENT_METHOD_FAILED},
-        {"set_timer", [&] { return (long long)apartment_set_timer(nullptr, nullptr, 10, 10); },
-         NO_TIMER_LL},
-        {"set_single_timer",
-         [&] { return (long long)apartment_set_single_timer(nullptr, "n", 10); }, NO_TIMER_LL},
-        {"kill_timer", [&] { return (long long)apartment_kill_timer(nullptr, nullptr, 1); }, 0},
-        {"keepalive_with",
-         [&] { return (long long)apartment_keepalive_with(nullptr, url, 3, 100); }, 0},
+        ROW(apartment_initialize(url, true), 0),
+        ROW(apartment_set_callback(nullptr, nullptr), 0),
+        ROW(apartment_set_dispatch_enabled(nullptr, true), 0),
+        ROW(apartment_dispatch_message(nullptr, deadlineIn(0)), -1),
+        ROW(apartment_stop_dispatch_message(nullptr), 0),
+        ROW(apartment_allow_reentry(nullptr, false), 0),
+        ROW(apartment_local_url(nullptr, url, false, nullptr, length), 0),
+        ROW(apartment_connect_remote(nullptr, url, false), 0),
+        ROW(apartment_has_connect_remote(nullptr, url, false), 0),
+        ROW(apartment_disconnect_remote(nullptr, url, false), 0),
+        ROW(apartment_node_create(nullptr, "m"), 0),
+        ROW(apartment_node_destroy(nullptr, "n"), 0),
+        ROW(apartment_node_set_callback(nullptr, "n", node.get()), 0),
+        ROW(apartment_raw_write(nullptr, url, 5, &byte, uintLength), FAILED),
+        ROW(apartment_node_write_request(nullptr, "n", url, "n", &byte, 1, id), FAILED),
+        ROW(apartment_node_write_notify(nullptr, "n", url, "n", &byte, 1, id), FAILED),
+        ROW(apartment_node_write_response(nullptr, "n", url, "n", 1, 0, &byte, 1), FAILED),
+        ROW(apartment_node_read_response(nullptr, "n", 1, code, nullptr, uintLength, 0), FAILED),
+        ROW(apartment_set_timer(nullptr, nullptr, 10, 10), TIMER),
+        ROW(apartment_set_single_timer(nullptr, "n", 10), TIMER),
+        ROW(apartment_kill_timer(nullptr, nullptr, 1), 0),
+        ROW(apartment_keepalive_with(nullptr, url, 3, 100), 0),
     };
+#undef ROW
     testing::internal::CaptureStdout();
     for (const Row& row : rows) {
         long long result = 12345;
         bool threw = false;
         t_failLocks = true;
         try {
-            result = row.call();
+            result = row.run();
         } catch (...) {
             threw = true;
         }
         t_failLocks = false;
-        EXPECT_FALSE(threw) << row.name;
-        EXPECT_EQ(result, row.failure) << row.name;
+        EXPECT_FALSE(threw) << row.call;
+        EXPECT_EQ(result, row.failure) << row.call;
     }
     const std::string diagnostics = testing::internal::GetCapturedStdout();
     EXPECT_NE(diagnostics.find("[Apartment Error]: apartment_set_timer: injected failure."),
