@@ -20,9 +20,10 @@
 // together; sinks are released only after m_ConnectionManageMutex is
 // dropped and nothing is sent or connected under it (a thread waiting for
 // another's open of the same link waits on m_LinkOpenCondition, which
-// releases it). m_HeartbeatMutex is never held
-// with m_ConnectionManageMutex. The queues' mutexes are leaves. No lock of
-// the apartment is held while a host callback runs, except
+// releases it). m_ThreadControlMutex may be taken while holding
+// m_ConnectionManageMutex, never the other way round. m_HeartbeatMutex is
+// never held with m_ConnectionManageMutex. The queues' mutexes are leaves.
+// No lock of the apartment is held while a host callback runs, except
 // m_NodeManageMutex (recursive) while nodes hear an offline notice.
 //
 // A subclass supplies the transport: createSink, the URL/address
@@ -289,9 +290,9 @@ private:
     // Guards the two sink maps, the loopback URL, both loopback slots and
     // m_LinkOpens. m_ConnectionNotEmptyCondition wakes an idle communication
     // thread when a sink becomes available; m_LinkOpenCondition wakes the
-    // threads waiting for a link being opened when an open finishes. Never
-    // held while a link is opened or a frame sent; taken after nothing but
-    // (in addApartmentSink, to start a thread) before m_ThreadControlMutex.
+    // threads waiting for a link being opened when an open finishes, and
+    // the reply opener when an open is queued for it. Never held while a
+    // link is opened or a frame sent.
     OS::TBaseMutex m_ConnectionManageMutex;
     OS::TCondition m_ConnectionNotEmptyCondition;
     OS::TCondition m_LinkOpenCondition;
@@ -341,7 +342,7 @@ private:
     pthread_t m_hReplyOpenerThread;
     // Starting a communication thread may race between the dispatching
     // thread (addApartmentSink) and a connecting host thread: this guards
-    // the thread handles.
+    // the thread handles (the reply opener's too).
     OS::TBaseMutex m_ThreadControlMutex;
 
     CMessageQueue m_ApartmentMsgQueue;
