@@ -187,3 +187,72 @@ TEST(ConcurrentRequests, SimultaneousFirstRequestsOnAFreshLinkAreAllAnswered) {
     apartment_uninitialize();
     node->releaseRef();
 }
+
+// One thread's connect to a listener that never accepts (it waits out its
+// whole 1000 ms time-out) holds up no other link: meanwhile another
+// thread's apartment_connect_remote to a linked URL returns at once, its
+// first request to a fresh peer opens that link in the usual time, and its
+// requests over the existing link keep their latency.
+TEST(ConcurrentRequests, AnUnansweredConnectStallsNoOtherLink) {
+    Peer linked([] { return echoPeerBody(60000); });
+    Peer fresh([] { return echoPeerBody(60000); });
+    StalledListener stalled;
+    ASSERT_TRUE(stalled.ready());
+    const std::string url = initialiseOnFreePort(true);
+    ASSERT_FALSE(url.empty());
+    NodeCallback* node = createNode("client");
+    const std::string linkedUrl = linked.readLine(5000);
+    const std::string freshUrl = fresh.readLine(5000);
+    ASSERT_FALSE(linkedUrl.empty());
+    ASSERT_FALSE(freshUrl.empty());
+    DispatchThread pump;
+    ASSERT_TRUE(pump.locked());
+    ASSERT_EQ(requestAndRead("client", linkedUrl, "echo", "warm", 3000), "warm");
+
+    std::atomic<bool> connecting{true};
+    long long stalledMs = 0;
+    std::thread connector([&] {
+        const long long start = nowMs();
+        EXPECT_FALSE(apartment_connect_remote(nullptr, stalled.url().c_str(), false));
+        stalledMs = nowMs() - start;
+        connecting = false;
+    });
+    sleepMs(100);  // the connector is inside its connect now
+
+    // Both at once, so that each shows how long it would have waited.
+    long long linkedConnectMs = 0;
+    std::thread linker([&] {
+        const long long begin = nowMs();
+        EXPECT_TRUE(apartment_connect_remote(nullptr, linkedUrl.c_str(), false));
+        linkedConnectMs = nowMs() - begin;
+    });
+    long long start = nowMs();
+    EXPECT_EQ(requestAndRead("client", freshUrl, "echo", "first", 3000), "first");
+    const long long freshFirstMs = nowMs() - start;
+    linker.join();
+    long long slowestLinkedMs = 0;
+    for (int i = 0; i < 10; ++i) {
+        start = nowMs();
+        EXPECT_EQ(requestAndRead("client", linkedUrl, "echo", "again", 3000), "again");
+        slowestLinkedMs = std::max(slowestLinkedMs, nowMs() - start);
+    }
+    const bool measuredDuringConnect = connecting;
+    connector.join();
+    printf("[figure] while a connect waited %lld ms: connect to a linked URL %lld ms, first "
+           "request to a fresh peer %lld ms, slowest of 10 requests on a link %lld ms\n",
+           stalledMs, linkedConnectMs, freshFirstMs, slowestLinkedMs);
+    EXPECT_TRUE(measuredDuringConnect);
+    EXPECT_GE(stalledMs, 900);  // the listener really never answered
+    // Tolerant figures for a shared machine, all far below the stall.
+    EXPECT_LT(linkedConnectMs, 100);
+    EXPECT_LT(freshFirstMs, 400);
+    EXPECT_LT(slowestLinkedMs, 200);
+
+    pump.stop();
+    linked.tell("stop");
+    fresh.tell("stop");
+    EXPECT_EQ(linked.wait(5000), 0);
+    EXPECT_EQ(fresh.wait(5000), 0);
+    apartment_uninitialize();
+    node->releaseRef();
+}

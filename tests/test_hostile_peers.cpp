@@ -31,6 +31,37 @@ int tricklingPeer(long trickleMs) {
     return 0;
 }
 
+// A requester that sends "ping" to the host's "echo" every `intervalMs`
+// for `durationMs` after one warm-up round trip, and reports
+// "<p99 us> <max us> <answered> <sent>"; an unanswered request counts with
+// its whole 2000 ms wait.
+int steadyRequesterBody(long durationMs, long intervalMs) {
+    const std::string hostUrl = Peer::readFromParent(10000);
+    if (hostUrl.empty()) return 10;
+    const std::string url = initialiseOnFreePort(true);
+    if (url.empty()) return 11;
+    NodeCallback* cb = createNode("client");
+    requestAndRead("client", hostUrl, "echo", "warm-up", 2000);
+    std::vector<long long> rttUs;
+    int answered = 0;
+    const long long until = nowMs() + durationMs;
+    while (nowMs() < until) {
+        const auto start = std::chrono::steady_clock::now();
+        if (requestAndRead("client", hostUrl, "echo", "ping", 2000) == "ping") ++answered;
+        rttUs.push_back(std::chrono::duration_cast<std::chrono::microseconds>(
+                            std::chrono::steady_clock::now() - start)
+                            .count());
+        sleepMs(intervalMs);
+    }
+    std::sort(rttUs.begin(), rttUs.end());
+    const size_t p99 = std::min(rttUs.size() - 1, (rttUs.size() * 99 + 99) / 100 - 1);
+    Peer::tellParent(std::to_string(rttUs[p99]) + " " + std::to_string(rttUs.back()) + " " +
+                     std::to_string(answered) + " " + std::to_string(rttUs.size()));
+    apartment_uninitialize();
+    cb->releaseRef();
+    return 0;
+}
+
 // Pumps until `done`, returning the longest single dispatch call in ms.
 long long pumpMeasuringDispatch(const std::function<bool()>& done, long timeoutMs) {
     long long longest = 0;
@@ -164,6 +195,96 @@ TEST_F(HostileTest, OversizedRealTimeFrameIsNotDeliveredAndDoesNotSpin) {
     EXPECT_LE(m_apartmentCb->largestRaw.load(), 102400u);
     EXPECT_LT(cpu.busiestThread, 0.2);
     EXPECT_TRUE(heard);
+}
+
+// A node callback that throws (here std::bad_alloc, as a host's own
+// allocation might) costs its request only: the message is dropped with a
+// diagnostic line, the pump goes on, and the next requester is answered.
+TEST_F(HostileTest, ThrowingCallbackDropsItsRequestAndTheHostKeepsServing) {
+    Peer unlucky([] { return requesterPeerBody(1000); });
+    Peer next([] { return requesterPeerBody(); });
+    const std::string url = startHost();
+    ASSERT_FALSE(url.empty());
+    std::atomic<int> calls{0};
+    m_node->onRequest = [&calls](const char* srcUrl, const char* srcNode, unsigned int id,
+                                 const void* data, unsigned int size, bool) {
+        if (calls++ == 0) throw std::bad_alloc();
+        apartment_node_write_response(nullptr, "echo", srcUrl, srcNode, id, REQUEST_OK,
+                                      const_cast<void*>(data), size);
+    };
+    testing::internal::CaptureStdout();
+    unlucky.tell(url);
+    const std::string lost = unlucky.pumpReadLine(5000);
+    next.tell(url);
+    const std::string answer = next.pumpReadLine(5000);
+    const std::string out = testing::internal::GetCapturedStdout();
+    printf("[figure] throwing callback: first requester \"%s\", next \"%s\" (ms)\n",
+           lost.c_str(), answer.c_str());
+    EXPECT_EQ(lost.substr(0, 8), "<read -4");
+    EXPECT_EQ(answer.substr(0, 5), "ping ");
+    EXPECT_NE(out.find("[Apartment Error]: dispatch, message dropped: std::bad_alloc."),
+              std::string::npos)
+        << out;
+    EXPECT_EQ(unlucky.wait(3000), 1);
+    EXPECT_EQ(next.wait(3000), 0);
+}
+
+// A peer that sends requests naming source apartments nobody can reach (50
+// a second, a different URL each time, each behind a listener that never
+// answers, so a connect to it waits out its whole time-out) must not hold
+// the host's dispatcher: meanwhile a well-behaved requester on its own
+// link keeps its round trips short, and afterwards a fresh requester is
+// answered.
+TEST_F(HostileTest, RepliesToUnreachableSourcesDoNotStallTheDispatcher) {
+    const long FLOOD_MS = 4000;
+    StalledListener stalled;
+    ASSERT_TRUE(stalled.ready());
+    Peer flooder([&stalled] {
+        std::string hostUrl;
+        const int fd = connectAs(kGhost, false, hostUrl);
+        if (fd < 0) return -fd;
+        Peer::tellParent("flooding");
+        for (long i = 0; i < FLOOD_MS / 20; ++i) {
+            const auto frame = requestFrame(stalled.url(2 + static_cast<int>(i % 200)), "peer",
+                                            hostUrl, "echo", static_cast<unsigned int>(i), true,
+                                            "x");
+            if (!sendAll(fd, frame.data(), frame.size())) return 13;
+            sleepMs(20);
+        }
+        Peer::tellParent("done");
+        Peer::readFromParent(20000);
+        os_socket_close(fd, USE_DEFAULT);
+        return 0;
+    });
+    Peer steady([] { return steadyRequesterBody(FLOOD_MS - 1000, 20); });
+    Peer fresh([] { return requesterPeerBody(); });
+    const std::string url = startHost();
+    ASSERT_FALSE(url.empty());
+
+    flooder.tell(url);
+    ASSERT_EQ(flooder.pumpReadLine(3000), "flooding");
+    steady.tell(url);
+    const std::string figures = steady.pumpReadLine(FLOOD_MS + 10000);
+    const bool floodEnded = flooder.pumpReadLine(FLOOD_MS + 10000) == "done";
+    fresh.tell(url);
+    const std::string answer = fresh.pumpReadLine(6000);
+    long long p99Us = -1, maxUs = -1;
+    int answered = -1, sent = -1;
+    std::sscanf(figures.c_str(), "%lld %lld %d %d", &p99Us, &maxUs, &answered, &sent);
+    printf("[figure] 50 requests/s naming unreachable sources: steady requester p99 %.2f ms, "
+           "max %.2f ms, %d of %d answered; fresh requester afterwards \"%s\" (ms)\n",
+           p99Us / 1000.0, maxUs / 1000.0, answered, sent, answer.c_str());
+    EXPECT_TRUE(floodEnded);
+    EXPECT_GT(sent, 50);
+    EXPECT_EQ(answered, sent);
+    // Far below the 1000 ms a connect on the dispatcher would cost, with
+    // room for a shared machine and the sanitizers.
+    EXPECT_LT(p99Us, 250000);
+    EXPECT_EQ(answer.substr(0, 5), "ping ");
+    flooder.tell("stop");
+    EXPECT_EQ(flooder.wait(5000), 0);
+    EXPECT_EQ(steady.wait(5000), 0);
+    EXPECT_EQ(fresh.wait(5000), 0);
 }
 
 // The baseline the hostile cases compare with: a forked requester is

@@ -34,19 +34,26 @@ void CMessageQueue::reset() {
     m_ElementQueue.clear();
 }
 
-void CMessageQueue::push(const APARTMENT_TMSG& msg) {
+bool CMessageQueue::push(const APARTMENT_TMSG& msg) {
     TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
-    if (m_bLockQueue) return;
+    if (m_bLockQueue) return false;
     m_ElementQueue.push_back(msg);
     // Every waiter re-tests the list; waking one could pick a pop that is
     // about to give up (interrupted, timed out) and strand the message.
     if (m_uintWaiters != 0) m_QueueNotEmptyCondition.notifyAll();
+    return true;
 }
 
 bool CMessageQueue::pushBatch(const APARTMENT_TMSG* pMessages, size_t count) {
     TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
     if (m_bLockQueue) return false;
-    for (size_t i = 0; i < count; ++i) m_ElementQueue.push_back(pMessages[i]);
+    const size_t before = m_ElementQueue.size();
+    try {
+        for (size_t i = 0; i < count; ++i) m_ElementQueue.push_back(pMessages[i]);
+    } catch (...) {
+        m_ElementQueue.resize(before);  // all or nothing: the caller still owns them all
+        throw;
+    }
     if (count != 0 && m_uintWaiters != 0) m_QueueNotEmptyCondition.notifyAll();
     return true;
 }

@@ -23,10 +23,11 @@ public:
     virtual ~CMessageQueue();
 
     void reset() override;
-    void push(const APARTMENT_TMSG& msg) override;
+    bool push(const APARTMENT_TMSG& msg) override;
     // Appends `count` messages in order under one lock, waking the waiters
-    // once. False when the queue is locked: then none was taken, and what
-    // they carry is still the caller's.
+    // once. False when the queue is locked, and std::bad_alloc when there is
+    // no memory for them: either way none was taken, and what they carry is
+    // still the caller's.
     bool pushBatch(const APARTMENT_TMSG* pMessages, size_t count);
     bool tryPop(APARTMENT_TMSG& msg) override;
     bool pop(APARTMENT_TMSG& msg) override;

@@ -5,8 +5,10 @@
 #include <new>
 
 #include "ApartmentFrame.h"
+#include "ApartmentGuard.h"
 #include "GroundKit/OS/Socket/OS_Socket.h"
 #include "TcpApartmentSink.h"
+#include "os_log.h"
 
 namespace {
 const char TCP_SCHEME[] = "tcp://";
@@ -80,7 +82,8 @@ bool CTcpApartment::getApartmentUrlFromPortAddress(const char* strAddress,
 void CTcpApartment::waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintCount,
                                      DWORD dwTimeout) {
     if (uintCount > MAX_SINKS_PER_WAIT) {
-        puts("Fatal Error: too many sink receive data at same time, only 64 are working.");
+        log_task_line(
+            "Fatal Error: too many sink receive data at same time, only 64 are working.");
         uintCount = MAX_SINKS_PER_WAIT;
     }
     CTcpApartmentSink* tcp[MAX_SINKS_PER_WAIT];
@@ -109,7 +112,20 @@ void CTcpApartment::waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintC
     for (unsigned int i = 0; i < uintCount; ++i) {
         if (tcp[i] == nullptr || fds[i].fd < 0) continue;
         if (fds[i].revents == 0 && !tcp[i]->hasFrameReady()) continue;
-        serveSink(pSinks[i], tcp[i], batch);
+        // What goes wrong while serving one link (no memory, say) closes
+        // that link only; what the others brought is still posted.
+        if (!guarded("receiving, link closed", false, [&] {
+                serveSink(pSinks[i], tcp[i], batch);
+                return true;
+            })) {
+            pSinks[i]->closeSink();
+            pSinks[i]->addRef();  // the message carries it
+            APARTMENT_TMSG msg;
+            msg.m_intMsg = APARTMENT_CONNECTION_CLOSED;
+            msg.wParam = reinterpret_cast<WPARAM>(pSinks[i]);
+            msg.lParam = 0;
+            postMessage(msg);
+        }
     }
     if (!batch.empty()) postMessages(batch.data(), batch.size());
     batch.clear();
@@ -131,18 +147,18 @@ void CTcpApartment::serveSink(IApartmentSink* pSink, CTcpApartmentSink* pTcp,
             continue;
         }
         if (status == CTcpApartmentSink::FRAME_TOO_LARGE) {
-            printf("[TcpApartment Error]: %s announced a frame of %u bytes, above the maximum of "
-                   "%u; link closed.\n",
-                   peerOf(pSink).c_str(), size,
-                   pSink->getRTConnection() ? CTcpApartmentSink::RT_MAX_FRAME_SIZE
-                                            : pTcp->maxFrameSize());
+            log_task_line("[TcpApartment Error]: %s announced a frame of %u bytes, above the "
+                          "maximum of %u; link closed.",
+                          peerOf(pSink).c_str(), size,
+                          pSink->getRTConnection() ? CTcpApartmentSink::RT_MAX_FRAME_SIZE
+                                                   : pTcp->maxFrameSize());
             closeLink(pSink, batch);
             return;
         }
         if (status == CTcpApartmentSink::FRAME_NO_MEMORY) {
-            printf("[TcpApartment Error]: no memory for a frame of %u bytes from %s; link "
-                   "closed.\n",
-                   size, peerOf(pSink).c_str());
+            log_task_line("[TcpApartment Error]: no memory for a frame of %u bytes from %s; link "
+                          "closed.",
+                          size, peerOf(pSink).c_str());
             closeLink(pSink, batch);
             return;
         }
@@ -152,8 +168,8 @@ void CTcpApartment::serveSink(IApartmentSink* pSink, CTcpApartmentSink* pTcp,
             case CTcpApartmentSink::READ_NOTHING:
                 return;
             case CTcpApartmentSink::READ_NO_MEMORY:
-                printf("[TcpApartment Error]: no memory to read from %s; link closed.\n",
-                       peerOf(pSink).c_str());
+                log_task_line("[TcpApartment Error]: no memory to read from %s; link closed.",
+                              peerOf(pSink).c_str());
                 closeLink(pSink, batch);
                 return;
             default:
@@ -179,16 +195,20 @@ void CTcpApartment::deliverFrame(IApartmentSink* pSink, CTcpApartmentSink* pTcp,
         if (buffer != nullptr && uintSize != 0) std::memcpy(buffer, pPayload, uintSize);
         pTcp->consumeFrame();
         if (buffer == nullptr) {
-            printf("[TcpApartment Error]: no memory for a raw frame from %s; frame dropped.\n",
-                   peerOf(pSink).c_str());
+            log_task_line("[TcpApartment Error]: no memory for a raw frame from %s; frame dropped.",
+                          peerOf(pSink).c_str());
             return;
         }
         CReference<IApartmentCallback> cb = apartmentCallback();
         if (cb.nil()) return;
+        // A host callback that throws costs its frame only, not the rest of
+        // the pass (whose messages are not posted yet).
         try {
             cb->onRawFrameReceived(uintType, buffer, uintSize);
+        } catch (abi::__forced_unwind&) {
+            throw;
         } catch (...) {
-            printf("[TcpApartment Error]: onRawFrameReceived threw; the frame is dropped.\n");
+            reportCaughtException("onRawFrameReceived");
         }
         return;
     }
@@ -202,9 +222,9 @@ void CTcpApartment::deliverFrame(IApartmentSink* pSink, CTcpApartmentSink* pTcp,
         pTcp->consumeFrame();
     }
     if (frame == nullptr) {
-        printf("[TcpApartment Error]: no memory for a frame of %u bytes from %s; frame "
-               "dropped.\n",
-               uintSize, peerOf(pSink).c_str());
+        log_task_line("[TcpApartment Error]: no memory for a frame of %u bytes from %s; frame "
+                      "dropped.",
+                      uintSize, peerOf(pSink).c_str());
         return;
     }
 
@@ -221,16 +241,20 @@ void CTcpApartment::deliverFrame(IApartmentSink* pSink, CTcpApartmentSink* pTcp,
     msg.m_intMsg = code;
     msg.wParam = reinterpret_cast<WPARAM>(static_cast<IApartmentFrame*>(frame));
     msg.lParam = 0;
-    batch.push_back(msg);
+    try {
+        batch.push_back(msg);
+    } catch (...) {
+        frame->releaseRef();
+        throw;
+    }
 }
 
 void CTcpApartment::closeLink(IApartmentSink* pSink, MessageBatch& batch) {
-    // The message carries this reference.
-    pSink->addRef();
     pSink->closeSink();
     APARTMENT_TMSG msg;
     msg.m_intMsg = APARTMENT_CONNECTION_CLOSED;
     msg.wParam = reinterpret_cast<WPARAM>(pSink);
     msg.lParam = 0;
     batch.push_back(msg);
+    pSink->addRef();  // the message carries it
 }

@@ -12,7 +12,9 @@
 #include "ApartmentFrameCodec.h"
 #include "FieldKit/Environment/EndianType.h"
 #include "GroundKit/OS/OS_Clock.h"
+#include "GroundKit/Reference/Reference.h"
 #include "GroundKit/StringAssistant/StringAssistant.h"
+#include "os_log.h"
 
 namespace {
 
@@ -231,7 +233,7 @@ bool CTcpApartmentSink::_writeFrames(int fd, PendingFrame* pFirst, PendingFrame*
         if (result == 0 || isPermanentSendError(OS::Socket::getErrnoCode())) break;
         if (OS::Socket::isLinkBroken(fd, USE_DEFAULT)) break;
         if (OS::Socket::writable(fd, SEND_STALL_TIMEOUT_MS, nullptr, USE_DEFAULT)) continue;
-        std::printf("TcpApartmentSink write failed.\n");
+        log_task_line("TcpApartmentSink write failed.");
         setExpectSinkClosed(true);
         break;
     }
@@ -509,29 +511,28 @@ bool CTcpListenSink::onSinkInited(const char* localAddress, const char* remoteAd
 IApartmentServerSink* CTcpListenSink::processConnectRequest(DWORD dwTimeoutMs) {
     if (!m_Socket.readyToRead(dwTimeoutMs, nullptr)) return nullptr;
 
-    CTcpServerSink* pServer = new (std::nothrow) CTcpServerSink;
-    if (pServer == nullptr) return nullptr;
-    ISocket* pTarget = &pServer->innerSocket();
+    // Held by a reference until handed out: should anything below throw
+    // (the address texts allocate), the sink and the connection it accepted
+    // go with it.
+    CReference<CTcpServerSink> server(new (std::nothrow) CTcpServerSink);
+    if (server.nil()) return nullptr;
+    ISocket* pTarget = &server->innerSocket();
     std::string peerIp;
     USHORT peerPort = 0;
     std::string localIp;
     USHORT localPort = 0;
     if (!m_Socket.accept(pTarget, peerIp, peerPort, USE_DEFAULT) ||
-        !pServer->innerSocket().getSockName(localIp, localPort)) {
-        pServer->releaseRef();
+        !server->innerSocket().getSockName(localIp, localPort))
         return nullptr;
-    }
     std::string localAddress;
     std::string remoteAddress;
     makeSinkAddress(localIp, localPort, localAddress);
     makeSinkAddress(peerIp, peerPort, remoteAddress);
-    if (!pServer->initSink(localAddress.c_str(), remoteAddress.c_str())) {
-        pServer->releaseRef();
-        return nullptr;
-    }
-    pServer->setLocalApartmentUrl(m_strLocalApartmentUrl.c_str());
-    pServer->setMaxFrameSize(m_uintMaxFrameSize);
-    return pServer;
+    if (!server->initSink(localAddress.c_str(), remoteAddress.c_str())) return nullptr;
+    server->setLocalApartmentUrl(m_strLocalApartmentUrl.c_str());
+    server->setMaxFrameSize(m_uintMaxFrameSize);
+    server->addRef();  // the caller's
+    return server;
 }
 
 // ---------------------------------------------------------------------------
@@ -551,8 +552,8 @@ bool CTcpClientSink::onSinkInited(const char* localAddress, const char* remoteAd
     socklen_t length = sizeof error;
     m_Socket.getSockopt(SOL_SOCKET, SO_ERROR, &error, &length);
     if (m_Socket.readyToRead(0, nullptr) && error != 0) {
-        std::printf("[TcpApartment Error]: Can not connected to %s:%u\n",
-                    m_strRemoteIPAddress.c_str(), static_cast<unsigned int>(m_uiRemoteIPPort));
+        log_task_line("[TcpApartment Error]: Can not connected to %s:%u",
+                      m_strRemoteIPAddress.c_str(), static_cast<unsigned int>(m_uiRemoteIPPort));
         return false;
     }
     if (!m_Socket.getSockName(m_strLocalIPAddress, m_uiLocalIPPort)) return false;

@@ -205,7 +205,8 @@ public:
     static constexpr int LISTEN_BACKLOG = 5;
 
     APARTMENT_SINK_TYPE sinkType() const override;
-    // Listen thread only.
+    // Listen thread only. May throw (an allocation failure); the accepted
+    // connection is then closed.
     IApartmentServerSink* processConnectRequest(DWORD dwTimeoutMs) override;
 
     // A uniform draw from RANDOM_PORT_MIN..RANDOM_PORT_MAX, freshly seeded
