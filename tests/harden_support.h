@@ -385,6 +385,19 @@ inline std::vector<unsigned char> requestFrame(const std::string& srcUrl, const 
     return out;
 }
 
+// True in a build with a sanitizer: its runtime reserves far more address
+// space than any limit a test could set, so such a limit cannot be tried.
+constexpr bool underSanitizer() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+    return true;
+#endif
+#endif
+    return false;
+}
+
 // ---------------------------------------------------------------- readings
 
 // Open descriptors of this process.
