@@ -50,13 +50,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (CApartmentFrameCodec::parseRequestPayload(buffer, length, parsed)) {
             // Any non-zero flag byte reads as true and is written back as 01.
             std::vector<char> canonical = input;
-            canonical[input.size() - parsed.m_vecData.size() - 1] = parsed.m_bRequireResponse;
+            canonical[input.size() - parsed.m_uintDataSize - 1] = parsed.m_bRequireResponse;
             checkRoundTrip(canonical, input.size(), [&] {
                 return CApartmentFrameCodec::buildRequestPayload(
                     parsed.m_strSourceApartmentUrl, parsed.m_strSourceNodeUrl.c_str(),
                     parsed.m_strTargetApartmentUrl.c_str(), parsed.m_strTargetNodeUrl.c_str(),
-                    parsed.m_uintRequestId, parsed.m_bRequireResponse, parsed.m_vecData.data(),
-                    static_cast<unsigned int>(parsed.m_vecData.size()));
+                    parsed.m_uintRequestId, parsed.m_bRequireResponse, parsed.m_pData,
+                    static_cast<unsigned int>(parsed.m_uintDataSize));
             });
         }
         break;
@@ -68,8 +68,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 return CApartmentFrameCodec::buildResponsePayload(
                     parsed.m_strSourceApartmentUrl, parsed.m_strSourceNodeUrl.c_str(),
                     parsed.m_strTargetApartmentUrl.c_str(), parsed.m_strTargetNodeUrl.c_str(),
-                    parsed.m_uintRequestId, parsed.m_intResponseCode, parsed.m_vecData.data(),
-                    static_cast<unsigned int>(parsed.m_vecData.size()));
+                    parsed.m_uintRequestId, parsed.m_intResponseCode, parsed.m_pData,
+                    static_cast<unsigned int>(parsed.m_uintDataSize));
             });
         }
         break;

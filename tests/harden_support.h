@@ -77,6 +77,66 @@ inline int rawConnect(unsigned short port) {
     return fd;
 }
 
+// A listener that never accepts: bound to every address of this machine
+// with a backlog of 0 and its queue filled by connections of its own, so
+// that further attempts go unanswered and a connect to it waits out its
+// whole time-out. Every 127.0.0.x reaches it, so url(x) names as many
+// distinct unreachable apartments as a test needs. Closed with the object.
+class StalledListener {
+public:
+    StalledListener() {
+        m_listener = os_socket(AF_INET, SOCK_STREAM, 0, USE_DEFAULT);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = os_socket_address_from_text("0.0.0.0");
+        socklen_t length = sizeof address;
+        if (m_listener < 0 ||
+            os_socket_bind(m_listener, reinterpret_cast<sockaddr*>(&address), sizeof address,
+                           USE_DEFAULT) != 0 ||
+            os_socket_listen(m_listener, 0, USE_DEFAULT) != 0 ||
+            os_socket_get_sock_name(m_listener, reinterpret_cast<sockaddr*>(&address), &length,
+                                    USE_DEFAULT) != 0)
+            return;
+        m_port = ntohs(address.sin_port);
+        // Connect until one attempt stays unanswered: the queue is full.
+        for (int i = 0; i < 8; ++i) {
+            const int fd = os_socket(AF_INET, SOCK_STREAM, 0, USE_DEFAULT);
+            if (fd < 0) return;
+            m_fillers.push_back(fd);
+            fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+            sockaddr_in target{};
+            target.sin_family = AF_INET;
+            target.sin_addr.s_addr = os_socket_address_from_text("127.0.0.1");
+            target.sin_port = htons(m_port);
+            os_socket_connect(fd, reinterpret_cast<sockaddr*>(&target), sizeof target,
+                              USE_DEFAULT);
+            int error = 0;
+            if (os_socket_writable(fd, 300, &error, USE_DEFAULT) == 0) {
+                m_full = true;
+                return;
+            }
+        }
+    }
+    ~StalledListener() {
+        for (int fd : m_fillers) os_socket_close(fd, USE_DEFAULT);
+        if (m_listener >= 0) os_socket_close(m_listener, USE_DEFAULT);
+    }
+    StalledListener(const StalledListener&) = delete;
+    StalledListener& operator=(const StalledListener&) = delete;
+
+    // False when the listener could not be set up or its queue not filled.
+    bool ready() const { return m_full; }
+    std::string url(int host = 1) const {
+        return "tcp://127.0.0." + std::to_string(host) + ":" + std::to_string(m_port);
+    }
+
+private:
+    int m_listener = -1;
+    unsigned short m_port = 0;
+    bool m_full = false;
+    std::vector<int> m_fillers;
+};
+
 // Writes all bytes, waiting for room up to timeoutMs in total.
 inline bool sendAll(int fd, const void* data, size_t size, long timeoutMs = 2000) {
     const char* p = static_cast<const char*>(data);
@@ -323,6 +383,19 @@ inline std::vector<unsigned char> requestFrame(const std::string& srcUrl, const 
     std::vector<unsigned char> out = frameHeader(1, static_cast<unsigned int>(payload.size()));
     out.insert(out.end(), payload.begin(), payload.end());
     return out;
+}
+
+// True in a build with a sanitizer: its runtime reserves far more address
+// space than any limit a test could set, so such a limit cannot be tried.
+constexpr bool underSanitizer() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+    return true;
+#endif
+#endif
+    return false;
 }
 
 // ---------------------------------------------------------------- readings

@@ -1,10 +1,30 @@
 // The C interface's lifecycle and result mapping: what every function
-// returns before initialisation and for an unknown apartment, the URL rule
-// of the node messaging functions, initialising twice, again and after a
-// failure, the module version, and bad names.
+// returns before initialisation, for an unknown apartment and when the
+// library fails inside, the URL rule of the node messaging functions,
+// initialising twice, again and after a failure, the module version, and
+// bad names.
+#include <dlfcn.h>
+
+#include <stdexcept>
+
 #include "api_test_support.h"
+#include "os_sync.h"
 
 using namespace apitest;
+
+// A failure inside the library on demand, for the calling thread only:
+// while t_failLocks is set, taking any library mutex throws. This
+// definition comes first in symbol lookup, so libapartment.so's calls reach
+// it; otherwise it forwards to the platform layer.
+namespace {
+thread_local bool t_failLocks = false;
+}
+extern "C" int os_mutex_lock(mutex_handle* handle) {
+    if (t_failLocks) throw std::runtime_error("injected failure");
+    using Lock = int (*)(mutex_handle*);
+    static const Lock platformLock = reinterpret_cast<Lock>(dlsym(RTLD_NEXT, "os_mutex_lock"));
+    return platformLock(handle);
+}
 
 namespace {
 
@@ -213,6 +233,71 @@ TEST(ApiLifecycle, ModuleVersionTextsAreExact) {
     EXPECT_NE(another, version);
     EXPECT_EQ(another->releaseRef(), 0u);
     EXPECT_EQ(version->releaseRef(), 0u);
+}
+
+// An exception inside the library (here from the first lock the call
+// takes) never leaves an exported function: each returns its failure
+// value, and the library works normally afterwards.
+TEST_F(ApiInitialised, AFailureInsideReturnsEachFunctionsFailureValue) {
+    Held<NodeRecorder> node;
+    ASSERT_TRUE(apartment_node_create(nullptr, "n"));
+    const char* url = m_url.c_str();
+    DWORD length = 0;
+    unsigned int uintLength = 1, id = 77;
+    int code = 0;
+    char byte = 'x';
+    const long long FAILED = APARTMENT_METHOD_FAILED, TIMER = NO_TIMER;
+    struct Row {
+        const char* call;
+        std::function<long long()> run;
+        long long failure;
+    };
+#define ROW(call, failure) {#call, [&] { return static_cast<long long>(call); }, failure}
+    const std::vector<Row> rows = {
+        ROW(apartment_initialize(url, true), 0),
+        ROW(apartment_set_callback(nullptr, nullptr), 0),
+        ROW(apartment_set_dispatch_enabled(nullptr, true), 0),
+        ROW(apartment_dispatch_message(nullptr, deadlineIn(0)), -1),
+        ROW(apartment_stop_dispatch_message(nullptr), 0),
+        ROW(apartment_allow_reentry(nullptr, false), 0),
+        ROW(apartment_local_url(nullptr, url, false, nullptr, length), 0),
+        ROW(apartment_connect_remote(nullptr, url, false), 0),
+        ROW(apartment_has_connect_remote(nullptr, url, false), 0),
+        ROW(apartment_disconnect_remote(nullptr, url, false), 0),
+        ROW(apartment_node_create(nullptr, "m"), 0),
+        ROW(apartment_node_destroy(nullptr, "n"), 0),
+        ROW(apartment_node_set_callback(nullptr, "n", node.get()), 0),
+        ROW(apartment_raw_write(nullptr, url, 5, &byte, uintLength), FAILED),
+        ROW(apartment_node_write_request(nullptr, "n", url, "n", &byte, 1, id), FAILED),
+        ROW(apartment_node_write_notify(nullptr, "n", url, "n", &byte, 1, id), FAILED),
+        ROW(apartment_node_write_response(nullptr, "n", url, "n", 1, 0, &byte, 1), FAILED),
+        ROW(apartment_node_read_response(nullptr, "n", 1, code, nullptr, uintLength, 0), FAILED),
+        ROW(apartment_set_timer(nullptr, nullptr, 10, 10), TIMER),
+        ROW(apartment_set_single_timer(nullptr, "n", 10), TIMER),
+        ROW(apartment_kill_timer(nullptr, nullptr, 1), 0),
+        ROW(apartment_keepalive_with(nullptr, url, 3, 100), 0),
+    };
+#undef ROW
+    testing::internal::CaptureStdout();
+    for (const Row& row : rows) {
+        long long result = 12345;
+        bool threw = false;
+        t_failLocks = true;
+        try {
+            result = row.run();
+        } catch (...) {
+            threw = true;
+        }
+        t_failLocks = false;
+        EXPECT_FALSE(threw) << row.call;
+        EXPECT_EQ(result, row.failure) << row.call;
+    }
+    const std::string diagnostics = testing::internal::GetCapturedStdout();
+    EXPECT_NE(diagnostics.find("[Apartment Error]: apartment_set_timer: injected failure."),
+              std::string::npos)
+        << diagnostics;
+    EXPECT_EQ(id, 77u);
+    expectRoundTrip(m_url);
 }
 
 TEST_F(ApiInitialised, ANonAsciiNameFailsTheCallAndTheLibraryKeepsWorking) {

@@ -86,12 +86,13 @@ TEST_F(MessageLoop, StopWakesABlockedReaderAndRefusesEverythingAfter) {
     EXPECT_FALSE(got);
     EXPECT_LT(tookMs, 1500);
 
-    // A post after the stop is dropped by the queue: its reference stays
-    // with the poster, who releases it (a queue that kept it would release
-    // it a second time when the apartment goes).
+    // A post after the stop is dropped, and the reference it carries is
+    // released then: the test's own is left as the last one.
     APARTMENT_TMSG late = requestMessage("node", 9);
+    IApartmentFrame* frame = reinterpret_cast<IApartmentFrame*>(late.wParam);
+    frame->addRef();
     post(apartment, late);
-    reinterpret_cast<IApartmentFrame*>(late.wParam)->releaseRef();
+    EXPECT_EQ(frame->releaseRef(), 0u);
 
     APARTMENT_TMSG msg;
     EXPECT_FALSE(apartment->getMessage(msg, OS::Clock::monotonicDeadline(0)));

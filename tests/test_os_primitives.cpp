@@ -1,6 +1,9 @@
-// Mutexes, conditions, threads, atomic counters and clocks over the platform
-// layer. Threaded: every wait here is bounded.
+// Mutexes, conditions, threads, atomic counters, clocks and the log task
+// over the platform layer. Threaded: every wait here is bounded.
 #include <gtest/gtest.h>
+#include <stdio_ext.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -13,6 +16,7 @@
 #include "GroundKit/OS/OS_Condition.h"
 #include "GroundKit/OS/OS_Mutex.h"
 #include "GroundKit/OS/OS_Thread.h"
+#include "os_log.h"
 
 namespace {
 
@@ -237,4 +241,45 @@ TEST(Thread, CreateAndJoinInEveryMode) {
             EXPECT_NE(run.id, OS::Thread::current());
         }
     }
+}
+
+// The host owns standard output: the log task must leave its buffering as
+// it found it (a pipe or file stays fully buffered, so the host's own
+// output does not turn into a write per line), and still hand each
+// diagnostic on at once. Checked in a child with a fresh stdout on a pipe,
+// which the host has already written to.
+TEST(LogTask, LeavesStdoutBufferingAsItWasAndFlushesEachDiagnostic) {
+    std::fflush(stdout);
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        int fds[2];
+        if (pipe(fds) != 0 || dup2(fds[1], STDOUT_FILENO) < 0) _exit(10);
+        stdout = fdopen(STDOUT_FILENO, "w");
+        if (stdout == nullptr) _exit(11);
+        std::fputs("host output\n", stdout);
+        if (__flbf(stdout) != 0) _exit(12);  // fully buffered to begin with
+        install_log_task();
+        install_log_task();  // nested
+        if (__flbf(stdout) != 0) _exit(13);
+        std::fflush(stdout);
+        log_task_line("diagnostic %d", 1);
+        if (__fpending(stdout) != 0) _exit(14);
+        uninstall_log_task();
+        uninstall_log_task();
+        if (__flbf(stdout) != 0) _exit(15);
+        std::fputs("host output again\n", stdout);
+        if (__fpending(stdout) == 0) _exit(16);  // buffered, as before
+        _exit(0);
+    }
+    int status = -1;
+    for (int i = 0; i < 500 && waitpid(pid, &status, WNOHANG) == 0; ++i)
+        std::this_thread::sleep_for(10ms);
+    if (!WIFEXITED(status)) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+        FAIL() << "the child did not end";
+    }
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "10+: setup; 13/15: buffering changed; 14: diagnostic "
+                                         "held back; 16: host output no longer buffered";
 }

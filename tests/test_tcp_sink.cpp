@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -8,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "ApartmentFrameCodec.h"
 #include "FieldKit/Environment/EndianType.h"
 #include "GroundKit/Reference/Reference.h"
 #include "TcpApartmentSink.h"
@@ -40,7 +42,7 @@ Bytes header(unsigned int type, unsigned int size) {
 
 // The 130-byte block a connecting apartment sends first.
 Bytes connectionBlock(bool rt, const std::string& url) {
-    Bytes block(CTcpServerSink::CONNECTION_FRAME_SIZE, 0);
+    Bytes block(APARTMENT_CONNECTION_BLOCK_SIZE, 0);
     block[0] = rt ? 1 : 0;
     std::strncpy(reinterpret_cast<char*>(block.data()) + 1, url.c_str(), 128);
     return block;
@@ -200,15 +202,15 @@ TEST_F(TcpSinkTest, HandshakeCarriesFlagAndUrlAndPairsTheEnds) {
     EXPECT_EQ(server->compareConnection(client), 0);
 }
 
-TEST_F(TcpSinkTest, ConnectionBlockWithAFullLengthUrlStaysTerminated) {
+TEST_F(TcpSinkTest, ConnectionBlockCarriesAtMost128UrlBytes) {
     CTcpClientSink* client = nullptr;
     CTcpServerSink* server = nullptr;
     ASSERT_TRUE(connectPair(client, server));
     const std::string url = "tcp://" + std::string(122, '9');
     ASSERT_EQ(url.size(), 128u);
     Bytes block = connectionBlock(false, url);
-    // Even a peer that breaks the rule and fills the last byte cannot run
-    // the URL off the block.
+    // A peer that breaks the rule and fills the last byte too cannot make
+    // the URL longer than the block allows.
     block[129] = 'Z';
     ASSERT_TRUE(client->sendFrame(APARTMENT_CONNECTION_FRAME, block.data(), 130));
     bool rt = true;
@@ -216,7 +218,7 @@ TEST_F(TcpSinkTest, ConnectionBlockWithAFullLengthUrlStaysTerminated) {
     EXPECT_FALSE(rt);
     std::string remoteUrl;
     ASSERT_TRUE(CApartmentSinkHelper::getRemoteApartmentUrl(server, remoteUrl));
-    EXPECT_EQ(remoteUrl, url + "Z");
+    EXPECT_EQ(remoteUrl, url);
 }
 
 TEST_F(TcpSinkTest, FramesOfManySizesArriveWhole) {
@@ -224,7 +226,10 @@ TEST_F(TcpSinkTest, FramesOfManySizesArriveWhole) {
     CTcpServerSink* server = nullptr;
     ASSERT_TRUE(connectPair(client, server));
 
-    const std::vector<unsigned int> sizes = {0, 1, 1016, 1017, 5000, 1u << 20};
+    // Around the read buffer's size: the largest frame it holds whole, and
+    // the smallest that is read into a buffer of its own.
+    const unsigned int fits = CTcpApartmentSink::READ_BUFFER_SIZE - 8;
+    const std::vector<unsigned int> sizes = {0, 1, 5000, fits, fits + 1, 1u << 20, 3};
     std::atomic<int> sendFailures{0};
     std::thread sender([&] {
         for (size_t i = 0; i < sizes.size(); ++i) {
@@ -244,28 +249,42 @@ TEST_F(TcpSinkTest, FramesOfManySizesArriveWhole) {
     EXPECT_EQ(sendFailures, 0);
 }
 
-TEST(TcpSinkWrites, FramesGoOutInWritesOfAtMost1024Bytes) {
+TEST(TcpSinkWrites, EachFrameGoesOutInOneWrite) {
     // A sequenced-packet pair keeps the boundary of every write.
     SocketPair pair(SOCK_SEQPACKET);
     ASSERT_TRUE(pair.ok());
-    auto writesFor = [&](unsigned int size) {
-        const Bytes payload = pattern(size, 1);
-        std::vector<int> writes;
-        if (!pair.sink->sendFrame(9, size == 0 ? nullptr : payload.data(), size)) return writes;
-        char record[4096];
+    auto recordsFor = [&](const Bytes& head, const Bytes& tail) {
+        std::vector<Bytes> records;
+        if (!pair.sink->sendFrameParts(9, head.empty() ? nullptr : head.data(),
+                                       static_cast<unsigned int>(head.size()),
+                                       tail.empty() ? nullptr : tail.data(),
+                                       static_cast<unsigned int>(tail.size())))
+            return records;
+        Bytes record(8192);
         int n;
-        while ((n = pair.peer.receive(record, sizeof record, 0)) > 0) writes.push_back(n);
-        return writes;
+        while ((n = pair.peer.receive(record.data(), static_cast<int>(record.size()), MSG_DONTWAIT)) > 0)
+            records.emplace_back(record.begin(), record.begin() + n);
+        return records;
     };
-    EXPECT_EQ(writesFor(0), (std::vector<int>{8}));
-    EXPECT_EQ(writesFor(1016), (std::vector<int>{1024}));
-    EXPECT_EQ(writesFor(1017), (std::vector<int>{1024, 1}));
-    EXPECT_EQ(writesFor(3000), (std::vector<int>{1024, 1024, 960}));
+    auto frame = [](const Bytes& head, const Bytes& tail) {
+        Bytes bytes = header(9, static_cast<unsigned int>(head.size() + tail.size()));
+        bytes.insert(bytes.end(), head.begin(), head.end());
+        bytes.insert(bytes.end(), tail.begin(), tail.end());
+        return std::vector<Bytes>{bytes};
+    };
+    for (unsigned int size : {0u, 1016u, 1017u, 3000u}) {
+        const Bytes payload = pattern(size, 1);
+        EXPECT_EQ(recordsFor(payload, Bytes()), frame(payload, Bytes())) << size;
+    }
+    // The fields and the caller's data, joined on the wire only.
+    const Bytes fields = pattern(40, 2), data = pattern(5000, 3);
+    EXPECT_EQ(recordsFor(fields, data), frame(fields, data));
 }
 
-// The sink takes header bytes off the socket as they come (see
-// test_tcp_sink_partial_header.cpp for why), but reports nothing until the
-// whole header and payload are there.
+// Header bytes leave the socket as they come (bytes left there would pin
+// their whole socket buffer, and a burst of small frames could then close
+// the receive window for good), but nothing is reported until the whole
+// header and payload are there.
 TEST_F(TcpSinkTest, HeaderInTwoPiecesIsNotReportedEarly) {
     CSocket raw;
     CTcpServerSink* server = nullptr;
@@ -276,6 +295,9 @@ TEST_F(TcpSinkTest, HeaderInTwoPiecesIsNotReportedEarly) {
     unsigned int type = 0, size = 0;
     EXPECT_FALSE(server->receiveFrame(type, nullptr, size));
     EXPECT_FALSE(server->receiveFrame(type, nullptr, size));
+    char peek[8];
+    EXPECT_EQ(server->innerSocket().receive(peek, sizeof peek, MSG_PEEK | MSG_DONTWAIT), -1)
+        << "header bytes were left in the socket";
 
     Bytes rest(head.begin() + 5, head.end());
     rest.insert(rest.end(), {'a', 'b', 'c'});
@@ -317,28 +339,107 @@ TEST_F(TcpSinkTest, SizeQueryAndTooSmallBufferKeepTheFrame) {
     EXPECT_FALSE(server->receiveFrame(type, nullptr, size));  // nothing more
 }
 
-TEST(TcpSinkBuffers, RealTimeLinkKeepsItsReceiveBufferOthersFreeIt) {
+// The transport cuts and joins the byte stream anywhere; each cut below
+// becomes one read. Frames must come out whole and in order, whether a read
+// ends inside a header, exactly after one, or inside a payload that is too
+// large for the read buffer.
+TEST(TcpSinkBuffers, FramesCutAnywhereByTheTransportArriveWholeAndInOrder) {
+    const unsigned int large = CTcpApartmentSink::READ_BUFFER_SIZE + 1000;
+    const std::vector<unsigned int> sizes = {3, 0, 70, large, 5, 1, 200};
+    Bytes stream;
+    std::vector<size_t> headerEnds;
+    for (size_t i = 0; i < sizes.size(); ++i) {
+        const Bytes head = header(static_cast<unsigned int>(i), sizes[i]);
+        const Bytes body = pattern(sizes[i], static_cast<unsigned int>(i));
+        stream.insert(stream.end(), head.begin(), head.end());
+        headerEnds.push_back(stream.size());
+        stream.insert(stream.end(), body.begin(), body.end());
+    }
+    std::vector<std::vector<size_t>> cuttings = {
+        {},                                   // as much as fits at once
+        headerEnds,                           // every read ends with a header
+        {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11},  // byte by byte at first
+        {headerEnds[3] - 1, headerEnds[3] + 10, headerEnds[3] + 70000, stream.size() - 3},
+    };
+    std::vector<size_t> random;
+    for (size_t at = 0, step = 7; at < stream.size(); step = step * 5 % 997 + 1) random.push_back(at += step);
+    cuttings.push_back(random);
+
+    for (size_t c = 0; c < cuttings.size(); ++c) {
+        SCOPED_TRACE("cutting " + std::to_string(c));
+        SocketPair pair(SOCK_STREAM);
+        ASSERT_TRUE(pair.ok());
+        const int room = 200000;
+        pair.peer.setSockopt(SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+        // Pieces of at most 50000 bytes, so that each fits the socket pair.
+        std::vector<size_t> cuts;
+        size_t last = 0;
+        cuttings[c].push_back(stream.size());
+        for (size_t cut : cuttings[c]) {
+            cut = std::min(cut, stream.size());
+            while (cut > last + 50000) cuts.push_back(last += 50000);
+            if (cut > last) cuts.push_back(last = cut);
+        }
+        size_t sent = 0;
+        size_t next = 0;
+        for (size_t cut : cuts) {
+            ASSERT_TRUE(rawSendAll(pair.peer, Bytes(stream.begin() + sent, stream.begin() + cut)));
+            sent = cut;
+            // A read takes what the piece brought; every whole frame is then
+            // taken, until nothing more is waiting.
+            do {
+                unsigned int type = 0, size = 0;
+                char* payload = nullptr;
+                while (pair.sink->nextFrame(type, payload, size) == CTcpApartmentSink::FRAME_READY) {
+                    ASSERT_LT(next, sizes.size());
+                    EXPECT_EQ(type, next);
+                    EXPECT_EQ(Bytes(payload, payload + size),
+                              pattern(sizes[next], static_cast<unsigned int>(next)));
+                    pair.sink->consumeFrame();
+                    ++next;
+                }
+            } while (pair.sink->readAvailable() == CTcpApartmentSink::READ_DATA);
+        }
+        EXPECT_EQ(next, sizes.size());
+        // Nothing but the read buffer stays held by an idle link.
+        EXPECT_EQ(pair.sink->receiveCapacity(), CTcpApartmentSink::READ_BUFFER_SIZE);
+        EXPECT_FALSE(pair.sink->hasFrameReady());
+    }
+}
+
+TEST(TcpSinkBuffers, HeaderAboveTheMaximumIsRefusedBeforeAnythingIsAllocated) {
     SocketPair pair(SOCK_STREAM);
     ASSERT_TRUE(pair.ok());
-    auto deliver = [&](unsigned int size) {
-        Bytes frame = header(1, size);
-        const Bytes payload = pattern(size, 3);
-        frame.insert(frame.end(), payload.begin(), payload.end());
-        if (!rawSendAll(pair.peer, frame)) return false;
-        unsigned int type = 0;
-        Bytes received;
-        return receiveWhole(pair.sink, type, received, 2000) && received == payload;
-    };
-    ASSERT_TRUE(deliver(100));
-    EXPECT_EQ(pair.sink->receiveCapacity(), 0u);
-    ASSERT_TRUE(deliver(0));
-    EXPECT_EQ(pair.sink->receiveCapacity(), 0u);  // an empty frame needs no buffer
+    pair.sink->setMaxFrameSize(1000);
+    ASSERT_TRUE(rawSendAll(pair.peer, header(1, 1000)));  // at the maximum: fine
+    ASSERT_TRUE(rawSendAll(pair.peer, pattern(1000, 1)));
+    ASSERT_TRUE(rawSendAll(pair.peer, header(1, 0x7FFFFFF0)));
+    ASSERT_EQ(pair.sink->readAvailable(), CTcpApartmentSink::READ_DATA);
+    unsigned int type = 0, size = 0;
+    char* payload = nullptr;
+    ASSERT_EQ(pair.sink->nextFrame(type, payload, size), CTcpApartmentSink::FRAME_READY);
+    EXPECT_EQ(size, 1000u);
+    pair.sink->consumeFrame();
+    EXPECT_TRUE(pair.sink->hasFrameReady());  // to be refused at once
+    EXPECT_EQ(pair.sink->nextFrame(type, payload, size), CTcpApartmentSink::FRAME_TOO_LARGE);
+    EXPECT_EQ(size, 0x7FFFFFF0u);
+    EXPECT_EQ(pair.sink->receiveCapacity(), CTcpApartmentSink::READ_BUFFER_SIZE);
 
-    pair.sink->setRTConnection(true);
-    ASSERT_TRUE(deliver(100));
-    EXPECT_EQ(pair.sink->receiveCapacity(), 100u);
-    ASSERT_TRUE(deliver(40));
-    EXPECT_EQ(pair.sink->receiveCapacity(), 100u);  // never shrinks
+    // A real-time link keeps its own limit whatever the maximum is.
+    SocketPair rt(SOCK_STREAM);
+    ASSERT_TRUE(rt.ok());
+    rt.sink->setRTConnection(true);
+    ASSERT_TRUE(rawSendAll(rt.peer, header(7, CTcpApartmentSink::RT_MAX_FRAME_SIZE + 1)));
+    ASSERT_EQ(rt.sink->readAvailable(), CTcpApartmentSink::READ_DATA);
+    EXPECT_EQ(rt.sink->nextFrame(type, payload, size), CTcpApartmentSink::FRAME_TOO_LARGE);
+    // And a local write above a link's maximum fails before a byte leaves.
+    const Bytes big = pattern(CTcpApartmentSink::RT_MAX_FRAME_SIZE + 1, 1);
+    EXPECT_FALSE(rt.sink->sendFrame(7, big.data(), static_cast<unsigned int>(big.size())));
+    EXPECT_FALSE(pair.sink->sendFrame(1, big.data(), 1001));
+    char peek;
+    EXPECT_EQ(rt.peer.receive(&peek, 1, MSG_DONTWAIT), -1);
+    EXPECT_EQ(pair.peer.receive(&peek, 1, MSG_DONTWAIT), -1);
+    EXPECT_FALSE(pair.sink->isExpectSinkClosed());
 }
 
 TEST_F(TcpSinkTest, ListenSinkRefusesFrames) {
@@ -533,42 +634,50 @@ TEST(TcpSinkAddress, ResolveAndMake) {
     EXPECT_EQ(out.size(), 63u);
 }
 
-TEST_F(TcpSinkTest, ConcurrentSendersNeverInterleaveFrames) {
+// Writers of one link are coalesced into shared writes: their bytes must
+// never interleave, and each writer must get its own frame's result (here
+// every tenth frame is above the link's maximum and must fail alone).
+TEST_F(TcpSinkTest, ConcurrentSendersNeverInterleaveFramesAndEachGetsItsOwnResult) {
     CTcpClientSink* client = nullptr;
     CTcpServerSink* server = nullptr;
     ASSERT_TRUE(connectPair(client, server));
+    client->setMaxFrameSize(4000);
 
-    constexpr int kThreads = 4;
+    constexpr int kThreads = 8;
     constexpr int kFrames = 200;
-    const unsigned int sizes[] = {10, 700, 1500, 2900};
-    std::atomic<int> sendFailures{0};
+    const unsigned int sizes[] = {10, 700, 1500, 3999, 0};
+    auto sizeOf = [&](int t, int i) { return i % 10 == 9 ? 4001u : sizes[(i + t) % 5]; };
+    std::atomic<int> wrongResults{0};
     std::vector<std::thread> senders;
     for (int t = 0; t < kThreads; ++t) {
         senders.emplace_back([&, t] {
             for (int i = 0; i < kFrames; ++i) {
-                const unsigned int size = sizes[(i + t) % 4];
+                const unsigned int size = sizeOf(t, i);
                 // Self-describing: the type names the sender and sequence.
                 const unsigned int type = static_cast<unsigned int>(t * 1000 + i);
                 const Bytes payload = pattern(size, type);
-                if (!client->sendFrame(type, payload.data(), size)) ++sendFailures;
+                const bool sent = client->sendFrame(type, payload.data(), size);
+                if (sent != (size <= 4000)) ++wrongResults;
             }
         });
     }
     std::vector<int> next(kThreads, 0);
+    const int expected = kThreads * (kFrames - kFrames / 10);
     int received = 0;
-    for (; received < kThreads * kFrames; ++received) {
+    for (; received < expected; ++received) {
         unsigned int type = 0;
         Bytes payload;
         if (!receiveWhole(server, type, payload, 10000)) break;
         const int t = static_cast<int>(type / 1000), i = static_cast<int>(type % 1000);
         ASSERT_LT(t, kThreads);
+        if (next[t] % 10 == 9) ++next[t];  // the refused frame never went
         EXPECT_EQ(i, next[t]) << "sender " << t;  // each sender's frames in order
         next[t] = i + 1;
-        ASSERT_EQ(payload, pattern(sizes[(i + t) % 4], type)) << "sender " << t << " frame " << i;
+        ASSERT_EQ(payload, pattern(sizeOf(t, i), type)) << "sender " << t << " frame " << i;
     }
     for (std::thread& sender : senders) sender.join();
-    EXPECT_EQ(received, kThreads * kFrames);
-    EXPECT_EQ(sendFailures, 0);
+    EXPECT_EQ(received, expected);
+    EXPECT_EQ(wrongResults, 0);
 }
 
 TEST_F(TcpSinkTest, StalledPeerEndsALargeSendAndCondemnsTheLink) {
@@ -586,6 +695,9 @@ TEST_F(TcpSinkTest, StalledPeerEndsALargeSendAndCondemnsTheLink) {
     EXPECT_LT(waited, 5000);
     EXPECT_EQ(printed, "TcpApartmentSink write failed.\n");
     EXPECT_TRUE(client->isExpectSinkClosed());
+    // Part of a frame is on the wire: nothing may follow it.
+    const char byte = 1;
+    EXPECT_FALSE(client->sendFrame(1, &byte, 1));
 }
 
 TEST_F(TcpSinkTest, ClosingASinkReleasesABlockedSender) {

@@ -1,41 +1,102 @@
 #include "Apartment.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <string_view>
 
 #include "ApartmentFrame.h"
 #include "ApartmentFrameCodec.h"
+#include "ApartmentGuard.h"
 #include "ApartmentNode.h"
 #include "ApartmentSink.h"
 #include "ApartmentTimerManager.h"
 #include "GroundKit/OS/OS_Clock.h"
 #include "GroundKit/OS/OS_Thread.h"
 #include "GroundKit/StringAssistant/StringAssistant.h"
+#include "os_log.h"
 
 namespace {
 const unsigned int NO_TIMER = 0xFFFFFFFFu;
-// The most sinks one waitFrameOnSinks call serves.
-const unsigned int MAX_SINKS_PER_WAIT = 64;
 // How long dispatch waits, per readable event, for a new link's first frame.
 const DWORD CONNECTION_INFO_TIMEOUT_MS = 100;
+// Bounds of the answers waiting for the reply opener, so that a peer
+// naming return addresses nobody answers cannot pile up memory: at most
+// this many links being opened for answers (queued or under way), and at
+// most this many bytes of answers waiting for them, each answer counted
+// with REPLY_OVERHEAD_BYTES on top of its names and data. An answer beyond
+// either bound is dropped at once and its write fails.
+const size_t MAX_REPLY_OPENS = 8;
+const size_t MAX_PENDING_REPLY_BYTES = 16u << 20;
+const size_t REPLY_OVERHEAD_BYTES = 256;
+
+// The maximum frame size the environment asks for, or the default (with a
+// line saying why) when the value is missing, not a number or out of range.
+unsigned int maxFrameSizeFromEnvironment() {
+    const char* text = std::getenv(CApartment::MAX_FRAME_BYTES_VARIABLE);
+    if (text == nullptr) return APARTMENT_DEFAULT_MAX_FRAME_SIZE;
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long value = std::strtoull(text, &end, 10);
+    const bool digitsOnly = *text >= '0' && *text <= '9' && end != nullptr && *end == '\0';
+    if (!digitsOnly || errno != 0 || value == 0 || value > 0xFFFFFFFFull) {
+        log_task_line("[Apartment Warning]: %s=\"%s\" is not a number of bytes from 1 to "
+                      "4294967295; the maximum frame size stays %u.",
+                      CApartment::MAX_FRAME_BYTES_VARIABLE, text, APARTMENT_DEFAULT_MAX_FRAME_SIZE);
+        return APARTMENT_DEFAULT_MAX_FRAME_SIZE;
+    }
+    return static_cast<unsigned int>(value);
+}
+}  // namespace
+
+const char* const CApartment::MAX_FRAME_BYTES_VARIABLE = "APARTMENT_MAX_FRAME_BYTES";
+
+namespace {
+// A link's local apartment URL for one frame, fetched without a heap
+// allocation when it has a usual length.
+class LinkLocalUrl {
+public:
+    explicit LinkLocalUrl(const IApartmentSink* pLink) {
+        DWORD length = sizeof m_text;
+        if (pLink->getLocalApartmentUrl(m_text, length) && length != 0) {
+            m_view = std::string_view(m_text, length - 1);
+        } else {
+            CApartmentSinkHelper::getLocalApartmentUrl(pLink, m_long);
+            m_view = m_long;
+        }
+    }
+    std::string_view text() const { return m_view; }
+
+private:
+    char m_text[256];
+    std::string m_long;
+    std::string_view m_view;
+};
 }  // namespace
 
 CApartment::CApartment()
-    : m_ConnectOpenMutex(MUTEX_NONE, USE_STD, nullptr),
+    : m_uintMaxFrameSize(APARTMENT_DEFAULT_MAX_FRAME_SIZE),
       m_ConnectionManageMutex(MUTEX_NONE, USE_STD, nullptr),
       m_ConnectionNotEmptyCondition(nullptr, USE_STD),
+      m_LinkOpenCondition(nullptr, USE_STD),
       m_bKeepListen(false),
       m_hListenThread(0),
       m_bKeepNonRtCommunication(false),
       m_hNonRtCommunicationThread(0),
       m_bKeepRtCommunication(false),
       m_hRtCommunicationThread(0),
+      m_bKeepReplyOpener(false),
+      m_hReplyOpenerThread(0),
       m_bAllowReentry(true),
       m_bLockDispatch(false),
       m_bKeepDispatch(true),
       m_ulLockedDispatchThreadId(0),
       m_ulNextRequestId(1) {
     m_ConnectionNotEmptyCondition.bindMutex(&m_ConnectionManageMutex);
+    m_LinkOpenCondition.bindMutex(&m_ConnectionManageMutex);
 }
 
 CApartment::~CApartment() {
@@ -54,9 +115,10 @@ void CApartment::onFinalRelease() { destroyApartment(); }
 
 bool CApartment::initApartment(const char* strApartmentUrl, bool bListen) {
     if (strApartmentUrl != nullptr && std::strlen(strApartmentUrl) > MAX_APARTMENT_URL_LENGTH) {
-        printf("Apartment url is too long: %s.\n", strApartmentUrl);
+        log_task_line("Apartment url is too long: %s.", strApartmentUrl);
         return false;
     }
+    m_uintMaxFrameSize = maxFrameSizeFromEnvironment();
     std::string url = strApartmentUrl != nullptr ? strApartmentUrl : "";
     std::string address;
     getPortAddressFromApartmentUrl(strApartmentUrl, address);
@@ -69,7 +131,7 @@ bool CApartment::initApartment(const char* strApartmentUrl, bool bListen) {
         sink->setLocalApartmentUrl(url.c_str());
         m_ListenSink = asIApartmentListenSink(sink);
         createListenThread();
-        printf("Apartment listen at port(%s).\n", url.c_str());
+        log_task_line("Apartment listen at port(%s).", url.c_str());
     } else {
         getApartmentUrlFromPortAddress(address.c_str(), url);
     }
@@ -79,6 +141,10 @@ bool CApartment::initApartment(const char* strApartmentUrl, bool bListen) {
 
 void CApartment::destroyApartment() {
     killAllTimer();
+    // First: an open it finishes files a link and may start a
+    // communication thread.
+    destroyReplyOpenerThread();
+    dropQueuedReplyOpens();
     m_strApartmentUrl.clear();
     destroyNonRtCommunicationThread();
     destroyRtCommunicationThread();
@@ -88,7 +154,7 @@ void CApartment::destroyApartment() {
     m_LoopbackServerSink = nullptr;
     m_NonRtCommunicationSinkMap.clear();
     m_RtCommunicationSinkMap.clear();
-    std::map<std::string, CReference<IApartmentNode>> nodes;
+    NodeMap nodes;
     {
         TAutoMutex<OS::TRecursiveMutex> lock(&m_NodeManageMutex);
         nodes.swap(m_ApartmentNodeMap);
@@ -113,8 +179,9 @@ bool CApartment::createApartmentNode(const char* strNodeUrl) {
 
 IApartmentNode* CApartment::findApartmentNode(const char* strNodeUrl) {
     if (strNodeUrl == nullptr) return nullptr;
+    const std::string_view name(strNodeUrl);  // measured once, not per comparison
     TAutoMutex<OS::TRecursiveMutex> lock(&m_NodeManageMutex);
-    auto it = m_ApartmentNodeMap.find(strNodeUrl);
+    auto it = m_ApartmentNodeMap.find(name);
     if (it == m_ApartmentNodeMap.end()) return nullptr;
     it->second->addRef();
     return it->second;
@@ -189,6 +256,15 @@ void CApartment::createRtCommunicationThread() {
                 apartmentRtCommunicationThreadFunc, this);
 }
 
+void CApartment::createReplyOpenerThread() {
+    startThread(m_ThreadControlMutex, m_bKeepReplyOpener, m_hReplyOpenerThread,
+                apartmentReplyOpenerThreadFunc, this);
+}
+
+void CApartment::destroyReplyOpenerThread() {
+    stopThread(m_ThreadControlMutex, m_bKeepReplyOpener, m_hReplyOpenerThread);
+}
+
 void CApartment::destroyListenThread() {
     stopThread(m_ThreadControlMutex, m_bKeepListen, m_hListenThread);
 }
@@ -201,24 +277,48 @@ void CApartment::destroyRtCommunicationThread() {
     stopThread(m_ThreadControlMutex, m_bKeepRtCommunication, m_hRtCommunicationThread);
 }
 
+template <class F>
+void CApartment::runThreadPass(const char* where, F&& pass) {
+    if (guarded(where, false, [&pass] {
+            pass();
+            return true;
+        }))
+        return;
+    // A fault that repeats at once (memory that stays short, say) must not
+    // turn the loop into a spin: rest for one pass, or until a sink comes.
+    TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+    m_ConnectionNotEmptyCondition.wait(OS::Clock::monotonicDeadline(THREAD_PASS_MS));
+}
+
 void* CApartment::apartmentListenThreadFunc(void* pParam) {
     CApartment* apartment = static_cast<CApartment*>(pParam);
     while (apartment != nullptr && apartment->m_bKeepListen)
-        apartment->listenConnection(THREAD_PASS_MS);
+        apartment->runThreadPass("listen thread, connection dropped",
+                                 [apartment] { apartment->listenConnection(THREAD_PASS_MS); });
     return nullptr;
 }
 
 void* CApartment::apartmentNonRtCommunicationThreadFunc(void* pParam) {
     CApartment* apartment = static_cast<CApartment*>(pParam);
     while (apartment != nullptr && apartment->m_bKeepNonRtCommunication)
-        apartment->receiveFrame(THREAD_PASS_MS, false);
+        apartment->runThreadPass("non-real-time communication thread, pass abandoned",
+                                 [apartment] { apartment->receiveFrame(THREAD_PASS_MS, false); });
     return nullptr;
 }
 
 void* CApartment::apartmentRtCommunicationThreadFunc(void* pParam) {
     CApartment* apartment = static_cast<CApartment*>(pParam);
     while (apartment != nullptr && apartment->m_bKeepRtCommunication)
-        apartment->receiveFrame(THREAD_PASS_MS, true);
+        apartment->runThreadPass("real-time communication thread, pass abandoned",
+                                 [apartment] { apartment->receiveFrame(THREAD_PASS_MS, true); });
+    return nullptr;
+}
+
+void* CApartment::apartmentReplyOpenerThreadFunc(void* pParam) {
+    CApartment* apartment = static_cast<CApartment*>(pParam);
+    while (apartment != nullptr && apartment->m_bKeepReplyOpener)
+        apartment->runThreadPass("reply opener thread, link open abandoned",
+                                 [apartment] { apartment->openQueuedReplyLink(THREAD_PASS_MS); });
     return nullptr;
 }
 
@@ -233,12 +333,12 @@ void CApartment::listenConnection(DWORD dwTimeout) {
     msg.wParam = reinterpret_cast<WPARAM>(serverSink);
     msg.lParam = 0;
     // Straight into the main queue: this code is never deferred.
-    m_ApartmentMsgQueue.push(msg);
+    queueOrRelease(m_ApartmentMsgQueue, msg);
 }
 
 void CApartment::receiveFrame(DWORD dwTimeout, bool bRtConnection) {
     std::vector<IApartmentSink*>& sinks = bRtConnection ? m_RtReceiveSinks : m_NonRtReceiveSinks;
-    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+    SinkMap& map = sinkMap(bRtConnection);
     const timespec deadline = OS::Clock::monotonicDeadline(dwTimeout);
 
     // A sink condemned by a stalled write is closed here; its nodes hear
@@ -298,26 +398,60 @@ bool CApartment::allowMessage(const APARTMENT_TMSG& msg) const {
 }
 
 void CApartment::postMessage(const APARTMENT_TMSG& msg) {
-    if (allowMessage(msg))
-        m_ApartmentMsgQueue.push(msg);
-    else
-        m_ApartmentCacheMsgQueue.push(msg);
+    queueOrRelease(allowMessage(msg) ? m_ApartmentMsgQueue : m_ApartmentCacheMsgQueue, msg);
+}
+
+void CApartment::queueOrRelease(CMessageQueue& queue, const APARTMENT_TMSG& msg) {
+    // A stopped dispatch locks the main queue for good: what it refuses
+    // would never be dispatched, so its payload goes now. So does a message
+    // that could not be queued for want of memory.
+    if (!guarded("posting a message, message dropped", false, [&] { return queue.push(msg); }))
+        releaseMessagePayload(msg);
+}
+
+void CApartment::postMessages(const APARTMENT_TMSG* pMessages, size_t count) {
+    // Runs of messages bound for one queue go in under one lock; the order
+    // within each queue is the order given, as posting one by one would be.
+    size_t first = 0;
+    while (first < count) {
+        const bool allowed = allowMessage(pMessages[first]);
+        size_t end = first + 1;
+        while (end < count && allowMessage(pMessages[end]) == allowed) ++end;
+        CMessageQueue& queue = allowed ? m_ApartmentMsgQueue : m_ApartmentCacheMsgQueue;
+        // As for one message: what the queue refuses goes now.
+        if (!guarded("posting messages, messages dropped", false,
+                     [&] { return queue.pushBatch(pMessages + first, end - first); }))
+            for (size_t i = first; i < end; ++i) releaseMessagePayload(pMessages[i]);
+        first = end;
+    }
 }
 
 bool CApartment::getMessage(APARTMENT_TMSG& msg, timespec deadline) {
     if (!dispatchGatePasses()) return false;
     // Deferred messages come back first, one per call, once re-entry is
     // allowed again.
-    if (m_bAllowReentry && m_ApartmentCacheMsgQueue.pop(msg, 0)) return true;
+    if (m_bAllowReentry && m_ApartmentCacheMsgQueue.tryPop(msg)) return true;
     return m_ApartmentMsgQueue.pop(msg, deadline);
 }
 
 int CApartment::dispatchMessage(const APARTMENT_TMSG& msg) {
-    if (!dispatchGatePasses()) return -1;
+    if (!dispatchGatePasses()) {
+        // Taken from the queue before the gate closed: nobody else will
+        // ever run it.
+        releaseMessagePayload(msg);
+        return -1;
+    }
     if (!allowMessage(msg)) {
         postMessage(msg);  // into the cache queue, reference and all
         return 1;
     }
+    // A handler that throws (a host callback, an allocation failure) costs
+    // its message only: the payload is held by a CReference below and goes
+    // as the exception passes, and the pump goes on with the next message.
+    return guarded("dispatch, message dropped", 1, [&] { return dispatchAllowed(msg); });
+}
+
+int CApartment::dispatchAllowed(const APARTMENT_TMSG& msg) {
     switch (msg.m_intMsg) {
         case APARTMENT_QUIT:
             return 0;
@@ -417,7 +551,7 @@ bool CApartment::allowReentry(bool bAllowReentry) {
 
 // -------------------------------------------------------------- connections
 
-std::map<std::string, CReference<IApartmentSink>>& CApartment::sinkMap(bool bRtConnection) {
+CApartment::SinkMap& CApartment::sinkMap(bool bRtConnection) {
     return bRtConnection ? m_RtCommunicationSinkMap : m_NonRtCommunicationSinkMap;
 }
 
@@ -428,15 +562,54 @@ bool CApartment::loopbackApartment(const char* strRemoteApartmentUrl) const {
 
 bool CApartment::connectApartment(const char* strRemoteApartmentUrl, bool bRtConnection) {
     if (strRemoteApartmentUrl == nullptr) return false;
-    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
-    std::string address;
-    getPortAddressFromApartmentUrl(strRemoteApartmentUrl, address);
-    TAutoMutex<OS::TBaseMutex> opening(&m_ConnectOpenMutex);
+    const LINK_KEY key(strRemoteApartmentUrl, bRtConnection);
+    std::shared_ptr<_LINK_OPEN> open;
     {
         TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
-        if (map.count(strRemoteApartmentUrl) != 0) return true;
+        if (sinkMap(bRtConnection).count(key.first) != 0) return true;
+        auto pending = m_LinkOpens.find(key);
+        if (pending != m_LinkOpens.end() && pending->second->m_bStarted) {
+            // Another thread is opening this very link: share its outcome
+            // rather than open a second link that one end would drop (with
+            // what was written on it). Bounded by that open's connect
+            // time-out.
+            const std::shared_ptr<_LINK_OPEN> awaited = pending->second;
+            while (!awaited->m_bDone) m_LinkOpenCondition.wait();
+            return awaited->m_bOpened;
+        }
+        if (pending != m_LinkOpens.end()) {
+            // Queued for the reply opener and not started: this thread
+            // opens it now (and sends the answers waiting for it) rather
+            // than wait behind the opener's other links.
+            open = pending->second;
+            auto queued = std::find(m_ReplyOpenQueue.begin(), m_ReplyOpenQueue.end(), key);
+            if (queued != m_ReplyOpenQueue.end()) m_ReplyOpenQueue.erase(queued);
+        } else {
+            open = std::make_shared<_LINK_OPEN>();
+            m_LinkOpens.emplace(key, open);
+        }
+        open->m_bStarted = true;
     }
+    return runLinkOpen(key, open);
+}
 
+bool CApartment::runLinkOpen(const LINK_KEY& key, const std::shared_ptr<_LINK_OPEN>& open) {
+    bool opened = false;
+    try {
+        opened = openLink(key);
+    } catch (...) {
+        finishLinkOpen(key, open, false);  // its waiters must not wait for ever
+        throw;
+    }
+    finishLinkOpen(key, open, opened);
+    return opened;
+}
+
+bool CApartment::openLink(const LINK_KEY& key) {
+    const char* strRemoteApartmentUrl = key.first.c_str();
+    const bool bRtConnection = key.second;
+    std::string address;
+    getPortAddressFromApartmentUrl(strRemoteApartmentUrl, address);
     CReference<IApartmentSink> sink(createSink(CLIENT_SINK));
     if (sink.nil()) return false;
     if (!sink->initSink(nullptr, address.c_str())) return false;
@@ -452,19 +625,19 @@ bool CApartment::connectApartment(const char* strRemoteApartmentUrl, bool bRtCon
     sink->sendFrame(APARTMENT_CONNECTION_FRAME, block,
                     static_cast<unsigned int>(APARTMENT_CONNECTION_BLOCK_SIZE));
 
-    if (localUrl == strRemoteApartmentUrl) {
+    if (localUrl == key.first) {
         sink->setLoopbackType(CLIENT_LOOPBACK_TYPE);
         bool stored = false;
         {
             TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
             if (m_LoopbackClientSink.nil()) {
-                m_strLoopbackApartmentUrl = strRemoteApartmentUrl;
+                m_strLoopbackApartmentUrl = key.first;
                 m_LoopbackClientSink = sink;
                 // Both communication threads may idle on this condition: wake
                 // both rather than risk waking the one this sink is not for.
                 m_ConnectionNotEmptyCondition.notifyAll();
-                printf("Detected client loopback interface changed(%s---->%s).\n", localUrl.c_str(),
-                       strRemoteApartmentUrl);
+                log_task_line("Detected client loopback interface changed(%s---->%s).",
+                              localUrl.c_str(), strRemoteApartmentUrl);
                 stored = true;
             }
         }
@@ -478,6 +651,117 @@ bool CApartment::connectApartment(const char* strRemoteApartmentUrl, bool bRtCon
     return true;
 }
 
+void CApartment::finishLinkOpen(const LINK_KEY& key, const std::shared_ptr<_LINK_OPEN>& open,
+                                bool bOpened) {
+    std::vector<_PENDING_REPLY> replies;
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+        open->m_bDone = true;
+        open->m_bOpened = bOpened;
+        auto it = m_LinkOpens.find(key);
+        if (it != m_LinkOpens.end() && it->second == open) m_LinkOpens.erase(it);
+        replies.swap(open->m_Replies);
+        for (const _PENDING_REPLY& reply : replies) m_uintPendingReplyBytes -= replyCost(reply);
+        if (open->m_bForReplies) --m_uintReplyOpens;
+        m_LinkOpenCondition.notifyAll();
+    }
+    if (!replies.empty()) deliverReplies(key, replies, bOpened);
+}
+
+size_t CApartment::replyCost(const _PENDING_REPLY& reply) {
+    return REPLY_OVERHEAD_BYTES + reply.m_strNodeUrl.size() + reply.m_strRemoteNodeUrl.size() +
+           reply.m_Data.size();
+}
+
+bool CApartment::queueReply(const LINK_KEY& key, _PENDING_REPLY&& reply) {
+    const size_t cost = replyCost(reply);
+    const char* refusal = nullptr;
+    CReference<IApartmentSink> link;
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+        link = linkLocked(key.first.c_str(), key.second, nullptr);
+        if (link.nil()) {
+            auto pending = m_LinkOpens.find(key);
+            if (m_uintPendingReplyBytes + cost > MAX_PENDING_REPLY_BYTES) {
+                refusal = "too many bytes of responses wait for links";
+            } else if (pending == m_LinkOpens.end() && m_uintReplyOpens >= MAX_REPLY_OPENS) {
+                refusal = "too many links are being opened for responses";
+            } else {
+                if (pending == m_LinkOpens.end()) {
+                    std::shared_ptr<_LINK_OPEN> open = std::make_shared<_LINK_OPEN>();
+                    open->m_bForReplies = true;
+                    pending = m_LinkOpens.emplace(key, open).first;
+                    m_ReplyOpenQueue.push_back(key);
+                    ++m_uintReplyOpens;
+                    createReplyOpenerThread();
+                    m_LinkOpenCondition.notifyAll();
+                }
+                pending->second->m_Replies.push_back(std::move(reply));
+                m_uintPendingReplyBytes += cost;
+                return true;
+            }
+        }
+    }
+    if (refusal != nullptr) {
+        log_task_line("[Apartment Warning]: Response %u to %s dropped: %s.",
+                      reply.m_uintRequestId, key.first.c_str(), refusal);
+        return false;
+    }
+    return sendReply(link, key.first.c_str(), reply);  // filed meanwhile
+}
+
+void CApartment::deliverReplies(const LINK_KEY& key, std::vector<_PENDING_REPLY>& replies,
+                                bool bOpened) {
+    CReference<IApartmentSink> link;
+    if (bOpened) link = findLink(key.first.c_str(), key.second);
+    if (link.nil()) {
+        log_task_line("[Apartment Warning]: No link to %s could be opened: %zu response(s) "
+                      "dropped.",
+                      key.first.c_str(), replies.size());
+        return;
+    }
+    size_t failed = 0;
+    for (const _PENDING_REPLY& reply : replies)
+        if (!guarded("sending a queued response", false,
+                     [&] { return sendReply(link, key.first.c_str(), reply); }))
+            ++failed;
+    if (failed != 0)
+        log_task_line("[Apartment Warning]: %zu response(s) to %s could not be sent.", failed,
+                      key.first.c_str());
+}
+
+void CApartment::openQueuedReplyLink(DWORD dwTimeout) {
+    LINK_KEY key;
+    std::shared_ptr<_LINK_OPEN> open;
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+        if (m_ReplyOpenQueue.empty()) {
+            m_LinkOpenCondition.wait(OS::Clock::monotonicDeadline(dwTimeout));
+            return;
+        }
+        key = m_ReplyOpenQueue.front();
+        m_ReplyOpenQueue.pop_front();
+        auto it = m_LinkOpens.find(key);
+        if (it == m_LinkOpens.end()) return;
+        open = it->second;
+        open->m_bStarted = true;
+    }
+    runLinkOpen(key, open);
+}
+
+void CApartment::dropQueuedReplyOpens() {
+    std::vector<std::pair<LINK_KEY, std::shared_ptr<_LINK_OPEN>>> queued;
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+        for (const LINK_KEY& key : m_ReplyOpenQueue) {
+            auto it = m_LinkOpens.find(key);
+            if (it != m_LinkOpens.end()) queued.emplace_back(key, it->second);
+        }
+        m_ReplyOpenQueue.clear();
+    }
+    for (auto& entry : queued) finishLinkOpen(entry.first, entry.second, false);
+}
+
 void CApartment::addApartmentSink(IApartmentSink* pSink) {
     if (pSink == nullptr) return;
     const bool bRtConnection = pSink->getRTConnection();
@@ -486,7 +770,7 @@ void CApartment::addApartmentSink(IApartmentSink* pSink) {
     CApartmentSinkHelper::getRemoteApartmentUrl(pSink, remoteUrl);
 
     if (localUrl != remoteUrl) {
-        std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+        SinkMap& map = sinkMap(bRtConnection);
         CReference<IApartmentSink> replaced;  // released after the unlock
         TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
         if (map.empty()) {
@@ -497,7 +781,14 @@ void CApartment::addApartmentSink(IApartmentSink* pSink) {
         }
         auto it = map.find(remoteUrl);
         if (it != map.end()) {
-            if (pSink->compareConnection(it->second) > 0) {
+            // A peer opens a link only when it holds none to us, so a second
+            // accepted link under its URL means it dropped the first (a
+            // quick reconnect whose old close is not handled yet): the new
+            // one is kept. Links opened from both ends at once are settled
+            // by compareConnection, which both ends answer alike.
+            const bool reconnected =
+                pSink->sinkType() == SERVER_SINK && it->second->sinkType() == SERVER_SINK;
+            if (reconnected || pSink->compareConnection(it->second) > 0) {
                 replaced = it->second;
                 pSink->addRef();
                 it->second = pSink;
@@ -513,16 +804,16 @@ void CApartment::addApartmentSink(IApartmentSink* pSink) {
     TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
     if (pSink->sinkType() == CLIENT_SINK) {
         if (!m_LoopbackClientSink.nil())
-            puts("Client loopback apartment sink is already added.");
+            log_task_line("Client loopback apartment sink is already added.");
         else
-            printf("Client loopback apartment sink should not be added in function %s.\n",
-                   "addApartmentSink");
+            log_task_line("Client loopback apartment sink should not be added in function %s.",
+                          "addApartmentSink");
     } else if (pSink->sinkType() == SERVER_SINK) {
         if (!m_LoopbackServerSink.nil())
-            puts("Server loopback apartment sink is already added.");
+            log_task_line("Server loopback apartment sink is already added.");
         else
-            printf("Server loopback apartment sink should not be added in function %s.\n",
-                   "addApartmentSink");
+            log_task_line("Server loopback apartment sink should not be added in function %s.",
+                          "addApartmentSink");
     }
 }
 
@@ -532,25 +823,29 @@ void CApartment::removeApartmentSink(IApartmentSink* pSink) {
     std::string remoteUrl;
     CApartmentSinkHelper::getRemoteApartmentUrl(pSink, remoteUrl);
 
+    // Only the link itself is removed: a peer that closed and at once came
+    // back under the same URL may already have its new link filed in the
+    // old one's place, and the old link's late close must not take it.
     if (pSink->getLoopbackType() != NONE_LOOPBACK_TYPE) {
         CReference<IApartmentSink> client, server;
         {
             TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+            if (m_LoopbackClientSink != pSink && m_LoopbackServerSink != pSink) return;
             m_strLoopbackApartmentUrl.clear();
             client = m_LoopbackClientSink;
             server = m_LoopbackServerSink;
             m_LoopbackClientSink = nullptr;
             m_LoopbackServerSink = nullptr;
         }
-        puts("Loopback apartment sink is removed.");
+        log_task_line("Loopback apartment sink is removed.");
         return;
     }
 
     CReference<IApartmentSink> removed;
     TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
-    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+    SinkMap& map = sinkMap(bRtConnection);
     auto it = map.find(remoteUrl);
-    if (it == map.end()) return;
+    if (it == map.end() || it->second != pSink) return;
     removed = it->second;
     map.erase(it);
 }
@@ -559,7 +854,7 @@ bool CApartment::hasConnection(const char* strRemoteApartmentUrl, bool bRtConnec
     if (strRemoteApartmentUrl == nullptr) return false;
     TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
     if (loopbackApartment(strRemoteApartmentUrl)) return true;
-    return sinkMap(bRtConnection).count(strRemoteApartmentUrl) != 0;
+    return sinkMap(bRtConnection).count(std::string_view(strRemoteApartmentUrl)) != 0;
 }
 
 bool CApartment::disconnectApartment(const char* strRemoteApartmentUrl, bool bRtConnection) {
@@ -574,7 +869,7 @@ bool CApartment::disconnectApartment(const char* strRemoteApartmentUrl, bool bRt
         m_LoopbackServerSink = nullptr;
         return true;
     }
-    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+    SinkMap& map = sinkMap(bRtConnection);
     auto it = map.find(strRemoteApartmentUrl);
     if (it == map.end()) return false;
     first = it->second;
@@ -589,7 +884,7 @@ bool CApartment::localApartmentUrl(const char* strRemoteApartmentUrl, bool bRtCo
     if (loopbackApartment(strRemoteApartmentUrl))
         return !m_LoopbackClientSink.nil() &&
                m_LoopbackClientSink->getLocalApartmentUrl(strLocalApartmentUrl, dwLen);
-    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
+    SinkMap& map = sinkMap(bRtConnection);
     auto it = map.find(strRemoteApartmentUrl);
     if (it == map.end()) return false;
     return it->second->getLocalApartmentUrl(strLocalApartmentUrl, dwLen);
@@ -628,8 +923,8 @@ void CApartment::onAddConnection(IApartmentServerSink* pServerSink) {
         TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
         if (m_LoopbackServerSink.nil()) {
             m_LoopbackServerSink = sink;
-            printf("Detected server loopback interface changed(%s---->%s).\n", localUrl.c_str(),
-                   remoteUrl.c_str());
+            log_task_line("Detected server loopback interface changed(%s---->%s).",
+                          localUrl.c_str(), remoteUrl.c_str());
         }
         return;
     }
@@ -641,14 +936,37 @@ void CApartment::onAddConnection(IApartmentServerSink* pServerSink) {
 CReference<IApartmentSink> CApartment::findLink(const char* strRemoteApartmentUrl,
                                                 bool bRtConnection, bool* pbLoopback) {
     TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+    return linkLocked(strRemoteApartmentUrl, bRtConnection, pbLoopback);
+}
+
+CReference<IApartmentSink> CApartment::linkLocked(const char* strRemoteApartmentUrl,
+                                                  bool bRtConnection, bool* pbLoopback) {
     if (loopbackApartment(strRemoteApartmentUrl)) {
         if (pbLoopback != nullptr) *pbLoopback = true;
         return m_LoopbackClientSink;
     }
     if (strRemoteApartmentUrl == nullptr) return CReference<IApartmentSink>();
-    std::map<std::string, CReference<IApartmentSink>>& map = sinkMap(bRtConnection);
-    auto it = map.find(strRemoteApartmentUrl);
+    SinkMap& map = sinkMap(bRtConnection);
+    auto it = map.find(std::string_view(strRemoteApartmentUrl));
     return it == map.end() ? CReference<IApartmentSink>() : it->second;
+}
+
+CReference<IApartmentSink> CApartment::linkOrConnect(const char* strRemoteApartmentUrl,
+                                                     bool bRtConnection) {
+    CReference<IApartmentSink> link = findLink(strRemoteApartmentUrl, bRtConnection);
+    if (!link.nil() || !connectApartment(strRemoteApartmentUrl, bRtConnection)) return link;
+    return findLink(strRemoteApartmentUrl, bRtConnection);
+}
+
+template <class Build>
+bool CApartment::encodes(Build&& build) {
+    try {
+        build();
+        return true;
+    } catch (CAbstractStream::CStreamException* e) {
+        delete e;  // a name or URL that is not pure ASCII: the caller's mistake, not a fault
+        return false;
+    }
 }
 
 bool CApartment::sendPayload(IApartmentSink* pSink, unsigned int uintFrameType,
@@ -662,21 +980,24 @@ bool CApartment::writeRequestFrame(const char* strApartmentNodeUrl,
                                    const char* strRemoteApartmentNodeUrl, void* pRequestBuffer,
                                    unsigned int uintBufLen, bool bRtConnection,
                                    unsigned int& uintRequestId, bool bRequireResponse) {
-    if (!hasConnection(strRemoteApartmentUrl, bRtConnection) &&
-        !connectApartment(strRemoteApartmentUrl, bRtConnection))
-        return false;
-    CReference<IApartmentSink> link = findLink(strRemoteApartmentUrl, bRtConnection);
+    CReference<IApartmentSink> link = linkOrConnect(strRemoteApartmentUrl, bRtConnection);
     if (link.nil()) return false;
-    std::string localUrl;
-    CApartmentSinkHelper::getLocalApartmentUrl(link, localUrl);
+    const LinkLocalUrl localUrl(link);
     // The counter returns the value after the addition; the id is the one
     // before it. Only its low 32 bits travel.
     const unsigned int id =
         static_cast<unsigned int>(OS::Thread::syncFetchAdd(&m_ulNextRequestId) - 1);
-    const std::vector<char> payload = CApartmentFrameCodec::buildRequestPayload(
-        localUrl, strApartmentNodeUrl, strRemoteApartmentUrl, strRemoteApartmentNodeUrl, id,
-        bRequireResponse, pRequestBuffer, uintBufLen);
-    const bool sent = sendPayload(link, APARTMENT_REQUEST_FRAME, payload);
+    CPayloadHead head;
+    if (!encodes([&] {
+            CApartmentFrameCodec::buildRequestHead(head, localUrl.text(), strApartmentNodeUrl,
+                                                   strRemoteApartmentUrl,
+                                                   strRemoteApartmentNodeUrl, id, bRequireResponse);
+        }))
+        return false;
+    // The caller's data follows the fields as it is, without a copy.
+    const bool sent = link->sendFrameParts(APARTMENT_REQUEST_FRAME, head.data(), head.size(),
+                                           pRequestBuffer,
+                                           pRequestBuffer != nullptr ? uintBufLen : 0);
     if (sent) uintRequestId = id;
     return sent;
 }
@@ -687,17 +1008,62 @@ bool CApartment::writeResponseFrame(const char* strApartmentNodeUrl,
                                     unsigned int uintRequestId, int intResponseCode,
                                     void* pResponseBuffer, unsigned int uintBufLen,
                                     bool bRtConnection) {
-    if (!hasConnection(strRemoteApartmentUrl, bRtConnection) &&
-        !connectApartment(strRemoteApartmentUrl, bRtConnection))
-        return false;
+    if (strRemoteApartmentUrl == nullptr) return false;
     CReference<IApartmentSink> link = findLink(strRemoteApartmentUrl, bRtConnection);
-    if (link.nil()) return false;
-    std::string localUrl;
-    CApartmentSinkHelper::getLocalApartmentUrl(link, localUrl);
-    const std::vector<char> payload = CApartmentFrameCodec::buildResponsePayload(
-        localUrl, strApartmentNodeUrl, strRemoteApartmentUrl, strRemoteApartmentNodeUrl,
-        uintRequestId, intResponseCode, pResponseBuffer, uintBufLen);
-    return sendPayload(link, APARTMENT_RESPONSE_FRAME, payload);
+    if (!link.nil()) {
+        return sendReply(link, strRemoteApartmentUrl, strApartmentNodeUrl,
+                         strRemoteApartmentNodeUrl, uintRequestId, intResponseCode,
+                         pResponseBuffer, pResponseBuffer != nullptr ? uintBufLen : 0);
+    }
+    // No link to the requester. An answer never waits for a connect here:
+    // this is usually the dispatching thread, and a peer naming return
+    // addresses that nobody answers would hold it for a connect time-out
+    // per request. The reply opener opens the link and sends it. The names
+    // are checked now, while the caller can still be told.
+    CPayloadHead check;
+    if (!encodes([&] {
+            CApartmentFrameCodec::buildResponseHead(check, m_strApartmentUrl, strApartmentNodeUrl,
+                                                    strRemoteApartmentUrl,
+                                                    strRemoteApartmentNodeUrl, uintRequestId,
+                                                    intResponseCode);
+        }))
+        return false;
+    _PENDING_REPLY reply;
+    reply.m_strNodeUrl = strApartmentNodeUrl != nullptr ? strApartmentNodeUrl : "";
+    reply.m_strRemoteNodeUrl = strRemoteApartmentNodeUrl != nullptr ? strRemoteApartmentNodeUrl : "";
+    reply.m_uintRequestId = uintRequestId;
+    reply.m_intResponseCode = intResponseCode;
+    reply.m_bHasData = pResponseBuffer != nullptr;
+    if (pResponseBuffer != nullptr)
+        reply.m_Data.assign(static_cast<const char*>(pResponseBuffer),
+                            static_cast<const char*>(pResponseBuffer) + uintBufLen);
+    return queueReply(LINK_KEY(strRemoteApartmentUrl, bRtConnection), std::move(reply));
+}
+
+bool CApartment::sendReply(IApartmentSink* pLink, const char* strRemoteApartmentUrl,
+                           const _PENDING_REPLY& reply) {
+    return sendReply(pLink, strRemoteApartmentUrl, reply.m_strNodeUrl.c_str(),
+                     reply.m_strRemoteNodeUrl.c_str(), reply.m_uintRequestId,
+                     reply.m_intResponseCode, reply.m_bHasData ? reply.m_Data.data() : nullptr,
+                     static_cast<unsigned int>(reply.m_Data.size()));
+}
+
+bool CApartment::sendReply(IApartmentSink* pLink, const char* strRemoteApartmentUrl,
+                           const char* strApartmentNodeUrl, const char* strRemoteApartmentNodeUrl,
+                           unsigned int uintRequestId, int intResponseCode, const void* pData,
+                           unsigned int uintDataSize) {
+    const LinkLocalUrl localUrl(pLink);
+    CPayloadHead head;
+    if (!encodes([&] {
+            CApartmentFrameCodec::buildResponseHead(head, localUrl.text(), strApartmentNodeUrl,
+                                                    strRemoteApartmentUrl,
+                                                    strRemoteApartmentNodeUrl, uintRequestId,
+                                                    intResponseCode);
+        }))
+        return false;
+    // The data follows the fields as it is, without a copy.
+    return pLink->sendFrameParts(APARTMENT_RESPONSE_FRAME, head.data(), head.size(), pData,
+                                 pData != nullptr ? uintDataSize : 0);
 }
 
 bool CApartment::writeRawFrame(const char* strRemoteApartmentUrl, unsigned int uintFrameType,
@@ -731,20 +1097,50 @@ void CApartment::onLoopbackFrameArrived(IApartmentFrame* pFrame) {
     if (!server.nil()) server->sendFrame(type, pFrame->getFrameBuffer(), size);
 }
 
+namespace {
+// Parsed requests of the dispatching thread, one per nesting level (a node
+// callback may pump, and so parse the next request, before its own returns),
+// kept across frames so that their strings keep their room: the fields of a
+// request then cost no allocation.
+thread_local std::vector<std::unique_ptr<APARTMENT_REQUEST_PAYLOAD>> t_requests;
+thread_local size_t t_requestDepth = 0;
+
+class RequestSlot {
+public:
+    RequestSlot() {
+        if (t_requests.size() <= t_requestDepth)
+            t_requests.emplace_back(new APARTMENT_REQUEST_PAYLOAD());
+        m_pRequest = t_requests[t_requestDepth++].get();
+    }
+    ~RequestSlot() { --t_requestDepth; }
+    APARTMENT_REQUEST_PAYLOAD& request() { return *m_pRequest; }
+
+private:
+    APARTMENT_REQUEST_PAYLOAD* m_pRequest;
+};
+}  // namespace
+
 void CApartment::onRequestFrameArrived(IApartmentFrame* pFrame) {
-    APARTMENT_REQUEST_PAYLOAD request;
+    RequestSlot slot;
+    APARTMENT_REQUEST_PAYLOAD& request = slot.request();
     if (!CApartmentFrameCodec::parseRequestPayload(pFrame->getFrameBuffer(), pFrame->getFrameSize(),
                                                    request))
         return;
     CReference<IApartmentNode> node(findApartmentNode(request.m_strTargetNodeUrl.c_str()));
     if (node.nil()) return;
+    // The fields are copied out; the frame is this handler's until it
+    // returns, so the data moves to the buffer's (aligned) start instead of
+    // into a copy of its own.
+    char* data = nullptr;
+    if (request.m_uintDataSize != 0) {
+        data = pFrame->getFrameBuffer();
+        std::memmove(data, request.m_pData, request.m_uintDataSize);
+    }
     node->receiveRequest(request.m_strSourceApartmentUrl.c_str(),
                          request.m_strSourceNodeUrl.c_str(),
                          request.m_strTargetApartmentUrl.c_str(),
-                         request.m_strTargetNodeUrl.c_str(), request.m_uintRequestId,
-                         request.m_vecData.empty() ? nullptr : request.m_vecData.data(),
-                         static_cast<unsigned int>(request.m_vecData.size()),
-                         request.m_bRequireResponse);
+                         request.m_strTargetNodeUrl.c_str(), request.m_uintRequestId, data,
+                         request.m_uintDataSize, request.m_bRequireResponse);
 }
 
 void CApartment::onResponseFrameArrived(IApartmentFrame* pFrame) {
@@ -754,11 +1150,10 @@ void CApartment::onResponseFrameArrived(IApartmentFrame* pFrame) {
         return;
     CReference<IApartmentNode> node(findApartmentNode(response.m_strTargetNodeUrl.c_str()));
     if (node.nil()) return;
-    if (!node->addResponse(response.m_uintRequestId, response.m_intResponseCode,
-                           response.m_vecData.empty() ? nullptr : response.m_vecData.data(),
-                           static_cast<unsigned int>(response.m_vecData.size())))
-        printf("[Apartment Warning]: Request %u already have response.\n",
-               response.m_uintRequestId);
+    if (!node->addResponse(response.m_uintRequestId, response.m_intResponseCode, response.m_pData,
+                           response.m_uintDataSize))
+        log_task_line("[Apartment Warning]: Request %u already have response.",
+                      response.m_uintRequestId);
 }
 
 void CApartment::onNormalFrameArrived(IApartmentFrame* pFrame) {

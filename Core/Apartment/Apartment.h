@@ -9,15 +9,21 @@
 // the real-time communication thread, and a raw frame written to the
 // apartment's own URL reaches it on the writer's thread.
 //
-// Threads of an apartment: the listen thread (when it listens) and two
-// communication threads, real-time and non-real-time, each a 100 ms polling
-// loop started on first use and stopped by destroyApartment.
+// Threads of an apartment: the listen thread (when it listens), two
+// communication threads, real-time and non-real-time, and the reply opener,
+// each a 100 ms polling loop started on first use and stopped by
+// destroyApartment. The reply opener opens, one at a time, the links that
+// answers to unlinked requesters wait for, so that an answer never waits
+// for a connect on the dispatching thread.
 //
 // Lock order: m_NodeManageMutex and m_ConnectionManageMutex are never held
 // together; sinks are released only after m_ConnectionManageMutex is
-// dropped and nothing is sent under it. m_HeartbeatMutex is never held
-// with m_ConnectionManageMutex. The queues' mutexes are leaves. No lock of
-// the apartment is held while a host callback runs, except
+// dropped and nothing is sent or connected under it (a thread waiting for
+// another's open of the same link waits on m_LinkOpenCondition, which
+// releases it). m_ThreadControlMutex may be taken while holding
+// m_ConnectionManageMutex, never the other way round. m_HeartbeatMutex is
+// never held with m_ConnectionManageMutex. The queues' mutexes are leaves.
+// No lock of the apartment is held while a host callback runs, except
 // m_NodeManageMutex (recursive) while nodes hear an offline notice.
 //
 // A subclass supplies the transport: createSink, the URL/address
@@ -26,7 +32,10 @@
 #define APARTMENT_APARTMENT_H
 
 #include <atomic>
+#include <deque>
+#include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -49,16 +58,26 @@ public:
 
 class CApartment : public IApartmentExStub {
 public:
+    // Keyed by URL or node name; looked up with the caller's const char*
+    // as it is (no key string is built per lookup).
+    typedef std::map<std::string, CReference<IApartmentSink>, std::less<>> SinkMap;
+    typedef std::map<std::string, CReference<IApartmentNode>, std::less<>> NodeMap;
+
     // The length of a pass of the listen and communication threads, in ms:
     // it bounds how long stopping a thread takes.
     static const DWORD THREAD_PASS_MS = 100;
     // The most URL characters an apartment accepts.
     static const size_t MAX_APARTMENT_URL_LENGTH = 128;
+    // The most sinks one waitFrameOnSinks call serves.
+    static const unsigned int MAX_SINKS_PER_WAIT = 64;
+    // The environment variable that sets the maximum frame size.
+    static const char* const MAX_FRAME_BYTES_VARIABLE;
 
     CApartment();
     virtual ~CApartment();
 
-    // Lifecycle and identity.
+    // Lifecycle and identity. initApartment also reads the maximum frame
+    // size from the environment (see maxFrameSize).
     bool initApartment(const char* strApartmentUrl, bool bListen) override;
     void destroyApartment() override;
     bool getApartmentUrl(char* strApartmentUrl, DWORD& dwLen) const override;
@@ -71,6 +90,9 @@ public:
 
     // Connections. connectApartment runs on the caller's thread; it opens
     // the link and sends the connection frame without waiting for the peer.
+    // An existing link answers at once; while the same link (URL and class)
+    // is being opened by another thread it waits for that open and returns
+    // its outcome; opens of other links do not wait for each other.
     bool connectApartment(const char* strRemoteApartmentUrl, bool bRtConnection) override;
     bool hasConnection(const char* strRemoteApartmentUrl, bool bRtConnection) override;
     bool disconnectApartment(const char* strRemoteApartmentUrl, bool bRtConnection) override;
@@ -82,6 +104,9 @@ public:
     // stopped, and any thread but the locked one while dispatch is locked.
     bool getMessage(APARTMENT_TMSG& msg, timespec deadline) override;
     // 1 handled or deferred, 0 for APARTMENT_QUIT, -1 refused or unknown.
+    // A refused message (dispatch stopped, or locked to another thread) is
+    // dropped with its payload; so is one whose handler throws (1, with a
+    // diagnostic line). Never throws.
     int dispatchMessage(const APARTMENT_TMSG& msg) override;
     bool stopDispatchMessage() override;
     bool lockedDispatchThreadId(unsigned long& ulThreadId) override;
@@ -90,9 +115,13 @@ public:
     bool allowReentry(bool bAllowReentry) override;
 
     // Frames, written on the caller's thread. True when the frame was handed
-    // to the link whole. The request and response writers throw the stream's
-    // CAbstractStream::CStreamException* for a node name or destination URL
-    // that is not pure ASCII.
+    // to the link whole; false also for a node name or destination URL that
+    // is not pure ASCII (a request id is spent all the same). A request
+    // opens a missing link first (on this thread). A response never
+    // connects: without a link it is handed to the reply opener and true
+    // means it was accepted for the link being opened (a failed open or
+    // send is then reported by a diagnostic line); false that the bounds on
+    // waiting answers refused it.
     bool writeRequestFrame(const char* strApartmentNodeUrl, const char* strRemoteApartmentUrl,
                            const char* strRemoteApartmentNodeUrl, void* pRequestBuffer,
                            unsigned int uintBufLen, bool bRtConnection,
@@ -116,8 +145,20 @@ public:
     // Runs destroyApartment before the memory goes.
     void onFinalRelease() override;
     // Queues a message, into the cache queue while re-entry is refused and
-    // the message is a request or a connection-closed notice. Any thread.
+    // the message is a request or a connection-closed notice. Any thread,
+    // holding no apartment lock: once dispatch has stopped the message is
+    // dropped and its payload released here.
     void postMessage(const APARTMENT_TMSG& msg) override;
+    // postMessage of several messages, in order, taking each queue's lock
+    // once: a communication thread posts what one pass brought this way.
+    void postMessages(const APARTMENT_TMSG* pMessages, size_t count);
+
+    // The largest payload the apartment's non-real-time links accept and
+    // send: APARTMENT_DEFAULT_MAX_FRAME_SIZE, or the value of
+    // APARTMENT_MAX_FRAME_BYTES (1 to 4294967295) when initApartment read
+    // one. A frame announced above it closes its link at the header; a
+    // write above it fails at once and leaves the link untouched.
+    unsigned int maxFrameSize() const { return m_uintMaxFrameSize; }
 
 protected:
     // The transport. createSink returns an uninitialised sink with one
@@ -157,6 +198,30 @@ protected:
     void onAddConnection(IApartmentServerSink* pServerSink);
 
 private:
+    // An answer waiting for the link it is to go out on: what its payload
+    // is built from once the link, and so the local URL the payload names,
+    // exists.
+    struct _PENDING_REPLY {
+        std::string m_strNodeUrl;        // the answering node
+        std::string m_strRemoteNodeUrl;  // the requesting node
+        unsigned int m_uintRequestId = 0;
+        int m_intResponseCode = 0;
+        bool m_bHasData = false;  // a null buffer sends no data, whatever its length
+        std::vector<char> m_Data;
+    };
+    // A link being opened, by connectApartment on a host thread or by the
+    // reply opener. Its fields change under m_ConnectionManageMutex; the
+    // record outlives its map entry for as long as a waiter holds it.
+    struct _LINK_OPEN {
+        bool m_bStarted = false;     // an opener works on it (else queued for the reply opener)
+        bool m_bDone = false;        // the open has finished
+        bool m_bOpened = false;      // ... and the link was filed
+        bool m_bForReplies = false;  // made for answers: counts against MAX_REPLY_OPENS
+        std::vector<_PENDING_REPLY> m_Replies;  // sent on the link once it is open
+    };
+    // Remote apartment URL, and true for the real-time class.
+    typedef std::pair<std::string, bool> LINK_KEY;
+
     struct _HEARTBEAT_INFO {
         std::string m_strRemoteApartmentUrl;
         unsigned int m_uintAliveCounter;
@@ -164,6 +229,9 @@ private:
     };
 
     bool allowMessage(const APARTMENT_TMSG& msg) const;
+    // Runs the handler of a message that passed the gate and re-entry
+    // control; dispatchMessage's result. May throw (a host callback).
+    int dispatchAllowed(const APARTMENT_TMSG& msg);
     bool dispatchGatePasses() const;
     // Caller holds m_ConnectionManageMutex.
     bool loopbackApartment(const char* strRemoteApartmentUrl) const;
@@ -171,15 +239,68 @@ private:
     // this apartment's own URL), as a counted reference, or empty.
     CReference<IApartmentSink> findLink(const char* strRemoteApartmentUrl, bool bRtConnection,
                                         bool* pbLoopback = nullptr);
-    std::map<std::string, CReference<IApartmentSink>>& sinkMap(bool bRtConnection);
+    SinkMap& sinkMap(bool bRtConnection);
+    // Creates the client sink, connects (up to its connect time-out), sends
+    // the connection frame and files the link. Caller's thread, no lock
+    // held; the caller owns the open's entry in m_LinkOpens.
+    bool openLink(const LINK_KEY& key);
+    // Runs openLink for an open whose entry the caller has marked started,
+    // then finishLinkOpen, also when openLink throws.
+    bool runLinkOpen(const LINK_KEY& key, const std::shared_ptr<_LINK_OPEN>& open);
+    // Records the outcome of an open, removes its entry, wakes whoever
+    // waits for it, and sends the answers that waited for the link (or
+    // drops them with a diagnostic line). No lock held by the caller.
+    void finishLinkOpen(const LINK_KEY& key, const std::shared_ptr<_LINK_OPEN>& open,
+                        bool bOpened);
+    // The link for a URL as findLink finds it; m_ConnectionManageMutex held.
+    CReference<IApartmentSink> linkLocked(const char* strRemoteApartmentUrl, bool bRtConnection,
+                                          bool* pbLoopback);
+    // Hands an answer to the link being opened for its URL (queueing an
+    // open for the reply opener when there is none), or sends it if the
+    // link has been filed meanwhile. False, with a diagnostic line, when
+    // the bounds on waiting answers refuse it. Never connects.
+    bool queueReply(const LINK_KEY& key, _PENDING_REPLY&& reply);
+    // What an answer counts against MAX_PENDING_REPLY_BYTES.
+    static size_t replyCost(const _PENDING_REPLY& reply);
+    // Builds the response's fields for a link and sends them there with the
+    // data (a queued answer's own copy, or the caller's buffer as it is).
+    bool sendReply(IApartmentSink* pLink, const char* strRemoteApartmentUrl,
+                   const _PENDING_REPLY& reply);
+    bool sendReply(IApartmentSink* pLink, const char* strRemoteApartmentUrl,
+                   const char* strApartmentNodeUrl, const char* strRemoteApartmentNodeUrl,
+                   unsigned int uintRequestId, int intResponseCode, const void* pData,
+                   unsigned int uintDataSize);
+    void deliverReplies(const LINK_KEY& key, std::vector<_PENDING_REPLY>& replies, bool bOpened);
+    // One pass of the reply opener: opens the oldest queued link, or waits
+    // up to dwTimeout ms for one to be queued.
+    void openQueuedReplyLink(DWORD dwTimeout);
+    // At tear-down, after the reply opener stopped: the queued opens fail,
+    // and their answers are dropped.
+    void dropQueuedReplyOpens();
+    // Runs build(); false when the codec refused a name or URL that is not
+    // pure ASCII.
+    template <class Build>
+    static bool encodes(Build&& build);
+    // The link to a remote apartment, opened first when there is none (a
+    // request writer's first frame to a new remote opens the link on its
+    // thread); empty when it cannot be had.
+    CReference<IApartmentSink> linkOrConnect(const char* strRemoteApartmentUrl, bool bRtConnection);
     // Sends a built payload on a link; frees nothing of the caller's.
     static bool sendPayload(IApartmentSink* pSink, unsigned int uintFrameType,
                             const std::vector<char>& payload);
     // Releases what a message's wParam carries, for messages that will never
     // be dispatched.
     static void releaseMessagePayload(const APARTMENT_TMSG& msg);
+    // Pushes the message, or releases its payload when the queue refuses it
+    // (dispatch has stopped). Any thread; no apartment lock may be held, as
+    // the release may destroy a sink or a node.
+    static void queueOrRelease(CMessageQueue& queue, const APARTMENT_TMSG& msg);
 
     void listenConnection(DWORD dwTimeout);
+    // One pass of a library thread: an exception is reported, the pass
+    // given up, and the thread rests one pass length before the next.
+    template <class F>
+    void runThreadPass(const char* where, F&& pass);
     void createListenThread();
     void destroyListenThread();
     void createNonRtCommunicationThread();
@@ -189,24 +310,38 @@ private:
     static void* apartmentListenThreadFunc(void* pParam);
     static void* apartmentNonRtCommunicationThreadFunc(void* pParam);
     static void* apartmentRtCommunicationThreadFunc(void* pParam);
+    void createReplyOpenerThread();
+    void destroyReplyOpenerThread();
+    static void* apartmentReplyOpenerThreadFunc(void* pParam);
 
     std::string m_strApartmentUrl;
     CReference<IApartmentListenSink> m_ListenSink;
+    // Set by initApartment before any sink exists; read-only afterwards.
+    unsigned int m_uintMaxFrameSize;
 
-    // Serialises connectApartment from its look-up to the new sink's filing,
-    // so that threads writing their first frames to a remote at once share
-    // one new link instead of each opening one that all but one would drop
-    // (with what was already written on it). Held while a link is opened
-    // (up to the connect time-out); taken before m_ConnectionManageMutex,
-    // never while holding it or the node mutex.
-    OS::TBaseMutex m_ConnectOpenMutex;
-    // Guards the two sink maps, the loopback URL and both loopback slots.
-    // m_ConnectionNotEmptyCondition wakes an idle communication thread when
-    // a sink becomes available.
+    // Guards the two sink maps, the loopback URL, both loopback slots and
+    // m_LinkOpens. m_ConnectionNotEmptyCondition wakes an idle communication
+    // thread when a sink becomes available; m_LinkOpenCondition wakes the
+    // threads waiting for a link being opened when an open finishes, and
+    // the reply opener when an open is queued for it. Never held while a
+    // link is opened or a frame sent.
     OS::TBaseMutex m_ConnectionManageMutex;
     OS::TCondition m_ConnectionNotEmptyCondition;
-    std::map<std::string, CReference<IApartmentSink>> m_NonRtCommunicationSinkMap;
-    std::map<std::string, CReference<IApartmentSink>> m_RtCommunicationSinkMap;
+    OS::TCondition m_LinkOpenCondition;
+    // The links being opened, by remote URL and class, so that threads
+    // writing their first frames to one remote at once share one new link
+    // instead of each opening one that all but one would drop (with what
+    // was already written on it), while opens to other remotes go on.
+    std::map<LINK_KEY, std::shared_ptr<_LINK_OPEN>> m_LinkOpens;
+    // The reply opener's work: the opens made for answers and not yet
+    // started, oldest first; with the number of such opens (queued or under
+    // way) and the bytes their answers count. Guarded by
+    // m_ConnectionManageMutex.
+    std::deque<LINK_KEY> m_ReplyOpenQueue;
+    size_t m_uintReplyOpens = 0;
+    size_t m_uintPendingReplyBytes = 0;
+    SinkMap m_NonRtCommunicationSinkMap;
+    SinkMap m_RtCommunicationSinkMap;
     std::string m_strLoopbackApartmentUrl;
     CReference<IApartmentSink> m_LoopbackClientSink;
     CReference<IApartmentSink> m_LoopbackServerSink;
@@ -214,7 +349,7 @@ private:
     // Guards m_ApartmentNodeMap; recursive because node callbacks run under
     // it and may come back to the apartment.
     OS::TRecursiveMutex m_NodeManageMutex;
-    std::map<std::string, CReference<IApartmentNode>> m_ApartmentNodeMap;
+    NodeMap m_ApartmentNodeMap;
 
     // Guards m_apartmentCallback, which the real-time thread reads while a
     // host thread may replace it. Never held during a callback.
@@ -233,9 +368,13 @@ private:
     pthread_t m_hNonRtCommunicationThread;
     std::atomic<bool> m_bKeepRtCommunication;
     pthread_t m_hRtCommunicationThread;
+    // The reply opener: started by the first answer that has no link to go
+    // out on, stopped first in destroyApartment.
+    std::atomic<bool> m_bKeepReplyOpener;
+    pthread_t m_hReplyOpenerThread;
     // Starting a communication thread may race between the dispatching
     // thread (addApartmentSink) and a connecting host thread: this guards
-    // the thread handles.
+    // the thread handles (the reply opener's too).
     OS::TBaseMutex m_ThreadControlMutex;
 
     CMessageQueue m_ApartmentMsgQueue;

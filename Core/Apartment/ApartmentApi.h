@@ -9,7 +9,23 @@
 // Results: bool functions return false when the library is not initialised,
 // the apartment is unknown or the operation failed. Status functions return
 // 0 or an APARTMENT_ERROR. Timer functions return the timer id, or
-// 4294967295. No function throws.
+// 4294967295.
+//
+// No function throws. Whatever is thrown inside a call (an allocation
+// failure, an exception from a host callback that the call runs) is caught
+// at the boundary, reported as one "[Apartment Error]" line on standard
+// output, and the call returns its failure value:
+//   bool functions                         false
+//   status functions (int, 0 on success)   APARTMENT_METHOD_FAILED (-4)
+//   apartment_dispatch_message             -1
+//   apartment_set_timer, _single_timer     4294967295
+//   apartment_get_module_version           null
+//   apartment_uninitialize                 returns; a later call finishes
+// A callback that throws while its message is dispatched costs that message
+// only: it is dropped (what it carries is released) with one diagnostic
+// line, and dispatching goes on (apartment_dispatch_message returns 1).
+// The same holds on the library's own threads: an exception there drops
+// the connection, frame or timer firing at hand, never the process.
 //
 // Threads: call apartment_initialize and apartment_uninitialize from one
 // thread while no other call runs. Between them any thread may call any
@@ -27,12 +43,12 @@
 //
 // Links: a link to a remote apartment is opened on first use (or by
 // apartment_connect_remote) without waiting for the peer, one per remote URL
-// and class. Two threads that open the same new link at the same moment
-// both open one, and the apartments keep one each by their own rule, which
-// may lose the other's traffic: when several threads will talk to a new
-// remote, call apartment_connect_remote once before they start. Likewise,
-// after a link closes, reconnect only once the close notice
-// (onApartmentOffline) has been dispatched.
+// and class. A URL that is already linked is answered at once. Threads that
+// need the same new link at the same moment share one open: the first
+// opens it, the others wait for that open (at most its 1000 ms connect
+// time-out) and share its outcome. Opening one link never holds up threads
+// that use or open other links. A peer that closes its link and at once
+// connects again under the same URL is served on its new link.
 //
 // Out-arguments declared as references to constants (uintRequestId,
 // intResponseCode, uintBufLen, dwLen) are written all the same; the
@@ -134,6 +150,16 @@ APARTMENT_API int apartment_node_write_notify(const char* strApartmentUrl,
                                               const char* strRemoteNodeUrl,
                                               void* pRequestBuffer, unsigned int uintBufLen,
                                               const unsigned int& uintRequestId);
+// Answers a request: strRemoteApartmentUrl and strRemoteNodeUrl are the
+// request's source apartment and node, uintRequestId its id. Never waits
+// for a connect. With a link to that apartment (normally the one the
+// request came in on) 0 means the frame was handed to it. Without one the
+// answer is handed to a link that the library opens off the calling thread
+// (at most 8 such opens and 16 MiB of waiting answers at a time), and 0
+// means it was accepted for that link: should the open or the send fail,
+// the answer is dropped with a diagnostic line. -4 when the link's send
+// failed, a name is not pure ASCII, or those bounds refuse the answer (a
+// diagnostic line says so).
 APARTMENT_API int apartment_node_write_response(const char* strApartmentUrl,
                                                 const char* strNodeUrl,
                                                 const char* strRemoteApartmentUrl,

@@ -12,18 +12,35 @@ class IApartmentFrameStub : public TRootStub<IApartmentFrame> {};
 class CApartmentFrame : public IApartmentFrameStub {
 public:
     // Allocates exactly uintFrameSize bytes (none for 0) for the receiver to
-    // fill.
+    // fill; throws std::bad_alloc when it cannot.
     CApartmentFrame(unsigned int uintFrameType, unsigned int uintFrameSize);
+    // Takes pFrameBuffer (uintFrameSize bytes from new[], or null for 0) as
+    // the payload, already filled: a large payload read straight into its
+    // own buffer is not copied again.
+    CApartmentFrame(unsigned int uintFrameType, unsigned int uintFrameSize, char* pFrameBuffer);
     virtual ~CApartmentFrame();
+
+    // A frame holding a copy of the uintFrameSize bytes at pPayload, in one
+    // allocation with the object (what a small frame costs per arrival);
+    // null when there is no memory. Count 1, as from new.
+    static CApartmentFrame* createCopy(unsigned int uintFrameType, unsigned int uintFrameSize,
+                                       const char* pPayload);
+    // Frames are deleted by their last releaseRef; createCopy's frames
+    // share their allocation with the payload.
+    static void operator delete(void* pFrame) { ::operator delete(pFrame); }
 
     unsigned int getFrameType() override { return m_uintFrameType; }
     unsigned int getFrameSize() override { return m_uintFrameSize; }
     char* getFrameBuffer() override { return m_pFrameBuffer; }
 
 private:
+    struct InlinePayload {};
+    CApartmentFrame(unsigned int uintFrameType, unsigned int uintFrameSize, InlinePayload);
+
     unsigned int m_uintFrameType;
     unsigned int m_uintFrameSize;
     char* m_pFrameBuffer;
+    bool m_bOwnsBuffer;  // false when the payload sits in the object's own allocation
 };
 
 #endif

@@ -5,138 +5,283 @@
 #include <new>
 #include <utility>
 
-#include "FieldKit/BoundedStream/BoundedStream.h"
+#include "FieldKit/BoundedStream/AbstractStream.h"
+#include "FieldKit/Environment/EndianType.h"
+#include "GroundKit/OS/OS_UTF8Helper.h"
 
 namespace {
 
 typedef CAbstractStream::CStreamException StreamException;
 
-// Every writer builds in a stream without bound that grows by 512 bytes.
-const size_t PAYLOAD_BLOCK_SIZE = 512;
+[[noreturn]] void fail(int32_t iCode) { throw new StreamException(iCode); }
+
+bool isAsciiText(const char* pText, size_t length) {
+    for (size_t i = 0; i < length; ++i) {
+        const unsigned char byte = static_cast<unsigned char>(pText[i]);
+        if (byte == 0 || byte >= 0x80) return false;
+    }
+    return true;
+}
+
+// Fields are written straight into one exactly sized array and read straight
+// out of the received buffer, with the encodings of the serialisation
+// streams (FieldKit/BoundedStream): no call into a byte store per field,
+// one allocation per payload built.
+class Writer {
+public:
+    // A node name or destination URL: pure ASCII, else (or for null)
+    // UNEXPECTED_VALUE_ERROR before anything is written.
+    void text(const char* pText) {
+        if (pText == nullptr) fail(StreamException::UNEXPECTED_VALUE_ERROR);
+        size_t length = 0;
+        for (; pText[length] != '\0'; ++length)
+            if (static_cast<unsigned char>(pText[length]) >= 0x80)
+                fail(StreamException::UNEXPECTED_VALUE_ERROR);
+        m_texts[m_count++] = Text{pText, length};
+    }
+    // The sender's own URL: carried as UTF-8.
+    void localText(std::string_view text) {
+        if (isAsciiText(text.data(), text.size())) {
+            m_texts[m_count++] = Text{text.data(), text.size()};
+        } else {
+            m_converted = OS::UTF8Helper::oemToUTF8(std::string(text));
+            m_texts[m_count++] = Text{m_converted.data(), m_converted.size()};
+        }
+    }
+    // The size of the texts laid down, with `tailSize` bytes after them.
+    size_t size(size_t tailSize) const {
+        size_t size = tailSize;
+        for (unsigned int i = 0; i < m_count; ++i) {
+            if (m_texts[i].length > UINT32_MAX) fail(StreamException::NOT_ENOUGH_SPACE);
+            size += 4 + m_texts[i].length;
+        }
+        return size;
+    }
+    // Lays the texts down at p; returns where the tail goes.
+    char* write(char* p) const {
+        for (unsigned int i = 0; i < m_count; ++i) {
+            p = putU32(p, static_cast<uint32_t>(m_texts[i].length));
+            if (m_texts[i].length != 0) std::memcpy(p, m_texts[i].pText, m_texts[i].length);
+            p += m_texts[i].length;
+        }
+        return p;
+    }
+    std::vector<char> take(size_t tailSize, char*& pTail) const {
+        std::vector<char> payload(size(tailSize));
+        pTail = write(payload.data());
+        return payload;
+    }
+    static char* putU32(char* p, uint32_t value) {
+        CEndianType::hostToNetwork(value);
+        std::memcpy(p, &value, 4);
+        return p + 4;
+    }
+
+private:
+    struct Text {
+        const char* pText;
+        size_t length;
+    };
+    Text m_texts[4];
+    unsigned int m_count = 0;
+    std::string m_converted;
+};
+
+// Reads fields off a received buffer; false once a field runs past its end.
+class Reader {
+public:
+    Reader(const char* pBuffer, unsigned int uintSize) : m_p(pBuffer), m_left(uintSize) {}
+
+    bool u32(uint32_t& value) {
+        if (m_left < 4) return false;
+        std::memcpy(&value, m_p, 4);
+        value = CEndianType::networkToHost(value);
+        m_p += 4;
+        m_left -= 4;
+        return true;
+    }
+    bool i32(int& value) {
+        uint32_t bits = 0;
+        if (!u32(bits)) return false;
+        std::memcpy(&value, &bits, sizeof value);
+        return true;
+    }
+    bool flag(bool& value) {
+        if (m_left < 1) return false;
+        value = *m_p != 0;
+        ++m_p;
+        --m_left;
+        return true;
+    }
+    // UTF-8 on the wire, the local code page in memory (ASCII is the same
+    // in both; anything else is converted, up to a zero byte as C text).
+    bool text(std::string& value) {
+        uint32_t length = 0;
+        if (!u32(length) || length > m_left) return false;
+        if (isAsciiText(m_p, length))
+            value.assign(m_p, length);
+        else
+            value = OS::UTF8Helper::oemFromUTF8(std::string(m_p, length).c_str());
+        m_p += length;
+        m_left -= length;
+        return true;
+    }
+    // The rest is the data, pointed at where it lies.
+    template <class Payload>
+    void rest(Payload& payload) {
+        payload.m_uintDataSize = m_left;
+        payload.m_pData = m_left != 0 ? m_p : nullptr;
+    }
+
+private:
+    const char* m_p;
+    unsigned int m_left;
+};
 
 // The addressing fields that open request and response payloads.
-void writeRoute(CAbstractStream& stream, const std::string& strLocalApartmentUrl,
+void writeRoute(Writer& writer, std::string_view strLocalApartmentUrl,
                 const char* strSourceNodeUrl, const char* strTargetApartmentUrl,
-                const char* strTargetNodeUrl, unsigned int uintRequestId) {
-    stream << strLocalApartmentUrl << strSourceNodeUrl << strTargetApartmentUrl
-           << strTargetNodeUrl << uintRequestId;
+                const char* strTargetNodeUrl) {
+    writer.localText(strLocalApartmentUrl);
+    writer.text(strSourceNodeUrl);
+    writer.text(strTargetApartmentUrl);
+    writer.text(strTargetNodeUrl);
 }
 
 template <class Payload>
-void readRoute(CAbstractStream& stream, Payload& payload) {
-    stream >> payload.m_strSourceApartmentUrl >> payload.m_strSourceNodeUrl >>
-        payload.m_strTargetApartmentUrl >> payload.m_strTargetNodeUrl >> payload.m_uintRequestId;
+bool readRoute(Reader& reader, Payload& payload) {
+    return reader.text(payload.m_strSourceApartmentUrl) && reader.text(payload.m_strSourceNodeUrl) &&
+           reader.text(payload.m_strTargetApartmentUrl) &&
+           reader.text(payload.m_strTargetNodeUrl) && reader.u32(payload.m_uintRequestId);
 }
 
 // Appends the opaque data without a prefix; the whole payload must stay
 // within the header's 32-bit size field.
-void writeData(CAbstractStream& stream, const void* pBuffer, unsigned int uintBufLen) {
+void appendData(std::vector<char>& payload, const void* pBuffer, unsigned int uintBufLen) {
     if (pBuffer == nullptr || uintBufLen == 0) return;
-    if (uintBufLen > UINT32_MAX - stream.getLength()) {
-        throw new StreamException(StreamException::NOT_ENOUGH_SPACE);
-    }
-    stream.writeObject(pBuffer, uintBufLen);
-}
-
-// Copies the whole stream into an exactly sized array.
-std::vector<char> takeAll(CAbstractStream& stream) {
-    std::vector<char> payload(stream.getLength());
-    stream.readObject(payload.data(), payload.size());
-    return payload;
-}
-
-void readData(CAbstractStream& stream, std::vector<char>& vecData) {
-    const size_t remaining = stream.getLength();
-    vecData.resize(remaining);
-    if (remaining != 0) stream.readObject(vecData.data(), remaining);
-}
-
-// Attaches a reading stream over the frame, marks all its bytes readable,
-// and runs `read` on it. The stream exception never leaves.
-template <class Read>
-bool parseInPlace(char* pFrameBuffer, unsigned int uintFrameSize, Read read) {
-    try {
-        CCacheStream stream(0);
-        if (!stream.attach(pFrameBuffer, uintFrameSize)) return false;
-        stream.writeObject(pFrameBuffer, uintFrameSize);
-        read(stream);
-        return true;
-    } catch (StreamException* pException) {
-        delete pException;
-    } catch (const std::bad_alloc&) {
-    }
-    return false;
+    if (uintBufLen > UINT32_MAX - payload.size()) fail(StreamException::NOT_ENOUGH_SPACE);
+    const char* pBytes = static_cast<const char*>(pBuffer);
+    payload.insert(payload.end(), pBytes, pBytes + uintBufLen);
 }
 
 }  // namespace
+
+char* CPayloadHead::allocate(size_t size) {
+    if (size > UINT32_MAX) throw new CAbstractStream::CStreamException(
+        CAbstractStream::CStreamException::NOT_ENOUGH_SPACE);
+    m_uintSize = static_cast<unsigned int>(size);
+    if (size <= sizeof m_inline) {
+        m_pData = m_inline;
+    } else {
+        m_heap.resize(size);
+        m_pData = m_heap.data();
+    }
+    return m_pData;
+}
+
+void CApartmentFrameCodec::buildRequestHead(CPayloadHead& head,
+                                            std::string_view strLocalApartmentUrl,
+                                            const char* strSourceNodeUrl,
+                                            const char* strTargetApartmentUrl,
+                                            const char* strTargetNodeUrl,
+                                            unsigned int uintRequestId, bool bRequireResponse) {
+    Writer writer;
+    writeRoute(writer, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
+               strTargetNodeUrl);
+    char* tail = writer.write(head.allocate(writer.size(5)));
+    tail = Writer::putU32(tail, uintRequestId);
+    *tail = bRequireResponse ? 1 : 0;
+}
+
+void CApartmentFrameCodec::buildResponseHead(CPayloadHead& head,
+                                             std::string_view strLocalApartmentUrl,
+                                             const char* strSourceNodeUrl,
+                                             const char* strTargetApartmentUrl,
+                                             const char* strTargetNodeUrl,
+                                             unsigned int uintRequestId, int intResponseCode) {
+    Writer writer;
+    writeRoute(writer, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
+               strTargetNodeUrl);
+    char* tail = writer.write(head.allocate(writer.size(8)));
+    tail = Writer::putU32(tail, uintRequestId);
+    uint32_t code = 0;
+    std::memcpy(&code, &intResponseCode, sizeof code);
+    Writer::putU32(tail, code);
+}
 
 std::vector<char> CApartmentFrameCodec::buildRequestPayload(
     const std::string& strLocalApartmentUrl, const char* strSourceNodeUrl,
     const char* strTargetApartmentUrl, const char* strTargetNodeUrl, unsigned int uintRequestId,
     bool bRequireResponse, const void* pRequestBuffer, unsigned int uintBufLen) {
-    CBoundedStream stream(0, PAYLOAD_BLOCK_SIZE);
-    writeRoute(stream, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
-               strTargetNodeUrl, uintRequestId);
-    stream << bRequireResponse;
-    writeData(stream, pRequestBuffer, uintBufLen);
-    return takeAll(stream);
+    CPayloadHead head;
+    buildRequestHead(head, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
+                     strTargetNodeUrl, uintRequestId, bRequireResponse);
+    std::vector<char> payload(head.data(), head.data() + head.size());
+    appendData(payload, pRequestBuffer, uintBufLen);
+    return payload;
 }
 
 std::vector<char> CApartmentFrameCodec::buildResponsePayload(
     const std::string& strLocalApartmentUrl, const char* strSourceNodeUrl,
     const char* strTargetApartmentUrl, const char* strTargetNodeUrl, unsigned int uintRequestId,
     int intResponseCode, const void* pResponseBuffer, unsigned int uintBufLen) {
-    CBoundedStream stream(0, PAYLOAD_BLOCK_SIZE);
-    writeRoute(stream, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
-               strTargetNodeUrl, uintRequestId);
-    stream << intResponseCode;
-    writeData(stream, pResponseBuffer, uintBufLen);
-    return takeAll(stream);
+    CPayloadHead head;
+    buildResponseHead(head, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
+                      strTargetNodeUrl, uintRequestId, intResponseCode);
+    std::vector<char> payload(head.data(), head.data() + head.size());
+    appendData(payload, pResponseBuffer, uintBufLen);
+    return payload;
 }
 
-std::vector<char> CApartmentFrameCodec::buildAlivePayload(const std::string& strLocalApartmentUrl,
+std::vector<char> CApartmentFrameCodec::buildAlivePayload(std::string_view strLocalApartmentUrl,
                                                           unsigned int uintTimerId) {
-    CBoundedStream stream(0, PAYLOAD_BLOCK_SIZE);
-    stream << strLocalApartmentUrl << uintTimerId;
-    return takeAll(stream);
+    Writer writer;
+    writer.localText(strLocalApartmentUrl);
+    char* tail = nullptr;
+    std::vector<char> payload = writer.take(4, tail);
+    Writer::putU32(tail, uintTimerId);
+    return payload;
 }
 
 bool CApartmentFrameCodec::parseRequestPayload(char* pFrameBuffer, unsigned int uintFrameSize,
                                                APARTMENT_REQUEST_PAYLOAD& payload) {
-    APARTMENT_REQUEST_PAYLOAD parsed;
-    if (!parseInPlace(pFrameBuffer, uintFrameSize, [&parsed](CAbstractStream& stream) {
-            readRoute(stream, parsed);
-            stream >> parsed.m_bRequireResponse;
-            readData(stream, parsed.m_vecData);
-        })) {
+    if (pFrameBuffer == nullptr && uintFrameSize != 0) return false;
+    APARTMENT_REQUEST_PAYLOAD& parsed = payload;  // its strings' room is reused
+    Reader reader(pFrameBuffer, uintFrameSize);
+    try {
+        if (!readRoute(reader, parsed) || !reader.flag(parsed.m_bRequireResponse)) return false;
+    } catch (const std::bad_alloc&) {
         return false;
     }
-    payload = std::move(parsed);
+    reader.rest(parsed);
     return true;
 }
 
 bool CApartmentFrameCodec::parseResponsePayload(char* pFrameBuffer, unsigned int uintFrameSize,
                                                 APARTMENT_RESPONSE_PAYLOAD& payload) {
-    APARTMENT_RESPONSE_PAYLOAD parsed;
-    if (!parseInPlace(pFrameBuffer, uintFrameSize, [&parsed](CAbstractStream& stream) {
-            readRoute(stream, parsed);
-            stream >> parsed.m_intResponseCode;
-            readData(stream, parsed.m_vecData);
-        })) {
+    if (pFrameBuffer == nullptr && uintFrameSize != 0) return false;
+    APARTMENT_RESPONSE_PAYLOAD& parsed = payload;  // its strings' room is reused
+    Reader reader(pFrameBuffer, uintFrameSize);
+    try {
+        if (!readRoute(reader, parsed) || !reader.i32(parsed.m_intResponseCode)) return false;
+    } catch (const std::bad_alloc&) {
         return false;
     }
-    payload = std::move(parsed);
+    reader.rest(parsed);
     return true;
 }
 
 bool CApartmentFrameCodec::parseAlivePayload(char* pFrameBuffer, unsigned int uintFrameSize,
                                              APARTMENT_ALIVE_PAYLOAD& payload) {
+    if (pFrameBuffer == nullptr && uintFrameSize != 0) return false;
     APARTMENT_ALIVE_PAYLOAD parsed;
+    Reader reader(pFrameBuffer, uintFrameSize);
     // Anything after the timer id is ignored, as the heartbeat reads only
     // these two fields.
-    if (!parseInPlace(pFrameBuffer, uintFrameSize, [&parsed](CAbstractStream& stream) {
-            stream >> parsed.m_strSenderApartmentUrl >> parsed.m_uintTimerId;
-        })) {
+    try {
+        if (!reader.text(parsed.m_strSenderApartmentUrl) || !reader.u32(parsed.m_uintTimerId))
+            return false;
+    } catch (const std::bad_alloc&) {
         return false;
     }
     payload = std::move(parsed);

@@ -14,6 +14,11 @@
 //   connection  a fixed block, not a stream: u8 real-time flag, 128 bytes of
 //             the connecting apartment's URL padded with zeros, u8 zero
 //
+// The encodings are those of the serialisation streams (FieldKit/
+// BoundedStream), applied directly: a payload is built into one exactly
+// sized array and parsed in place, without a call into a byte store per
+// field (which, per frame, cost more than the rest of the codec).
+//
 // The build operations throw; the parse operations never throw. Everything
 // is static and stateless: any thread may call it.
 #ifndef APARTMENT_APARTMENTFRAMECODEC_H
@@ -21,6 +26,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 // Size of the connection frame's payload, and the most URL bytes it carries.
@@ -35,7 +41,10 @@ typedef struct _APARTMENT_REQUEST_PAYLOAD {
     std::string m_strTargetNodeUrl;
     unsigned int m_uintRequestId = 0;
     bool m_bRequireResponse = false;
-    std::vector<char> m_vecData;  // the opaque request data; empty when none
+    // The opaque request data, in place in the parsed buffer (null when
+    // there is none): valid while that buffer is.
+    const char* m_pData = nullptr;
+    unsigned int m_uintDataSize = 0;
 } APARTMENT_REQUEST_PAYLOAD;
 
 // Fields of a received response payload.
@@ -46,7 +55,9 @@ typedef struct _APARTMENT_RESPONSE_PAYLOAD {
     std::string m_strTargetNodeUrl;
     unsigned int m_uintRequestId = 0;
     int m_intResponseCode = 0;
-    std::vector<char> m_vecData;  // the opaque response data; empty when none
+    // The opaque response data, in place as for a request.
+    const char* m_pData = nullptr;
+    unsigned int m_uintDataSize = 0;
 } APARTMENT_RESPONSE_PAYLOAD;
 
 // Fields of a received alive (or alive-acknowledge) payload.
@@ -54,6 +65,27 @@ typedef struct _APARTMENT_ALIVE_PAYLOAD {
     std::string m_strSenderApartmentUrl;
     unsigned int m_uintTimerId = 0;
 } APARTMENT_ALIVE_PAYLOAD;
+
+// A payload's fields as built for sending: held in the object when short
+// (the usual case), so that a writer allocates nothing for them. Not
+// copyable: data() may point into the object itself.
+class CPayloadHead {
+public:
+    CPayloadHead() = default;
+    CPayloadHead(const CPayloadHead&) = delete;
+    CPayloadHead& operator=(const CPayloadHead&) = delete;
+
+    const char* data() const { return m_pData; }
+    unsigned int size() const { return m_uintSize; }
+    // Room for `size` bytes, which the builder fills.
+    char* allocate(size_t size);
+
+private:
+    char m_inline[256];
+    std::vector<char> m_heap;
+    char* m_pData = m_inline;
+    unsigned int m_uintSize = 0;
+};
 
 class CApartmentFrameCodec {
 public:
@@ -83,15 +115,28 @@ public:
                                                   unsigned int uintRequestId, int intResponseCode,
                                                   const void* pResponseBuffer,
                                                   unsigned int uintBufLen);
-    static std::vector<char> buildAlivePayload(const std::string& strLocalApartmentUrl,
+    // The fields alone, without the data, into `head`: the frame writers
+    // send the caller's data after them as it is, without copying it in.
+    // Throws as the payload builders do.
+    static void buildRequestHead(CPayloadHead& head, std::string_view strLocalApartmentUrl,
+                                 const char* strSourceNodeUrl, const char* strTargetApartmentUrl,
+                                 const char* strTargetNodeUrl, unsigned int uintRequestId,
+                                 bool bRequireResponse);
+    static void buildResponseHead(CPayloadHead& head, std::string_view strLocalApartmentUrl,
+                                  const char* strSourceNodeUrl, const char* strTargetApartmentUrl,
+                                  const char* strTargetNodeUrl, unsigned int uintRequestId,
+                                  int intResponseCode);
+    static std::vector<char> buildAlivePayload(std::string_view strLocalApartmentUrl,
                                                unsigned int uintTimerId);
 
     // Each parse operation reads a received payload of uintFrameSize bytes in
     // place (pFrameBuffer may be null when the size is 0; its bytes are not
-    // changed) and copies only the trailing data out. False means the
-    // payload is malformed (it ends inside a field, or a string's count runs
-    // past its end): the caller drops the frame silently. On false `payload`
-    // is left as it was. They never throw.
+    // changed); the fields are copied into `payload` (whose strings keep
+    // their room, so a reused payload costs no allocation), the trailing
+    // data is pointed at where it lies. False means the payload is
+    // malformed (it ends inside a field, or a string's count runs past its
+    // end): the caller drops the frame silently, and the fields of
+    // `payload` are then unspecified. They never throw.
     static bool parseRequestPayload(char* pFrameBuffer, unsigned int uintFrameSize,
                                     APARTMENT_REQUEST_PAYLOAD& payload);
     static bool parseResponsePayload(char* pFrameBuffer, unsigned int uintFrameSize,

@@ -1,5 +1,7 @@
 #include "ApartmentManager.h"
 
+#include <string_view>
+
 #include <vector>
 
 #include "ApartmentFactory.h"
@@ -36,7 +38,7 @@ IApartment* CApartmentManager::createApartment(const char* strApartmentUrl, bool
 IApartment* CApartmentManager::findApartment(const char* strApartmentUrl) {
     if (strApartmentUrl == nullptr) return nullptr;
     TAutoMutex<OS::TRecursiveMutex> lock(&m_ApartmentMutex);
-    auto it = m_ApartmentMap.find(strApartmentUrl);
+    auto it = m_ApartmentMap.find(std::string_view(strApartmentUrl));
     if (it == m_ApartmentMap.end()) return nullptr;
     it->second->addRef();
     return it->second;

@@ -9,6 +9,7 @@
 #ifndef APARTMENT_APARTMENTMANAGER_H
 #define APARTMENT_APARTMENTMANAGER_H
 
+#include <functional>
 #include <map>
 #include <string>
 
@@ -42,7 +43,8 @@ private:
     ~CApartmentManager() = default;
 
     OS::TRecursiveMutex m_ApartmentMutex;  // guards m_ApartmentMap
-    std::map<std::string, CReference<IApartment>> m_ApartmentMap;
+    // Looked up with the caller's const char* as it is.
+    std::map<std::string, CReference<IApartment>, std::less<>> m_ApartmentMap;
 
     static CApartmentManager* m_pUniqueApartmentManager;
 };

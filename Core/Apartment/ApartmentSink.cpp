@@ -125,6 +125,20 @@ int CApartmentSink::compareConnection(const IApartmentSink* pOther) const {
     return std::strcmp(myAddress.c_str(), otherAddress.c_str());
 }
 
+bool CApartmentSink::sendFrameParts(const unsigned int& uintFrameType, const void* pHead,
+                                    unsigned int uintHeadSize, const void* pTail,
+                                    unsigned int uintTailSize) {
+    if (uintTailSize == 0 || pTail == nullptr) return sendFrame(uintFrameType, pHead, uintHeadSize);
+    if (uintHeadSize == 0 || pHead == nullptr) return sendFrame(uintFrameType, pTail, uintTailSize);
+    if (uintTailSize > 0xFFFFFFFFu - uintHeadSize) return false;
+    std::vector<char> joined(static_cast<const char*>(pHead),
+                             static_cast<const char*>(pHead) + uintHeadSize);
+    joined.insert(joined.end(), static_cast<const char*>(pTail),
+                  static_cast<const char*>(pTail) + uintTailSize);
+    const unsigned int size = static_cast<unsigned int>(joined.size());
+    return sendFrame(uintFrameType, joined.data(), size);
+}
+
 bool CApartmentSinkHelper::getLocalApartmentUrl(const IApartmentSink* pSink, std::string& out) {
     return getAsString(pSink, &IApartmentSink::getLocalApartmentUrl, out);
 }

@@ -41,6 +41,11 @@ public:
     // its peer's, so that a server sink and the peer's client sink of one
     // link compare equal.
     int compareConnection(const IApartmentSink* pOther) const override;
+    // Joins the two parts and calls sendFrame; a transport that can write
+    // them as they are overrides it.
+    bool sendFrameParts(const unsigned int& uintFrameType, const void* pHead,
+                        unsigned int uintHeadSize, const void* pTail,
+                        unsigned int uintTailSize) override;
 
 protected:
     // Transport hooks, run by initSink, destroySink and closeSink on the

@@ -1,10 +1,13 @@
 #include "ApartmentTimerManager.h"
 
+#include "ApartmentGuard.h"
 #include "GroundKit/OS/OS_Clock.h"
 #include "IApartmentEx.h"
 
 namespace {
 const unsigned int NO_TIMER_ID = 0xFFFFFFFFu;
+// How long the timer thread rests after a step that threw.
+const unsigned long FAULT_PAUSE_MS = 100;
 
 timespec monotonicNow() {
     timespec now{0, 0};
@@ -203,12 +206,26 @@ void CApartmentTimerManager::processNextTimer() {
         } while (!m_RuntimeTimerQueue.empty() &&
                  !OS::Clock::isEarlier(now, m_RuntimeTimerQueue.top().m_tvNextTriggerTime));
     }
-    for (APARTMENT_RUNTIME_TIMER& runtimeTimer : due) processTimer(runtimeTimer);
+    // One firing that cannot be posted costs that firing only.
+    for (APARTMENT_RUNTIME_TIMER& runtimeTimer : due)
+        guarded("timer thread, firing dropped", false,
+                [this, &runtimeTimer] { return processTimer(runtimeTimer); });
 }
 
 void* CApartmentTimerManager::apartmentTimerThreadFunc(void* pParam) {
     if (pParam == nullptr) return nullptr;
     CApartmentTimerManager* pManager = static_cast<CApartmentTimerManager*>(pParam);
-    while (!pManager->m_bRequestTerminate) pManager->processNextTimer();
+    while (!pManager->m_bRequestTerminate) {
+        if (guarded("timer thread, step abandoned", false, [pManager] {
+                pManager->processNextTimer();
+                return true;
+            }))
+            continue;
+        // Rest before the next step, so that a fault that repeats at once
+        // does not make the thread spin.
+        TAutoMutex<OS::TBaseMutex> lock(&pManager->m_QueueMutex);
+        if (!pManager->m_bRequestTerminate)
+            pManager->m_QueueActiveCondition.wait(OS::Clock::monotonicDeadline(FAULT_PAUSE_MS));
+    }
     return nullptr;
 }

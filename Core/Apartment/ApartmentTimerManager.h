@@ -9,7 +9,9 @@
 //
 // Threads: setTimer, killTimer and generateNextTimer are called from any
 // thread (API callers, the dispatching thread); the timer thread alone runs
-// processNextTimer and processTimer. The singleton operations are called by
+// processNextTimer and processTimer. Nothing thrown on the timer thread
+// ends it: a firing that cannot be posted is dropped with a diagnostic line
+// (a periodic timer then stops, as it is re-armed only by dispatch). The singleton operations are called by
 // library initialisation and shut-down, while no other call is running.
 //
 // Locks: m_TimerMapMutex and m_QueueMutex are never held together, and no

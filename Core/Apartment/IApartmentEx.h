@@ -9,9 +9,10 @@
 class IApartmentEx : public IBase {
 public:
     // Queues a message for the apartment's dispatching thread. Any thread
-    // may post; it never blocks beyond the queue's mutex. A pointer in
-    // wParam carries one reference that travels with the message; a message
-    // dropped by a stopped apartment keeps it (its payload is lost).
+    // may post, holding no lock of the apartment's or the timer manager's.
+    // A pointer in wParam carries one reference that travels with the
+    // message; a message dropped because dispatch has stopped releases it
+    // here (which may destroy the payload), so nothing is lost unreleased.
     virtual void postMessage(const APARTMENT_TMSG& msg) = 0;
 
     static const char* interfaceName() { return "IApartmentEx"; }

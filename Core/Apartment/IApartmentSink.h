@@ -36,6 +36,12 @@ enum APARTMENT_FRAME_TYPE {
     APARTMENT_ALIVE_ACK_FRAME = 4
 };
 
+// The largest payload a non-real-time link accepts and sends unless the
+// environment says otherwise (APARTMENT_MAX_FRAME_BYTES, read when an
+// apartment is initialised), and the fixed one of a real-time link.
+static const unsigned int APARTMENT_DEFAULT_MAX_FRAME_SIZE = 64u << 20;
+static const unsigned int APARTMENT_RT_MAX_FRAME_SIZE = 102400;
+
 class IApartmentSink : public IBase {
 public:
     static const char* interfaceName() { return "IApartmentSink"; }
@@ -74,6 +80,12 @@ public:
     // progress; a 100 ms stall ends it.
     virtual bool sendFrame(const unsigned int& uintFrameType, const void* pData,
                            const unsigned int& uintSize) = 0;
+    // sendFrame of a payload that is `pHead` followed by `pTail` (either may
+    // be null with size 0), written without joining the two first: the
+    // frame writers pass their encoded fields and the caller's own data.
+    virtual bool sendFrameParts(const unsigned int& uintFrameType, const void* pHead,
+                                unsigned int uintHeadSize, const void* pTail,
+                                unsigned int uintTailSize) = 0;
     // Never blocks. True when a whole frame is available: with a null
     // buffer, its type and size are reported and it stays held; with a
     // buffer of at least `uintSize` bytes it is delivered. False when no

@@ -19,9 +19,10 @@ public:
     // Empties the queue and forgets a pending interrupt. Does nothing while
     // the queue is locked. Never blocks beyond the queue's own mutex.
     virtual void reset() = 0;
-    // Appends a copy and wakes every waiter. Dropped silently while locked:
-    // the payload then stays with the caller.
-    virtual void push(const APARTMENT_TMSG& msg) = 0;
+    // Appends a copy and wakes every waiter. False when the message was
+    // dropped because the queue is locked: its payload then stays with the
+    // caller, who releases it.
+    virtual bool push(const APARTMENT_TMSG& msg) = 0;
     // Takes the front message if there is one and the queue is not locked.
     // Never waits and ignores the interrupt flag.
     virtual bool tryPop(APARTMENT_TMSG& msg) = 0;

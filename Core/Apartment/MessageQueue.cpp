@@ -19,6 +19,7 @@ bool isUnlimited(const timespec& deadline) {
 CMessageQueue::CMessageQueue()
     : m_bInterruptPop(false),
       m_bLockQueue(false),
+      m_uintWaiters(0),
       m_QueueMutex(MUTEX_NONE, USE_STD, nullptr),
       m_QueueNotEmptyCondition(nullptr, USE_STD) {
     m_QueueNotEmptyCondition.bindMutex(&m_QueueMutex);
@@ -33,13 +34,28 @@ void CMessageQueue::reset() {
     m_ElementQueue.clear();
 }
 
-void CMessageQueue::push(const APARTMENT_TMSG& msg) {
+bool CMessageQueue::push(const APARTMENT_TMSG& msg) {
     TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
-    if (m_bLockQueue) return;
+    if (m_bLockQueue) return false;
     m_ElementQueue.push_back(msg);
     // Every waiter re-tests the list; waking one could pick a pop that is
     // about to give up (interrupted, timed out) and strand the message.
-    m_QueueNotEmptyCondition.notifyAll();
+    if (m_uintWaiters != 0) m_QueueNotEmptyCondition.notifyAll();
+    return true;
+}
+
+bool CMessageQueue::pushBatch(const APARTMENT_TMSG* pMessages, size_t count) {
+    TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
+    if (m_bLockQueue) return false;
+    const size_t before = m_ElementQueue.size();
+    try {
+        for (size_t i = 0; i < count; ++i) m_ElementQueue.push_back(pMessages[i]);
+    } catch (...) {
+        m_ElementQueue.resize(before);  // all or nothing: the caller still owns them all
+        throw;
+    }
+    if (count != 0 && m_uintWaiters != 0) m_QueueNotEmptyCondition.notifyAll();
+    return true;
 }
 
 bool CMessageQueue::tryPop(APARTMENT_TMSG& msg) {
@@ -71,8 +87,10 @@ bool CMessageQueue::pop(APARTMENT_TMSG& msg, timespec deadline) {
         // dispatcher asks the deferred queue with a zero wait before every
         // message.
         if (!bUnlimited && deadlinePassed(deadline)) return false;
+        ++m_uintWaiters;
         const int result = bUnlimited ? m_QueueNotEmptyCondition.wait()
                                       : m_QueueNotEmptyCondition.wait(deadline);
+        --m_uintWaiters;
         if (result != WAIT_CONDITION_OK) return false;
     }
     if (m_bLockQueue) return false;

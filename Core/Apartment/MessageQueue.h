@@ -10,7 +10,8 @@
 #ifndef APARTMENT_MESSAGEQUEUE_H
 #define APARTMENT_MESSAGEQUEUE_H
 
-#include <list>
+#include <cstddef>
+#include <deque>
 
 #include "GroundKit/OS/OS_Condition.h"
 #include "GroundKit/OS/OS_Mutex.h"
@@ -22,7 +23,12 @@ public:
     virtual ~CMessageQueue();
 
     void reset() override;
-    void push(const APARTMENT_TMSG& msg) override;
+    bool push(const APARTMENT_TMSG& msg) override;
+    // Appends `count` messages in order under one lock, waking the waiters
+    // once. False when the queue is locked, and std::bad_alloc when there is
+    // no memory for them: either way none was taken, and what they carry is
+    // still the caller's.
+    bool pushBatch(const APARTMENT_TMSG* pMessages, size_t count);
     bool tryPop(APARTMENT_TMSG& msg) override;
     bool pop(APARTMENT_TMSG& msg) override;
     bool pop(APARTMENT_TMSG& msg, int intTimeout) override;
@@ -33,10 +39,13 @@ public:
     void unlockQueue() override;
 
 private:
-    // All five members are guarded by m_QueueMutex.
+    // Guarded by m_QueueMutex: the flags, the list and the waiter count.
     bool m_bInterruptPop;  // set by interruptPop; cleared on entry to each blocking pop and by reset
     bool m_bLockQueue;     // set by lockQueue; cleared by unlockQueue
-    std::list<APARTMENT_TMSG> m_ElementQueue;  // push at the back, pop at the front
+    std::deque<APARTMENT_TMSG> m_ElementQueue;  // push at the back, pop at the front; no allocation per message
+    // Pops waiting on the condition: a push wakes them only when there are
+    // any, so a busy pumping thread is not signalled per message.
+    unsigned int m_uintWaiters;
     OS::TBaseMutex m_QueueMutex;
     OS::TCondition m_QueueNotEmptyCondition;  // signalled (all waiters) on push, interrupt and lock
 };

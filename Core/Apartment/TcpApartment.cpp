@@ -5,29 +5,26 @@
 #include <new>
 
 #include "ApartmentFrame.h"
+#include "ApartmentGuard.h"
 #include "GroundKit/OS/Socket/OS_Socket.h"
 #include "TcpApartmentSink.h"
+#include "os_log.h"
 
 namespace {
 const char TCP_SCHEME[] = "tcp://";
 const size_t TCP_SCHEME_LENGTH = sizeof(TCP_SCHEME) - 1;
-const unsigned int MAX_SINKS_PER_WAIT = 64;
 const int EINTR_CODE = 4;
-// How long a pass that found only stalled sinks rests before the next one:
-// from STALLED_PASS_FIRST_PAUSE_US, doubling on each further such pass, up
-// to STALLED_PASS_MAX_PAUSE_US. The rest of a header split in flight comes
-// within microseconds; a peer that holds one back costs a few polls per
-// second.
-const long STALLED_PASS_FIRST_PAUSE_US = 50;
-const long STALLED_PASS_MAX_PAUSE_US = 5000;
-// Consecutive stalled passes of the calling communication thread.
-thread_local unsigned int t_uintStalledPasses = 0;
 
-// Bytes waiting in the socket, or -1 if that cannot be told.
-long pendingBytes(int fd) {
-    ULONG count = 0;
-    if (OS::Socket::ioctl(fd, FIONREAD, &count, USE_DEFAULT) != 0) return -1;
-    return static_cast<long>(count);
+// The messages of one pass, kept per communication thread so that a pass
+// allocates nothing once the threads have warmed up.
+thread_local std::vector<APARTMENT_TMSG> t_batch;
+
+// Who is at the other end, for a diagnostic line.
+std::string peerOf(IApartmentSink* pSink) {
+    std::string peer;
+    if (!CApartmentSinkHelper::getRemoteApartmentUrl(pSink, peer) || peer.empty())
+        CApartmentSinkHelper::getRemoteAddress(pSink, peer);
+    return peer;
 }
 }  // namespace
 
@@ -44,16 +41,22 @@ CTcpApartment::~CTcpApartment() {
 }
 
 IApartmentSink* CTcpApartment::createSink(APARTMENT_SINK_TYPE type) {
+    CTcpApartmentSink* sink = nullptr;
     switch (type) {
         case LISTEN_SINK:
-            return static_cast<IApartmentSink*>(new CTcpListenSink());
+            sink = new CTcpListenSink();
+            break;
         case CLIENT_SINK:
-            return static_cast<IApartmentSink*>(new CTcpClientSink());
+            sink = new CTcpClientSink();
+            break;
         case SERVER_SINK:
-            return static_cast<IApartmentSink*>(new CTcpServerSink());
+            sink = new CTcpServerSink();
+            break;
         default:
             return nullptr;
     }
+    sink->setMaxFrameSize(maxFrameSize());
+    return static_cast<IApartmentSink*>(sink);
 }
 
 bool CTcpApartment::getPortAddressFromApartmentUrl(const char* strApartmentUrl,
@@ -79,132 +82,158 @@ bool CTcpApartment::getApartmentUrlFromPortAddress(const char* strAddress,
 void CTcpApartment::waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintCount,
                                      DWORD dwTimeout) {
     if (uintCount > MAX_SINKS_PER_WAIT) {
-        puts("Fatal Error: too many sink receive data at same time, only 64 are working.");
+        log_task_line(
+            "Fatal Error: too many sink receive data at same time, only 64 are working.");
         uintCount = MAX_SINKS_PER_WAIT;
     }
-    timeval timeout;
-    timeout.tv_sec = static_cast<time_t>(dwTimeout / 1000);
-    timeout.tv_usec = static_cast<suseconds_t>((dwTimeout % 1000) * 1000);
-
-    int fds[MAX_SINKS_PER_WAIT];
-    fd_set readSet;
-    FD_ZERO(&readSet);
-    int maxFd = -1;
+    CTcpApartmentSink* tcp[MAX_SINKS_PER_WAIT];
+    pollfd fds[MAX_SINKS_PER_WAIT];
+    bool framesHeld = false;
     for (unsigned int i = 0; i < uintCount; ++i) {
-        fds[i] = -1;
-        CReference<ITcpApartmentSink> tcp(asITcpApartmentSink(pSinks[i]));
-        if (tcp.nil()) continue;
-        const int fd = tcp->getSocketFd();
-        // select cannot watch descriptors past FD_SETSIZE; such a sink is
-        // not served rather than corrupting the stack.
-        if (fd < 0 || fd >= FD_SETSIZE) continue;
-        fds[i] = fd;
-        FD_SET(fd, &readSet);
-        if (fd > maxFd) maxFd = fd;
+        // The snapshot holds a reference to every sink for the whole pass.
+        CReference<ITcpApartmentSink> view(asITcpApartmentSink(pSinks[i]));
+        tcp[i] = view.nil() ? nullptr : static_cast<CTcpApartmentSink*>(view.operator->());
+        fds[i].fd = tcp[i] != nullptr ? tcp[i]->getSocketFd() : -1;
+        fds[i].events = POLLIN;
+        fds[i].revents = 0;
+        if (tcp[i] != nullptr && tcp[i]->hasFrameReady()) framesHeld = true;
     }
 
+    // Whole frames already held are served without waiting on the sockets.
+    const int timeoutMs = framesHeld ? 0 : static_cast<int>(dwTimeout);
     int ready;
     do {
-        ready = OS::Socket::select(maxFd + 1, &readSet, nullptr, nullptr, &timeout, USE_DEFAULT);
+        ready = OS::Socket::poll(fds, uintCount, timeoutMs, USE_DEFAULT);
     } while (ready < 0 && OS::Socket::getErrnoCode() == EINTR_CODE);
-    if (ready < 1) return;
+    if (ready < 0 || (ready == 0 && !framesHeld)) return;
 
-    // A sink is stalled when it is readable but its bytes cannot be taken
-    // yet (part of a header, which is consumed only whole): select reports
-    // it again at once, so a pass that found nothing else rests briefly
-    // instead of spinning until the rest arrives.
-    bool progressed = false;
-    bool stalled = false;
+    MessageBatch& batch = t_batch;
+    batch.clear();
     for (unsigned int i = 0; i < uintCount; ++i) {
-        if (fds[i] < 0 || !FD_ISSET(fds[i], &readSet)) continue;
-        char peek[4];
-        if (OS::Socket::recv(fds[i], peek, sizeof peek, MSG_PEEK, USE_DEFAULT) == 0) {
-            postConnectionClosed(pSinks[i]);
-            progressed = true;
+        if (tcp[i] == nullptr || fds[i].fd < 0) continue;
+        if (fds[i].revents == 0 && !tcp[i]->hasFrameReady()) continue;
+        // What goes wrong while serving one link (no memory, say) closes
+        // that link only; what the others brought is still posted.
+        if (!guarded("receiving, link closed", false, [&] {
+                serveSink(pSinks[i], tcp[i], batch);
+                return true;
+            })) {
+            pSinks[i]->closeSink();
+            pSinks[i]->addRef();  // the message carries it
+            APARTMENT_TMSG msg;
+            msg.m_intMsg = APARTMENT_CONNECTION_CLOSED;
+            msg.wParam = reinterpret_cast<WPARAM>(pSinks[i]);
+            msg.lParam = 0;
+            postMessage(msg);
+        }
+    }
+    if (!batch.empty()) postMessages(batch.data(), batch.size());
+    batch.clear();
+}
+
+void CTcpApartment::serveSink(IApartmentSink* pSink, CTcpApartmentSink* pTcp,
+                              MessageBatch& batch) {
+    unsigned int frames = 0;
+    unsigned long bytes = 0;
+    for (;;) {
+        unsigned int type = 0;
+        unsigned int size = 0;
+        char* payload = nullptr;
+        const CTcpApartmentSink::FRAME_STATUS status = pTcp->nextFrame(type, payload, size);
+        if (status == CTcpApartmentSink::FRAME_READY) {
+            deliverFrame(pSink, pTcp, type, payload, size, batch);
+            bytes += size;
+            if (++frames >= MAX_FRAMES_PER_PASS || bytes >= MAX_BYTES_PER_PASS) return;
             continue;
         }
-        const long before = pendingBytes(fds[i]);
-        const RECEIVE_RESULT result = receiveOneFrame(pSinks[i]);
-        // After the peer's close every byte it sent is already here, so a
-        // frame still incomplete now never completes.
-        if (result == FRAME_REFUSED ||
-            (result == FRAME_PENDING && OS::Socket::isLinkBroken(fds[i], USE_DEFAULT))) {
-            postConnectionClosed(pSinks[i]);
-            progressed = true;
-        } else if (result == FRAME_PENDING && before >= 0 && pendingBytes(fds[i]) == before) {
-            stalled = true;
-        } else {
-            progressed = true;
+        if (status == CTcpApartmentSink::FRAME_TOO_LARGE) {
+            log_task_line("[TcpApartment Error]: %s announced a frame of %u bytes, above the "
+                          "maximum of %u; link closed.",
+                          peerOf(pSink).c_str(), size,
+                          pSink->getRTConnection() ? CTcpApartmentSink::RT_MAX_FRAME_SIZE
+                                                   : pTcp->maxFrameSize());
+            closeLink(pSink, batch);
+            return;
+        }
+        if (status == CTcpApartmentSink::FRAME_NO_MEMORY) {
+            log_task_line("[TcpApartment Error]: no memory for a frame of %u bytes from %s; link "
+                          "closed.",
+                          size, peerOf(pSink).c_str());
+            closeLink(pSink, batch);
+            return;
+        }
+        switch (pTcp->readAvailable()) {
+            case CTcpApartmentSink::READ_DATA:
+                continue;
+            case CTcpApartmentSink::READ_NOTHING:
+                return;
+            case CTcpApartmentSink::READ_NO_MEMORY:
+                log_task_line("[TcpApartment Error]: no memory to read from %s; link closed.",
+                              peerOf(pSink).c_str());
+                closeLink(pSink, batch);
+                return;
+            default:
+                // The peer has gone: what it sent is all here, so a frame
+                // still incomplete never completes.
+                closeLink(pSink, batch);
+                return;
         }
     }
-    if (!stalled || progressed) {
-        t_uintStalledPasses = 0;
-        return;
-    }
-    long pauseUs = STALLED_PASS_FIRST_PAUSE_US;
-    for (unsigned int i = 0; i < t_uintStalledPasses && pauseUs < STALLED_PASS_MAX_PAUSE_US; ++i)
-        pauseUs *= 2;
-    if (pauseUs > STALLED_PASS_MAX_PAUSE_US) pauseUs = STALLED_PASS_MAX_PAUSE_US;
-    ++t_uintStalledPasses;
-    timeval pause{0, static_cast<suseconds_t>(pauseUs)};
-    OS::Socket::select(0, nullptr, nullptr, nullptr, &pause, USE_DEFAULT);
 }
 
-void CTcpApartment::postConnectionClosed(IApartmentSink* pSink) {
-    // The message carries this reference.
-    pSink->addRef();
-    pSink->closeSink();
-    APARTMENT_TMSG msg;
-    msg.m_intMsg = APARTMENT_CONNECTION_CLOSED;
-    msg.wParam = reinterpret_cast<WPARAM>(pSink);
-    msg.lParam = 0;
-    postMessage(msg);
-}
-
-CTcpApartment::RECEIVE_RESULT CTcpApartment::receiveOneFrame(IApartmentSink* pSink) {
+void CTcpApartment::deliverFrame(IApartmentSink* pSink, CTcpApartmentSink* pTcp,
+                                 unsigned int uintType, char* pPayload, unsigned int uintSize,
+                                 MessageBatch& batch) {
     if (pSink->getRTConnection()) {
-        char* buffer = m_pRtRawBuffer;
-        unsigned int size = m_uintRtRawBufferSize;
+        char* buffer = m_uintRtRawBufferSize >= uintSize ? m_pRtRawBuffer : nullptr;
         if (pSink->getLoopbackType() != NONE_LOOPBACK_TYPE) {
             // Not the real-time thread: keep off its buffer.
             if (m_pLoopbackRawBuffer == nullptr)
                 m_pLoopbackRawBuffer = new (std::nothrow) char[RT_RAW_BUFFER_SIZE]();
-            if (m_pLoopbackRawBuffer == nullptr) return FRAME_PENDING;
             buffer = m_pLoopbackRawBuffer;
-            size = RT_RAW_BUFFER_SIZE;
         }
-        const unsigned int capacity = size;
-        unsigned int type = 0;
-        if (!pSink->receiveFrame(type, buffer, size)) {
-            // Incomplete, or complete but too large for the buffer: only a
-            // size query tells them apart (and it never consumes the frame).
-            size = 0;
-            if (!pSink->receiveFrame(type, nullptr, size)) return FRAME_PENDING;
-            if (size > capacity) return FRAME_REFUSED;
-            size = capacity;
-            if (!pSink->receiveFrame(type, buffer, size)) return FRAME_PENDING;
+        if (buffer != nullptr && uintSize != 0) std::memcpy(buffer, pPayload, uintSize);
+        pTcp->consumeFrame();
+        if (buffer == nullptr) {
+            log_task_line("[TcpApartment Error]: no memory for a raw frame from %s; frame dropped.",
+                          peerOf(pSink).c_str());
+            return;
         }
         CReference<IApartmentCallback> cb = apartmentCallback();
-        if (!cb.nil()) cb->onRawFrameReceived(type, buffer, size);
-        return FRAME_TAKEN;
+        if (cb.nil()) return;
+        // A host callback that throws costs its frame only, not the rest of
+        // the pass (whose messages are not posted yet).
+        try {
+            cb->onRawFrameReceived(uintType, buffer, uintSize);
+        } catch (abi::__forced_unwind&) {
+            throw;
+        } catch (...) {
+            reportCaughtException("onRawFrameReceived");
+        }
+        return;
     }
 
-    unsigned int type = 0;
-    unsigned int size = 0;
-    if (!pSink->receiveFrame(type, nullptr, size)) return FRAME_PENDING;
-    CApartmentFrame* frame = new CApartmentFrame(type, size);
-    // An empty payload has no buffer, and a null buffer only asks for the
-    // size: the frame would stay held and be posted again on every pass.
-    // Any non-null buffer of capacity 0 takes it.
-    char empty = 0;
-    pSink->receiveFrame(type, size != 0 ? frame->getFrameBuffer() : &empty, size);
+    CApartmentFrame* frame = nullptr;
+    if (pTcp->payloadHasOwnBuffer()) {
+        frame = new (std::nothrow) CApartmentFrame(uintType, uintSize, pPayload);
+        pTcp->consumeFrame(frame != nullptr);
+    } else {
+        frame = CApartmentFrame::createCopy(uintType, uintSize, pPayload);
+        pTcp->consumeFrame();
+    }
+    if (frame == nullptr) {
+        log_task_line("[TcpApartment Error]: no memory for a frame of %u bytes from %s; frame "
+                      "dropped.",
+                      uintSize, peerOf(pSink).c_str());
+        return;
+    }
 
     APARTMENT_MSG_CODE code;
     if (pSink->getLoopbackType() == SERVER_LOOPBACK_TYPE)
         code = LOOPDATA_FRAME_ARRIVED;
-    else if (type == APARTMENT_REQUEST_FRAME)
+    else if (uintType == APARTMENT_REQUEST_FRAME)
         code = REQUEST_FRAME_ARRIVED;
-    else if (type == APARTMENT_RESPONSE_FRAME)
+    else if (uintType == APARTMENT_RESPONSE_FRAME)
         code = RESPONSE_FRAME_ARRIVED;
     else
         code = NORMAL_FRAME_ARRIVED;
@@ -212,6 +241,20 @@ CTcpApartment::RECEIVE_RESULT CTcpApartment::receiveOneFrame(IApartmentSink* pSi
     msg.m_intMsg = code;
     msg.wParam = reinterpret_cast<WPARAM>(static_cast<IApartmentFrame*>(frame));
     msg.lParam = 0;
-    postMessage(msg);
-    return FRAME_TAKEN;
+    try {
+        batch.push_back(msg);
+    } catch (...) {
+        frame->releaseRef();
+        throw;
+    }
+}
+
+void CTcpApartment::closeLink(IApartmentSink* pSink, MessageBatch& batch) {
+    pSink->closeSink();
+    APARTMENT_TMSG msg;
+    msg.m_intMsg = APARTMENT_CONNECTION_CLOSED;
+    msg.wParam = reinterpret_cast<WPARAM>(pSink);
+    msg.lParam = 0;
+    batch.push_back(msg);
+    pSink->addRef();  // the message carries it
 }

@@ -1,16 +1,21 @@
-// CTcpApartment: the apartment of the TCP transport. It makes TCP sinks,
-// converts between apartment URLs ("tcp://" + address) and transport
-// addresses ("<IPv4>:<port>"), and waits for frames on up to 64 sinks at
-// once for the communication threads.
+// CTcpApartment: the apartment of the TCP transport. It makes TCP sinks
+// (each with the apartment's maximum frame size), converts between
+// apartment URLs ("tcp://" + address) and transport addresses
+// ("<IPv4>:<port>"), and waits for frames on up to 64 sinks at once for the
+// communication threads.
 #ifndef APARTMENT_TCPAPARTMENT_H
 #define APARTMENT_TCPAPARTMENT_H
 
+#include <vector>
+
 #include "Apartment.h"
+#include "TcpApartmentSink.h"
 
 class CTcpApartment : public CApartment {
 public:
-    // Size of the buffer that receives frames on real-time links.
-    static const unsigned int RT_RAW_BUFFER_SIZE = 102400;
+    // Size of the buffer that receives frames on real-time links: the
+    // largest frame such a link carries.
+    static const unsigned int RT_RAW_BUFFER_SIZE = CTcpApartmentSink::RT_MAX_FRAME_SIZE;
 
     CTcpApartment();
     virtual ~CTcpApartment();
@@ -26,24 +31,35 @@ protected:
     // A null or empty address gives "tcp://0.0.0.0:0". Always true.
     bool getApartmentUrlFromPortAddress(const char* strAddress,
                                         std::string& strApartmentUrl) override;
-    // One pass: select on the sinks' descriptors, then at most one frame per
-    // readable sink. A closed peer becomes APARTMENT_CONNECTION_CLOSED; a
-    // frame on a real-time link goes straight to the callback on this
-    // thread; any other frame is posted as a CApartmentFrame message.
-    // A link that can never yield another frame is treated as closed too:
-    // one whose peer has gone while a frame is still incomplete (the bytes
-    // left behind keep the zero-byte peek from seeing the close), and a
-    // real-time link holding a frame larger than RT_RAW_BUFFER_SIZE (it
-    // would block the link for good). Either would otherwise keep the socket
-    // readable and the thread spinning.
+    // One pass: poll the sinks' descriptors (any value), then serve every
+    // sink that is readable or already holds a whole frame: read what is
+    // waiting and take the whole frames, at most MAX_FRAMES_PER_PASS frames
+    // or MAX_BYTES_PER_PASS payload bytes per sink, so that one flooding
+    // link cannot starve the others (what is left is served on the next
+    // pass, without waiting on the socket). Frames on a real-time link go
+    // straight to the callback on this thread; any other frame becomes a
+    // CApartmentFrame message, and the messages of the pass are posted
+    // together. A link is treated as closed (APARTMENT_CONNECTION_CLOSED,
+    // as for a peer's orderly close) when the peer has gone, when a header
+    // announces more than the link's maximum (one line names the peer and
+    // the size), and when no memory can be had for a frame.
     void waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintCount,
                           DWORD dwTimeout) override;
 
+public:
+    static const unsigned int MAX_FRAMES_PER_PASS = 64;
+    static const unsigned int MAX_BYTES_PER_PASS = 256 * 1024;
+
 private:
-    enum RECEIVE_RESULT { FRAME_TAKEN, FRAME_PENDING, FRAME_REFUSED };
-    RECEIVE_RESULT receiveOneFrame(IApartmentSink* pSink);
-    // Closes the sink and posts APARTMENT_CONNECTION_CLOSED with a reference.
-    void postConnectionClosed(IApartmentSink* pSink);
+    typedef std::vector<APARTMENT_TMSG> MessageBatch;
+    void serveSink(IApartmentSink* pSink, CTcpApartmentSink* pTcp, MessageBatch& batch);
+    // Takes the whole frame the sink holds: a callback for a real-time
+    // link, else a message appended to `batch`.
+    void deliverFrame(IApartmentSink* pSink, CTcpApartmentSink* pTcp, unsigned int uintType,
+                      char* pPayload, unsigned int uintSize, MessageBatch& batch);
+    // Closes the sink and appends APARTMENT_CONNECTION_CLOSED with a
+    // reference to `batch`, after the frames that came before the close.
+    void closeLink(IApartmentSink* pSink, MessageBatch& batch);
 
     char* m_pRtRawBuffer;  // used only by the real-time communication thread
     unsigned int m_uintRtRawBufferSize;

@@ -9,18 +9,23 @@
 #include <new>
 #include <random>
 
+#include "ApartmentFrameCodec.h"
 #include "FieldKit/Environment/EndianType.h"
 #include "GroundKit/OS/OS_Clock.h"
+#include "GroundKit/Reference/Reference.h"
 #include "GroundKit/StringAssistant/StringAssistant.h"
+#include "os_log.h"
 
 namespace {
 
-typedef TAutoMutex<OS::TRecursiveMutex> SendLock;
+typedef TAutoMutex<OS::TBaseMutex> SendLock;
 
 // Longest address text makeSinkAddress produces.
 const size_t SINK_ADDRESS_TEXT_SIZE = 64;
 // A single receive is limited to what the socket call can report.
-const unsigned int MAX_RECEIVE_CHUNK = INT_MAX;
+const unsigned int MAX_RECEIVE_CHUNK = 1u << 30;
+// Buffers per frame in a gathered write: header, head part, tail part.
+const int PARTS_PER_FRAME = 3;
 // Pause between passes of waitRemoteConnectionInfo that made no progress,
 // so that a peer holding half a header does not make the wait spin.
 const long NO_PROGRESS_PAUSE_US = 1000;
@@ -37,7 +42,25 @@ void pauseMicroseconds(long us) {
     OS::Socket::select(0, nullptr, nullptr, nullptr, &pause, USE_DEFAULT);
 }
 
+unsigned int readU32(const char* p) {
+    unsigned int value;
+    std::memcpy(&value, p, sizeof value);
+    return CEndianType::networkToHost(value);
+}
+
 }  // namespace
+
+// One frame waiting to be written, on its writer's stack. The writer that
+// takes it into a write sets `ok`; `done` (under the send mutex) tells the
+// waiting writer that its result is there.
+struct CTcpApartmentSink::PendingFrame {
+    unsigned char header[FRAME_HEADER_SIZE];
+    iovec parts[PARTS_PER_FRAME];
+    int partCount;
+    PendingFrame* next;
+    bool done;
+    bool ok;
+};
 
 // ---------------------------------------------------------------------------
 // CTcpApartmentSink
@@ -50,18 +73,21 @@ CTcpApartmentSink::CTcpApartmentSink()
       m_uintReceiveFrameSize(0),
       m_pReceiveBuffer(nullptr),
       m_uintReceiveBufferSize(0),
-      m_uintReceiveBufferOffset(0),
-      m_HeaderBytes(),
-      m_uintHeaderOffset(0),
-      m_SendMutex(nullptr),
-      m_pSendBuffer(new (std::nothrow) char[SEND_BUFFER_SIZE]),
-      m_uintSendBufferSize(m_pSendBuffer != nullptr ? SEND_BUFFER_SIZE : 0),
-      m_uintSendBufferOffset(0) {}
+      m_uintReadBegin(0),
+      m_uintReadEnd(0),
+      m_pLargePayload(nullptr),
+      m_uintLargePayloadFill(0),
+      m_uintMaxFrameSize(APARTMENT_DEFAULT_MAX_FRAME_SIZE),
+      m_SendMutex(MUTEX_NONE, USE_STD, nullptr),
+      m_SendDoneCondition(nullptr, USE_STD),
+      m_pSendHead(nullptr),
+      m_pSendTail(nullptr),
+      m_bSending(false) {
+    m_SendDoneCondition.bindMutex(&m_SendMutex);
+}
 
 CTcpApartmentSink::~CTcpApartmentSink() {
     m_Socket.close();
-    delete[] m_pSendBuffer;
-    m_pSendBuffer = nullptr;
     _clearReceiveBuffer();
 }
 
@@ -73,89 +99,287 @@ void CTcpApartmentSink::setLocalApartmentUrl(const char* strUrl) {
     }
 }
 
+void CTcpApartmentSink::setMaxFrameSize(unsigned int uintMaxFrameSize) {
+    m_uintMaxFrameSize = uintMaxFrameSize;
+}
+
+unsigned int CTcpApartmentSink::maxFrameSize() const { return m_uintMaxFrameSize; }
+
+unsigned int CTcpApartmentSink::effectiveMaxFrameSize() const {
+    return m_bRtConnection ? RT_MAX_FRAME_SIZE : m_uintMaxFrameSize;
+}
+
 bool CTcpApartmentSink::sendFrame(const unsigned int& uintFrameType, const void* pData,
                                   const unsigned int& uintSize) {
+    return sendFrameParts(uintFrameType, pData, uintSize, nullptr, 0);
+}
+
+bool CTcpApartmentSink::sendFrameParts(const unsigned int& uintFrameType, const void* pHead,
+                                       unsigned int uintHeadSize, const void* pTail,
+                                       unsigned int uintTailSize) {
     if (sinkType() == LISTEN_SINK) return false;
-    if (pData == nullptr && uintSize != 0) return false;
+    if ((pHead == nullptr && uintHeadSize != 0) || (pTail == nullptr && uintTailSize != 0))
+        return false;
+    if (uintTailSize > 0xFFFFFFFFu - uintHeadSize) return false;
+    const unsigned int uintSize = uintHeadSize + uintTailSize;
+    // Refused before a byte is written: the peer would close the link at
+    // this frame's header, so both ends keep to the same limit.
+    if (uintSize > effectiveMaxFrameSize()) return false;
 
-    SendLock lock(&m_SendMutex);
-    if (m_pSendBuffer == nullptr) return false;
-
+    PendingFrame frame;
     unsigned int header[2] = {uintFrameType, uintSize};
     CEndianType::hostToNetwork(header[0]);
     CEndianType::hostToNetwork(header[1]);
-    std::memcpy(m_pSendBuffer, header, FRAME_HEADER_SIZE);
-    unsigned int fill = FRAME_HEADER_SIZE;
-
-    const char* pNext = static_cast<const char*>(pData);
-    unsigned int remaining = uintSize;
-    while (remaining > 0) {
-        const unsigned int room = m_uintSendBufferSize - fill;
-        if (room < remaining) {
-            std::memcpy(m_pSendBuffer + fill, pNext, room);
-            pNext += room;
-            remaining -= room;
-            if (!_rawSend(m_pSendBuffer, m_uintSendBufferSize)) return false;
-            fill = 0;
-        } else {
-            std::memcpy(m_pSendBuffer + fill, pNext, remaining);
-            fill += remaining;
-            remaining = 0;
-        }
+    std::memcpy(frame.header, header, FRAME_HEADER_SIZE);
+    frame.parts[0].iov_base = frame.header;
+    frame.parts[0].iov_len = FRAME_HEADER_SIZE;
+    frame.partCount = 1;
+    if (uintHeadSize != 0) {
+        frame.parts[frame.partCount].iov_base = const_cast<void*>(pHead);
+        frame.parts[frame.partCount++].iov_len = uintHeadSize;
     }
-    return fill == 0 || _rawSend(m_pSendBuffer, fill);
+    if (uintTailSize != 0) {
+        frame.parts[frame.partCount].iov_base = const_cast<void*>(pTail);
+        frame.parts[frame.partCount++].iov_len = uintTailSize;
+    }
+    frame.next = nullptr;
+    frame.done = false;
+    frame.ok = false;
+
+    m_SendMutex.lock();
+    // A condemned link may hold part of a frame: nothing more may follow.
+    if (m_Socket.getSockFd() == -1 || isExpectSinkClosed()) {
+        m_SendMutex.unlock();
+        return false;
+    }
+    if (m_pSendTail != nullptr)
+        m_pSendTail->next = &frame;
+    else
+        m_pSendHead = &frame;
+    m_pSendTail = &frame;
+    while (!frame.done && m_bSending) m_SendDoneCondition.wait();
+    if (!frame.done) {
+        // This thread writes: its own frame and whatever queued before and
+        // while it writes, until its own frame has gone.
+        m_bSending = true;
+        const int fd = m_Socket.getSockFd();
+        while (!frame.done) {
+            PendingFrame* first = m_pSendHead;
+            PendingFrame* end = first;
+            for (unsigned int n = 0; end != nullptr && n < MAX_FRAMES_PER_WRITE; ++n) end = end->next;
+            m_pSendHead = end;
+            if (end == nullptr) m_pSendTail = nullptr;
+            m_SendMutex.unlock();
+            const bool written = _writeFrames(fd, first, end);
+            m_SendMutex.lock();
+            for (PendingFrame* p = first; p != end;) {
+                PendingFrame* next = p->next;
+                p->done = true;
+                p = next;
+            }
+            if (!written) {
+                // The link failed: no later frame may follow a broken one.
+                for (PendingFrame* p = m_pSendHead; p != nullptr;) {
+                    PendingFrame* next = p->next;
+                    p->ok = false;
+                    p->done = true;
+                    p = next;
+                }
+                m_pSendHead = m_pSendTail = nullptr;
+            }
+        }
+        m_bSending = false;
+        m_SendDoneCondition.notifyAll();
+    }
+    const bool ok = frame.ok;
+    m_SendMutex.unlock();
+    return ok;
+}
+
+bool CTcpApartmentSink::_writeFrames(int fd, PendingFrame* pFirst, PendingFrame* pEnd) {
+    iovec parts[MAX_FRAMES_PER_WRITE * PARTS_PER_FRAME];
+    unsigned long long frameEnds[MAX_FRAMES_PER_WRITE];
+    int count = 0;
+    unsigned int frames = 0;
+    unsigned long long total = 0;
+    for (PendingFrame* p = pFirst; p != pEnd; p = p->next) {
+        for (int i = 0; i < p->partCount; ++i) {
+            parts[count++] = p->parts[i];
+            total += p->parts[i].iov_len;
+        }
+        frameEnds[frames++] = total;
+    }
+
+    unsigned long long sent = 0;
+    int next = 0;
+    while (next < count) {
+        long result;
+        do {
+            result = OS::Socket::sendVector(fd, parts + next, count - next, 0, USE_DEFAULT);
+        } while (result < 0 && OS::Socket::getErrnoCode() == EINTR);
+        if (result > 0) {
+            sent += static_cast<unsigned long long>(result);
+            size_t step = static_cast<size_t>(result);
+            while (step > 0 && next < count) {
+                const size_t taken = step < parts[next].iov_len ? step : parts[next].iov_len;
+                parts[next].iov_base = static_cast<char*>(parts[next].iov_base) + taken;
+                parts[next].iov_len -= taken;
+                step -= taken;
+                if (parts[next].iov_len == 0) ++next;
+            }
+            while (next < count && parts[next].iov_len == 0) ++next;
+            continue;
+        }
+        if (result == 0 || isPermanentSendError(OS::Socket::getErrnoCode())) break;
+        if (OS::Socket::isLinkBroken(fd, USE_DEFAULT)) break;
+        if (OS::Socket::writable(fd, SEND_STALL_TIMEOUT_MS, nullptr, USE_DEFAULT)) continue;
+        log_task_line("TcpApartmentSink write failed.");
+        setExpectSinkClosed(true);
+        break;
+    }
+
+    unsigned int index = 0;
+    for (PendingFrame* p = pFirst; p != pEnd; p = p->next) p->ok = sent >= frameEnds[index++];
+    if (sent != total && sent != 0) {
+        // Part of a frame is on the wire: the stream is out of step for good.
+        setExpectSinkClosed(true);
+    }
+    return sent == total;
+}
+
+CTcpApartmentSink::READ_RESULT CTcpApartmentSink::readAvailable() {
+    if (sinkType() == LISTEN_SINK) return READ_NOTHING;
+    char* into;
+    unsigned int room;
+    if (m_intReceiveFrameStep == RECEIVE_FRAME_BODY) {
+        into = m_pLargePayload + m_uintLargePayloadFill;
+        room = m_uintReceiveFrameSize - m_uintLargePayloadFill;
+    } else {
+        if (!_ensureReceiveBuffer()) return READ_NO_MEMORY;
+        if (m_uintReadBegin == m_uintReadEnd) {
+            m_uintReadBegin = m_uintReadEnd = 0;
+        } else if (m_uintReadBegin != 0) {
+            // What is left is part of one frame: move it to the front so
+            // that the frame fits once the rest arrives.
+            std::memmove(m_pReceiveBuffer, m_pReceiveBuffer + m_uintReadBegin,
+                         m_uintReadEnd - m_uintReadBegin);
+            m_uintReadEnd -= m_uintReadBegin;
+            m_uintReadBegin = 0;
+        }
+        into = m_pReceiveBuffer + m_uintReadEnd;
+        room = m_uintReceiveBufferSize - m_uintReadEnd;
+    }
+    if (room == 0) return READ_NOTHING;  // whole frames wait to be taken first
+    if (room > MAX_RECEIVE_CHUNK) room = MAX_RECEIVE_CHUNK;
+    const int received = m_Socket.receive(into, static_cast<int>(room), 0);
+    if (received == 0) return READ_CLOSED;
+    if (received < 0) {
+        const int error = OS::Socket::getErrnoCode();
+        return error == EAGAIN || error == EWOULDBLOCK ? READ_NOTHING : READ_FAILED;
+    }
+    if (m_intReceiveFrameStep == RECEIVE_FRAME_BODY)
+        m_uintLargePayloadFill += static_cast<unsigned int>(received);
+    else
+        m_uintReadEnd += static_cast<unsigned int>(received);
+    return READ_DATA;
+}
+
+CTcpApartmentSink::FRAME_STATUS CTcpApartmentSink::nextFrame(unsigned int& uintFrameType,
+                                                             char*& pPayload,
+                                                             unsigned int& uintSize,
+                                                             unsigned int uintLimit) {
+    if (m_intReceiveFrameStep == RECEIVE_FRAME_BODY) {
+        if (m_uintLargePayloadFill != m_uintReceiveFrameSize) return FRAME_INCOMPLETE;
+        uintFrameType = m_uintReceiveFrameType;
+        uintSize = m_uintReceiveFrameSize;
+        pPayload = m_pLargePayload;
+        return FRAME_READY;
+    }
+    const unsigned int held = m_uintReadEnd - m_uintReadBegin;
+    if (held < FRAME_HEADER_SIZE) return FRAME_INCOMPLETE;
+    const char* header = m_pReceiveBuffer + m_uintReadBegin;
+    const unsigned int type = readU32(header);
+    const unsigned int size = readU32(header + 4);
+    unsigned int limit = effectiveMaxFrameSize();
+    if (uintLimit < limit) limit = uintLimit;
+    if (size > limit) {
+        uintFrameType = type;
+        uintSize = size;
+        return FRAME_TOO_LARGE;
+    }
+    m_uintReceiveFrameType = type;
+    m_uintReceiveFrameSize = size;
+    if (size <= held - FRAME_HEADER_SIZE) {
+        uintFrameType = type;
+        uintSize = size;
+        pPayload = m_pReceiveBuffer + m_uintReadBegin + FRAME_HEADER_SIZE;
+        return FRAME_READY;
+    }
+    if (size <= m_uintReceiveBufferSize - FRAME_HEADER_SIZE) return FRAME_INCOMPLETE;
+
+    // Too large for the read buffer: the rest is read straight into a
+    // buffer of the payload's own size, which the taker may keep.
+    char* payload = new (std::nothrow) char[size];
+    if (payload == nullptr) {
+        uintFrameType = type;
+        uintSize = size;
+        return FRAME_NO_MEMORY;
+    }
+    m_uintLargePayloadFill = held - FRAME_HEADER_SIZE;
+    std::memcpy(payload, header + FRAME_HEADER_SIZE, m_uintLargePayloadFill);
+    m_pLargePayload = payload;
+    m_uintReadBegin = m_uintReadEnd = 0;
+    m_intReceiveFrameStep = RECEIVE_FRAME_BODY;
+    return FRAME_INCOMPLETE;
+}
+
+void CTcpApartmentSink::consumeFrame(bool bPayloadTaken) {
+    if (m_intReceiveFrameStep == RECEIVE_FRAME_BODY) {
+        if (!bPayloadTaken) delete[] m_pLargePayload;
+        m_pLargePayload = nullptr;
+        m_uintLargePayloadFill = 0;
+        m_intReceiveFrameStep = RECEIVE_FRAME_HEAD;
+        return;
+    }
+    m_uintReadBegin += FRAME_HEADER_SIZE + m_uintReceiveFrameSize;
+    if (m_uintReadBegin >= m_uintReadEnd) m_uintReadBegin = m_uintReadEnd = 0;
+}
+
+bool CTcpApartmentSink::payloadHasOwnBuffer() const {
+    return m_intReceiveFrameStep == RECEIVE_FRAME_BODY;
+}
+
+bool CTcpApartmentSink::hasFrameReady() const {
+    if (m_intReceiveFrameStep == RECEIVE_FRAME_BODY)
+        return m_uintLargePayloadFill == m_uintReceiveFrameSize;
+    const unsigned int held = m_uintReadEnd - m_uintReadBegin;
+    if (held < FRAME_HEADER_SIZE) return false;
+    const unsigned int size = readU32(m_pReceiveBuffer + m_uintReadBegin + 4);
+    // A header over the limit is ready too: it is to be refused at once.
+    return size > effectiveMaxFrameSize() || size <= held - FRAME_HEADER_SIZE ||
+           size > m_uintReceiveBufferSize - FRAME_HEADER_SIZE;
 }
 
 bool CTcpApartmentSink::receiveFrame(unsigned int& uintFrameType, void* pBuffer,
                                      unsigned int& uintSize) {
     if (sinkType() == LISTEN_SINK) return false;
-
-    if (m_intReceiveFrameStep == RECEIVE_FRAME_HEAD) {
-        if (m_uintHeaderOffset < FRAME_HEADER_SIZE) {
-            const int received =
-                m_Socket.receive(m_HeaderBytes + m_uintHeaderOffset,
-                                 static_cast<int>(FRAME_HEADER_SIZE - m_uintHeaderOffset), 0);
-            if (received > 0) m_uintHeaderOffset += static_cast<unsigned int>(received);
-            if (m_uintHeaderOffset < FRAME_HEADER_SIZE) return false;
-        }
-        unsigned int header[2];
-        std::memcpy(header, m_HeaderBytes, FRAME_HEADER_SIZE);
-        unsigned int type = CEndianType::networkToHost(header[0]);
-        unsigned int size = CEndianType::networkToHost(header[1]);
-        // Until the payload has room the header stays held here, so the
-        // frame is not half-consumed.
-        if (!_ensureReceiveBuffer(size)) return false;
-        m_uintReceiveBufferOffset = 0;
-        m_uintHeaderOffset = 0;
-        m_uintReceiveFrameType = type;
-        m_uintReceiveFrameSize = size;
-        m_intReceiveFrameStep = RECEIVE_FRAME_BODY;
-    }
-
-    if (m_uintReceiveBufferOffset < m_uintReceiveFrameSize) {
-        unsigned int missing = m_uintReceiveFrameSize - m_uintReceiveBufferOffset;
-        if (missing > MAX_RECEIVE_CHUNK) missing = MAX_RECEIVE_CHUNK;
-        const int received = m_Socket.receive(m_pReceiveBuffer + m_uintReceiveBufferOffset,
-                                              static_cast<int>(missing), 0);
-        if (received > 0) m_uintReceiveBufferOffset += static_cast<unsigned int>(received);
-    }
-    if (m_uintReceiveBufferOffset < m_uintReceiveFrameSize) return false;
-
+    unsigned int type = 0;
+    unsigned int size = 0;
+    char* payload = nullptr;
+    FRAME_STATUS status = nextFrame(type, payload, size);
+    if (status == FRAME_INCOMPLETE && readAvailable() == READ_DATA)
+        status = nextFrame(type, payload, size);
+    if (status != FRAME_READY) return false;
     if (pBuffer == nullptr) {
-        uintFrameType = m_uintReceiveFrameType;
-        uintSize = m_uintReceiveFrameSize;
+        uintFrameType = type;
+        uintSize = size;
         return true;
     }
-    if (uintSize < m_uintReceiveFrameSize) return false;
-
-    if (m_uintReceiveFrameSize > 0) std::memcpy(pBuffer, m_pReceiveBuffer, m_uintReceiveFrameSize);
-    uintFrameType = m_uintReceiveFrameType;
-    uintSize = m_uintReceiveFrameSize;
-    m_intReceiveFrameStep = RECEIVE_FRAME_HEAD;
-    // The real-time link keeps its buffer so its thread does not allocate
-    // per frame; other links give memory back after each frame.
-    if (!m_bRtConnection) _clearReceiveBuffer();
-    m_uintReceiveBufferOffset = 0;
+    if (uintSize < size) return false;
+    if (size > 0) std::memcpy(pBuffer, payload, size);
+    uintFrameType = type;
+    uintSize = size;
+    consumeFrame();
     return true;
 }
 
@@ -197,9 +421,7 @@ void CTcpApartmentSink::resolveSinkAddress(const std::string& strAddress, std::s
 bool CTcpApartmentSink::onSinkInited(const char* localAddress, const char* remoteAddress) {
     resolveSinkAddress(textOrEmpty(localAddress), m_strLocalIPAddress, m_uiLocalIPPort);
     resolveSinkAddress(textOrEmpty(remoteAddress), m_strRemoteIPAddress, m_uiRemoteIPPort);
-    m_intReceiveFrameStep = RECEIVE_FRAME_HEAD;
-    m_uintHeaderOffset = 0;
-    if (m_bRtConnection) return _resetReceiveBuffer(RT_RECEIVE_BUFFER_SIZE);
+    _clearReceiveBuffer();
     return true;
 }
 
@@ -209,42 +431,27 @@ bool CTcpApartmentSink::onSinkDestroyed() {
     m_uiLocalIPPort = 0;
     m_uiRemoteIPPort = 0;
     onSinkClose();
-    m_intReceiveFrameStep = RECEIVE_FRAME_HEAD;
-    m_uintHeaderOffset = 0;
     _clearReceiveBuffer();
-    m_uintReceiveBufferOffset = 0;
     return true;
 }
 
 void CTcpApartmentSink::onSinkClose() {
-    // Shutting the connection down first makes a sender that is waiting in
-    // _rawSend fail at once and let go of the send mutex; then the
-    // descriptor is closed under the mutex, so no sender can write to it
-    // after it has been released (and perhaps reused).
+    // Shutting the connection down first makes a write under way fail at
+    // once; the descriptor is closed only when no write is under way, so
+    // that no writer uses it after it has been released (and perhaps
+    // reused). Writers that come later find no descriptor and fail.
     OS::Socket::shutdown(m_Socket.getSockFd(), SHUT_RDWR, USE_DEFAULT);
     SendLock lock(&m_SendMutex);
+    while (m_bSending) m_SendDoneCondition.wait();
     m_Socket.close();
 }
 
-unsigned long CTcpApartmentSink::receiveProgress() {
-    if (m_intReceiveFrameStep == RECEIVE_FRAME_BODY)
-        return FRAME_HEADER_SIZE + 1UL + m_uintReceiveBufferOffset;
-    char header[FRAME_HEADER_SIZE];
-    const int peeked = m_Socket.receive(header, FRAME_HEADER_SIZE, MSG_PEEK);
-    return m_uintHeaderOffset + (peeked > 0 ? static_cast<unsigned long>(peeked) : 0UL);
-}
-
-bool CTcpApartmentSink::_ensureReceiveBuffer(unsigned int uintSize) {
-    if (m_uintReceiveBufferSize >= uintSize) return true;
-    return _resetReceiveBuffer(uintSize);
-}
-
-bool CTcpApartmentSink::_resetReceiveBuffer(unsigned int uintSize) {
-    _clearReceiveBuffer();
-    if (uintSize == 0) return true;
-    m_pReceiveBuffer = new (std::nothrow) char[uintSize];
+bool CTcpApartmentSink::_ensureReceiveBuffer() {
+    if (m_pReceiveBuffer != nullptr) return true;
+    m_pReceiveBuffer = new (std::nothrow) char[READ_BUFFER_SIZE];
     if (m_pReceiveBuffer == nullptr) return false;
-    m_uintReceiveBufferSize = uintSize;
+    m_uintReceiveBufferSize = READ_BUFFER_SIZE;
+    m_uintReadBegin = m_uintReadEnd = 0;
     return true;
 }
 
@@ -252,30 +459,11 @@ void CTcpApartmentSink::_clearReceiveBuffer() {
     delete[] m_pReceiveBuffer;
     m_pReceiveBuffer = nullptr;
     m_uintReceiveBufferSize = 0;
-}
-
-bool CTcpApartmentSink::_rawPeek(void* pBuffer, const unsigned int& uintSize) {
-    return m_Socket.receive(pBuffer, static_cast<int>(uintSize), MSG_PEEK) ==
-           static_cast<int>(uintSize);
-}
-
-bool CTcpApartmentSink::_rawSend(const void* pData, const unsigned int& uintSize) {
-    const char* pBytes = static_cast<const char*>(pData);
-    unsigned int sent = 0;
-    while (sent < uintSize) {
-        const int result = m_Socket.send(pBytes + sent, static_cast<int>(uintSize - sent), 0);
-        if (result >= 1) {
-            sent += static_cast<unsigned int>(result);
-            continue;
-        }
-        if (m_Socket.getSockFd() == -1 || m_Socket.isLinkBroken()) break;
-        if (result < 0 && isPermanentSendError(OS::Socket::getErrnoCode())) break;
-        if (m_Socket.readyToWrite(SEND_STALL_TIMEOUT_MS, nullptr)) continue;
-        std::printf("TcpApartmentSink write failed.\n");
-        setExpectSinkClosed(true);
-        break;
-    }
-    return sent == uintSize;
+    m_uintReadBegin = m_uintReadEnd = 0;
+    delete[] m_pLargePayload;
+    m_pLargePayload = nullptr;
+    m_uintLargePayloadFill = 0;
+    m_intReceiveFrameStep = RECEIVE_FRAME_HEAD;
 }
 
 // ---------------------------------------------------------------------------
@@ -323,28 +511,28 @@ bool CTcpListenSink::onSinkInited(const char* localAddress, const char* remoteAd
 IApartmentServerSink* CTcpListenSink::processConnectRequest(DWORD dwTimeoutMs) {
     if (!m_Socket.readyToRead(dwTimeoutMs, nullptr)) return nullptr;
 
-    CTcpServerSink* pServer = new (std::nothrow) CTcpServerSink;
-    if (pServer == nullptr) return nullptr;
-    ISocket* pTarget = &pServer->innerSocket();
+    // Held by a reference until handed out: should anything below throw
+    // (the address texts allocate), the sink and the connection it accepted
+    // go with it.
+    CReference<CTcpServerSink> server(new (std::nothrow) CTcpServerSink);
+    if (server.nil()) return nullptr;
+    ISocket* pTarget = &server->innerSocket();
     std::string peerIp;
     USHORT peerPort = 0;
     std::string localIp;
     USHORT localPort = 0;
     if (!m_Socket.accept(pTarget, peerIp, peerPort, USE_DEFAULT) ||
-        !pServer->innerSocket().getSockName(localIp, localPort)) {
-        pServer->releaseRef();
+        !server->innerSocket().getSockName(localIp, localPort))
         return nullptr;
-    }
     std::string localAddress;
     std::string remoteAddress;
     makeSinkAddress(localIp, localPort, localAddress);
     makeSinkAddress(peerIp, peerPort, remoteAddress);
-    if (!pServer->initSink(localAddress.c_str(), remoteAddress.c_str())) {
-        pServer->releaseRef();
-        return nullptr;
-    }
-    pServer->setLocalApartmentUrl(m_strLocalApartmentUrl.c_str());
-    return pServer;
+    if (!server->initSink(localAddress.c_str(), remoteAddress.c_str())) return nullptr;
+    server->setLocalApartmentUrl(m_strLocalApartmentUrl.c_str());
+    server->setMaxFrameSize(m_uintMaxFrameSize);
+    server->addRef();  // the caller's
+    return server;
 }
 
 // ---------------------------------------------------------------------------
@@ -364,8 +552,8 @@ bool CTcpClientSink::onSinkInited(const char* localAddress, const char* remoteAd
     socklen_t length = sizeof error;
     m_Socket.getSockopt(SOL_SOCKET, SO_ERROR, &error, &length);
     if (m_Socket.readyToRead(0, nullptr) && error != 0) {
-        std::printf("[TcpApartment Error]: Can not connected to %s:%u\n",
-                    m_strRemoteIPAddress.c_str(), static_cast<unsigned int>(m_uiRemoteIPPort));
+        log_task_line("[TcpApartment Error]: Can not connected to %s:%u",
+                      m_strRemoteIPAddress.c_str(), static_cast<unsigned int>(m_uiRemoteIPPort));
         return false;
     }
     if (!m_Socket.getSockName(m_strLocalIPAddress, m_uiLocalIPPort)) return false;
@@ -387,38 +575,44 @@ bool CTcpServerSink::onSinkInited(const char* localAddress, const char* remoteAd
 }
 
 bool CTcpServerSink::waitRemoteConnectionInfo(DWORD dwTimeoutMs, bool& bRtConnection) {
-    unsigned char block[CONNECTION_FRAME_SIZE];
-    // Deliberately not reset between passes: after a dropped frame, the
-    // next receive is offered only that frame's size.
-    unsigned int capacity = CONNECTION_FRAME_SIZE;
+    // Deliberately not reset after a frame of another type is dropped: the
+    // next frame may then be no larger than that one.
+    unsigned int capacity = APARTMENT_CONNECTION_BLOCK_SIZE;
     timespec giveUpAt = OS::Clock::monotonicDeadline(dwTimeoutMs);
     const timespec totalGiveUpAt = OS::Clock::monotonicDeadline(CONNECTION_INFO_TOTAL_TIMEOUT_MS);
     for (;;) {
+        unsigned int type = 0;
+        unsigned int size = 0;
+        char* payload = nullptr;
+        const FRAME_STATUS status = nextFrame(type, payload, size, capacity);
+        // A frame that can never be taken is refused at its header, before
+        // the rest of it is waited for.
+        if (status == FRAME_TOO_LARGE || status == FRAME_NO_MEMORY) return false;
+        if (status == FRAME_READY) {
+            if (type == APARTMENT_CONNECTION_FRAME) {
+                std::string url;
+                if (!CApartmentFrameCodec::parseConnectionBlock(payload, size, bRtConnection, url))
+                    return false;
+                setRemoteApartmentUrl(url.c_str());
+                consumeFrame();
+                return true;
+            }
+            capacity = size;
+            consumeFrame();
+            giveUpAt = OS::Clock::monotonicDeadline(dwTimeoutMs);  // a frame dropped is progress
+            continue;
+        }
+
         timespec now{0, 0};
         OS::Clock::getTime(OS::Clock::MONOTONIC, &now, USE_DEFAULT);
         if (!OS::Clock::isEarlier(now, totalGiveUpAt)) return false;
         if (!m_Socket.readyToRead(dwTimeoutMs, nullptr)) return false;
-        if (m_Socket.getSockFd() == -1 || m_Socket.isLinkBroken()) return false;
-
-        const unsigned long progressBefore = receiveProgress();
-        std::memset(block, 0, sizeof block);
-        unsigned int type = 0;
-        if (receiveFrame(type, block, capacity)) {
-            if (type == APARTMENT_CONNECTION_FRAME) {
-                bRtConnection = block[0] != 0;
-                const char* url = reinterpret_cast<const char*>(block) + CONNECTION_FRAME_URL_OFFSET;
-                const size_t urlLength =
-                    strnlen(url, CONNECTION_FRAME_SIZE - CONNECTION_FRAME_URL_OFFSET);
-                setRemoteApartmentUrl(std::string(url, urlLength).c_str());
-                return true;
-            }
-            giveUpAt = OS::Clock::monotonicDeadline(dwTimeoutMs);  // a frame dropped is progress
-            continue;
-        }
-        if (receiveProgress() != progressBefore) {
+        const READ_RESULT read = readAvailable();
+        if (read == READ_DATA) {
             giveUpAt = OS::Clock::monotonicDeadline(dwTimeoutMs);
             continue;
         }
+        if (read != READ_NOTHING) return false;  // closed, broken, or no memory
         OS::Clock::getTime(OS::Clock::MONOTONIC, &now, USE_DEFAULT);
         if (!OS::Clock::isEarlier(now, giveUpAt)) return false;
         pauseMicroseconds(NO_PROGRESS_PAUSE_US);

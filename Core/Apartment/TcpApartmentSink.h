@@ -8,11 +8,23 @@
 //   CTcpClientSink   the end an apartment connects towards another one.
 //   CTcpServerSink   the accepted end; learns its peer from the first frame.
 //
-// Threads: sendFrame may be called from any thread. receiveFrame, the
-// receive state and closeSink belong to the single communication thread that
-// owns the sink (for a fresh server sink, the dispatching thread that reads
-// its connection frame before sharing it). processConnectRequest runs on the
-// listen thread; a client's initSink on the thread that connects.
+// Sending: any thread. Each frame leaves in one gathered write (header,
+// payload parts) straight from the caller's buffers. While one thread is
+// writing, frames of other threads for the same link queue up behind it and
+// the writing thread takes them all in its next write (a group commit); each
+// caller still returns only once its own frame has been handed to the
+// kernel, or the link has failed.
+//
+// Receiving: the single communication thread that owns the sink (for a
+// fresh server sink, the dispatching thread that reads its connection frame
+// before sharing it). One read takes whatever is waiting into the sink's
+// read buffer, from which complete frames are taken in place; a payload
+// larger than the buffer is read straight into a buffer of its own, which
+// the taker may keep. A header that announces more than the link's maximum
+// is refused before anything is allocated for it.
+//
+// processConnectRequest runs on the listen thread; a client's initSink on
+// the thread that connects.
 #ifndef APARTMENT_TCPAPARTMENTSINK_H
 #define APARTMENT_TCPAPARTMENTSINK_H
 
@@ -20,6 +32,7 @@
 
 #include "ApartmentSink.h"
 #include "FieldKit/Socket/Socket.h"
+#include "GroundKit/OS/OS_Condition.h"
 #include "GroundKit/OS/OS_Mutex.h"
 
 class ITcpApartmentSinkStub : public TExtensionStub<CApartmentSink, ITcpApartmentSink> {
@@ -28,20 +41,42 @@ public:
 };
 
 enum RECEIVE_FRAME_STEP {
-    RECEIVE_FRAME_HEAD = 1,  // collecting the 8 header bytes
-    RECEIVE_FRAME_BODY = 2   // header consumed, collecting the payload
+    RECEIVE_FRAME_HEAD = 1,  // frames are taken from the read buffer
+    RECEIVE_FRAME_BODY = 2   // a large payload is being read into its own buffer
 };
 
 class CTcpApartmentSink : public ITcpApartmentSinkStub {
 public:
     static constexpr unsigned int FRAME_HEADER_SIZE = 8;
-    static constexpr unsigned int SEND_BUFFER_SIZE = 1024;
-    // Receive buffer a real-time link starts with, so that its thread does
-    // not allocate in steady state.
-    static constexpr unsigned int RT_RECEIVE_BUFFER_SIZE = 102400;
+    // The largest payload a real-time link carries: a real-time frame is
+    // delivered from one fixed buffer of the apartment.
+    static constexpr unsigned int RT_MAX_FRAME_SIZE = APARTMENT_RT_MAX_FRAME_SIZE;
+    // The read buffer: what one read takes at most. It holds the largest
+    // real-time frame whole, so that a real-time link never allocates per
+    // frame; a larger payload on another link gets a buffer of its own.
+    static constexpr unsigned int READ_BUFFER_SIZE = RT_MAX_FRAME_SIZE + FRAME_HEADER_SIZE;
     // A send that cannot make progress for this long condemns the link.
     static constexpr DWORD SEND_STALL_TIMEOUT_MS = 100;
     static constexpr int LINK_SOCKET_BUFFER_SIZE = 65535;
+    // Frames that one gathered write takes at most (three buffers each,
+    // within the system's limit of 1024 per call).
+    static constexpr unsigned int MAX_FRAMES_PER_WRITE = 256;
+
+    // What readAvailable found.
+    enum READ_RESULT {
+        READ_DATA,     // bytes were taken in
+        READ_NOTHING,  // nothing is waiting
+        READ_CLOSED,   // the peer shut down in order: nothing more will come
+        READ_FAILED,   // the link is broken
+        READ_NO_MEMORY  // the read buffer could not be had
+    };
+    // What the read bytes hold.
+    enum FRAME_STATUS {
+        FRAME_READY,       // a whole frame: see nextFrame
+        FRAME_INCOMPLETE,  // more bytes are needed
+        FRAME_TOO_LARGE,   // the header announces more than the limit
+        FRAME_NO_MEMORY    // no buffer could be had for a large payload
+    };
 
     CTcpApartmentSink();
     virtual ~CTcpApartmentSink();
@@ -50,14 +85,44 @@ public:
     // wildcard-bound apartment advertises an address the peer can reach.
     void setLocalApartmentUrl(const char* strUrl) override;
     // Any thread. Blocks while the peer keeps taking bytes; false for a
-    // listen sink, a broken link or a stall of SEND_STALL_TIMEOUT_MS (which
-    // also prints a line and marks the sink expect-closed).
+    // listen sink, a payload above the link's maximum (nothing is written),
+    // a link that is closed or condemned, a broken link or a stall of
+    // SEND_STALL_TIMEOUT_MS (which also prints a line and marks the sink
+    // expect-closed, as does any write that leaves part of a frame behind).
     bool sendFrame(const unsigned int& uintFrameType, const void* pData,
                    const unsigned int& uintSize) override;
-    // Owning communication thread only; never blocks. See IApartmentSink.
+    bool sendFrameParts(const unsigned int& uintFrameType, const void* pHead,
+                        unsigned int uintHeadSize, const void* pTail,
+                        unsigned int uintTailSize) override;
+    // Owning thread only; never blocks; at most one read. See IApartmentSink.
+    // A frame above the maximum is never delivered.
     bool receiveFrame(unsigned int& uintFrameType, void* pBuffer,
                       unsigned int& uintSize) override;
     int getSocketFd() const override;
+
+    // The largest payload a non-real-time link accepts and sends (a
+    // real-time link always takes RT_MAX_FRAME_SIZE). Set before the sink
+    // is shared.
+    void setMaxFrameSize(unsigned int uintMaxFrameSize);
+    unsigned int maxFrameSize() const;
+
+    // Owning thread only. One non-blocking read of what is waiting.
+    READ_RESULT readAvailable();
+    // Owning thread only. The next whole frame held, without taking it: its
+    // type, size and payload (valid until the next call on this sink). A
+    // header announcing more than min(maximum, uintLimit) bytes gives
+    // FRAME_TOO_LARGE and `uintSize` the announced size. Never reads.
+    FRAME_STATUS nextFrame(unsigned int& uintFrameType, char*& pPayload, unsigned int& uintSize,
+                           unsigned int uintLimit = 0xFFFFFFFFu);
+    // Owning thread only. Drops the frame nextFrame reported. With
+    // bPayloadTaken, the caller keeps a payload that had a buffer of its own
+    // (see payloadHasOwnBuffer) and frees it with delete[].
+    void consumeFrame(bool bPayloadTaken = false);
+    // Whether the frame nextFrame reported sits in a buffer of its own.
+    bool payloadHasOwnBuffer() const;
+    // Whether a whole frame is already held, so that a wait for the socket
+    // must not come first. Owning thread only.
+    bool hasFrameReady() const;
 
     // Raises the socket buffers to LINK_SOCKET_BUFFER_SIZE and turns off
     // Nagle's delay. False only when there is no socket.
@@ -82,39 +147,40 @@ protected:
     unsigned short m_uiRemoteIPPort;
     CSocket m_Socket;
 
-    // Receive state: owning communication thread only, no lock.
+    // Receive state: owning thread only, no lock. The read buffer holds
+    // bytes [m_uintReadBegin, m_uintReadEnd) not yet taken as frames.
     RECEIVE_FRAME_STEP m_intReceiveFrameStep;
-    unsigned int m_uintReceiveFrameType;
+    unsigned int m_uintReceiveFrameType;  // of the frame nextFrame reported
     unsigned int m_uintReceiveFrameSize;
-    char* m_pReceiveBuffer;
-    unsigned int m_uintReceiveBufferSize;
-    unsigned int m_uintReceiveBufferOffset;
-    // Header bytes taken from the socket so far. They are consumed as they
-    // arrive: bytes left unread would pin their whole socket buffer, and a
-    // burst of small frames could then shut the receive window for good.
-    unsigned char m_HeaderBytes[FRAME_HEADER_SIZE];
-    unsigned int m_uintHeaderOffset;
+    char* m_pReceiveBuffer;               // the read buffer, allocated on first read
+    unsigned int m_uintReceiveBufferSize;  // its capacity
+    unsigned int m_uintReadBegin;
+    unsigned int m_uintReadEnd;
+    char* m_pLargePayload;  // a payload too large for the read buffer
+    unsigned int m_uintLargePayloadFill;
+    unsigned int m_uintMaxFrameSize;
 
-    // Guards the staging buffer and keeps each frame's bytes contiguous on
-    // the wire; closing the socket takes it too, so that no sender writes to
-    // a descriptor that is being closed (or already reused). Recursive, so a
-    // nested send from the same thread cannot deadlock. Nothing else is
-    // locked while it is held.
-    OS::TRecursiveMutex m_SendMutex;
-    char* m_pSendBuffer;
-    unsigned int m_uintSendBufferSize;
-    unsigned int m_uintSendBufferOffset;  // unused: sendFrame keeps its fill level locally
-
-    // How far the frame in reception has come (header bytes waiting, then
-    // payload bytes held); grows with every byte taken in.
-    unsigned long receiveProgress();
+    // Guards the queue of frames waiting to be written and the writing
+    // flag; m_SendDoneCondition wakes the waiting writers when frames have
+    // gone (or failed) or the writer role is free. No socket call is made
+    // under it. Closing the socket waits here until no write is under way,
+    // so that no writer uses a descriptor that is being closed (or reused).
+    // Nothing else is locked while it is held.
+    struct PendingFrame;
+    OS::TBaseMutex m_SendMutex;
+    OS::TCondition m_SendDoneCondition;
+    PendingFrame* m_pSendHead;
+    PendingFrame* m_pSendTail;
+    bool m_bSending;
 
 private:
-    bool _ensureReceiveBuffer(unsigned int uintSize);
-    bool _resetReceiveBuffer(unsigned int uintSize);
+    unsigned int effectiveMaxFrameSize() const;
+    bool _ensureReceiveBuffer();
     void _clearReceiveBuffer();
-    bool _rawPeek(void* pBuffer, const unsigned int& uintSize);
-    bool _rawSend(const void* pData, const unsigned int& uintSize);
+    // Writes the frames from pFirst up to (not including) pEnd in as few
+    // gathered writes as it takes; marks each frame's result. False when the
+    // link failed (frames not wholly written are failed).
+    bool _writeFrames(int fd, PendingFrame* pFirst, PendingFrame* pEnd);
 };
 
 class IApartmentListenSinkStub : public TExtensionStub<CTcpApartmentSink, IApartmentListenSink> {
@@ -139,7 +205,8 @@ public:
     static constexpr int LISTEN_BACKLOG = 5;
 
     APARTMENT_SINK_TYPE sinkType() const override;
-    // Listen thread only.
+    // Listen thread only. May throw (an allocation failure); the accepted
+    // connection is then closed.
     IApartmentServerSink* processConnectRequest(DWORD dwTimeoutMs) override;
 
     // A uniform draw from RANDOM_PORT_MIN..RANDOM_PORT_MAX, freshly seeded
@@ -167,10 +234,6 @@ protected:
 // The accepted end, created by CTcpListenSink::processConnectRequest.
 class CTcpServerSink : public IApartmentServerSinkStub {
 public:
-    // The fixed payload of a connection frame: the real-time flag, then the
-    // peer's URL, zero-padded, with a final zero that always terminates it.
-    static constexpr unsigned int CONNECTION_FRAME_SIZE = 130;
-    static constexpr unsigned int CONNECTION_FRAME_URL_OFFSET = 1;
     // The whole handshake wait never lasts longer than this (plus one
     // readability wait): it runs on the host's dispatching thread, and a
     // peer feeding a huge first frame byte by byte would otherwise hold
@@ -179,11 +242,13 @@ public:
 
     APARTMENT_SINK_TYPE sinkType() const override;
     // Dispatching thread, before the sink is shared. Frames of other types
-    // are dropped while it waits. Each wait for data lasts up to dwTimeoutMs;
-    // a peer that keeps the link readable without completing a frame (half a
-    // header, say) is given up after dwTimeoutMs without progress, and any
-    // peer after CONNECTION_INFO_TOTAL_TIMEOUT_MS in all. False drops the
-    // connection.
+    // are dropped while it waits; a frame too large ever to be the
+    // connection block is refused at its header. Each wait for data lasts
+    // up to dwTimeoutMs; a peer that sends nothing more is given up after
+    // dwTimeoutMs without progress, and any peer after
+    // CONNECTION_INFO_TOTAL_TIMEOUT_MS in all. Bytes that follow the
+    // connection frame stay held for the communication thread. False drops
+    // the connection.
     bool waitRemoteConnectionInfo(DWORD dwTimeoutMs, bool& bRtConnection) override;
 
     // The socket the listen sink accepts into; not yet attached before that.

@@ -21,7 +21,8 @@
  * The system headers below come with this header so that code above the
  * platform layer gets sockaddr, sockaddr_in, socklen_t, fd_set, timeval and
  * the option and flag constants (SOL_SOCKET, IPPROTO_TCP, MSG_PEEK, FIONBIO,
- * ...) without including them itself.
+ * ...), struct iovec and struct pollfd with the POLL* flags without
+ * including them itself.
  */
 #ifndef OS_SOCKET_H
 #define OS_SOCKET_H
@@ -33,6 +34,8 @@
 #include <sys/select.h>
 #include <sys/time.h>
 #include <sys/ioctl.h>
+#include <sys/uio.h>
+#include <poll.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 
@@ -84,6 +87,15 @@ OS_PLATFORM_API int os_socket_accept(int fd, struct sockaddr* addr, socklen_t* l
 OS_PLATFORM_API int os_socket_send(int fd, const void* buf, int len, int flags, RT_MODE mode);
 
 /*
+ * sendmsg(2) of `count` buffers in order, with MSG_NOSIGNAL added to `flags`:
+ * one system call for all of them. Bytes sent (possibly fewer than their
+ * sum; the caller continues from where it stopped), or -1 as for send.
+ * `count` is at most IOV_MAX (1024 on Linux); more fails with EINVAL.
+ */
+OS_PLATFORM_API long os_socket_send_vector(int fd, const struct iovec* buffers, int count,
+                                           int flags, RT_MODE mode);
+
+/*
  * recv(2): bytes received, 0 at the peer's orderly shutdown (or for len 0),
  * -1 on error (EAGAIN when nothing is pending). MSG_PEEK leaves the bytes in
  * the socket.
@@ -110,6 +122,16 @@ OS_PLATFORM_API int os_socket_get_sock_name(int fd, struct sockaddr* addr, sockl
  */
 OS_PLATFORM_API int os_socket_select(int nfds, fd_set* readfds, fd_set* writefds,
                                      fd_set* exceptfds, struct timeval* timeout, RT_MODE mode);
+
+/*
+ * poll(2) over `count` descriptors. Blocks up to timeout_ms milliseconds (0:
+ * just look; negative: no limit); unlike select it serves descriptors of any
+ * value. Returns the number of entries with events in revents, 0 on
+ * time-out, -1 on error (EINTR included: the caller decides whether to
+ * repeat). Negative descriptors are ignored, as poll(2) does.
+ */
+OS_PLATFORM_API int os_socket_poll(struct pollfd* fds, unsigned long count, int timeout_ms,
+                                   RT_MODE mode);
 
 /*
  * ioctl(2) for the int-valued socket requests (FIONBIO, FIONREAD, ...): *arg

@@ -52,6 +52,20 @@ int os_socket_send(int fd, const void* buf, int len, int flags, RT_MODE mode) {
     return (int)send(fd, buf, (size_t)len, flags | MSG_NOSIGNAL);
 }
 
+long os_socket_send_vector(int fd, const struct iovec* buffers, int count, int flags,
+                           RT_MODE mode) {
+    (void)mode;
+    if (count < 0 || (count > 0 && buffers == NULL)) {
+        errno = EINVAL;
+        return -1;
+    }
+    struct msghdr message;
+    memset(&message, 0, sizeof message);
+    message.msg_iov = (struct iovec*)buffers;
+    message.msg_iovlen = (size_t)count;
+    return (long)sendmsg(fd, &message, flags | MSG_NOSIGNAL);
+}
+
 int os_socket_recv(int fd, void* buf, int len, int flags, RT_MODE mode) {
     (void)mode;
     if (len < 0) {
@@ -95,6 +109,11 @@ int os_socket_select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* except
                      struct timeval* timeout, RT_MODE mode) {
     (void)mode;
     return select(nfds, readfds, writefds, exceptfds, timeout);
+}
+
+int os_socket_poll(struct pollfd* fds, unsigned long count, int timeout_ms, RT_MODE mode) {
+    (void)mode;
+    return poll(fds, (nfds_t)count, timeout_ms);
 }
 
 int os_socket_ioctl(int fd, unsigned long request, unsigned long* arg, RT_MODE mode) {

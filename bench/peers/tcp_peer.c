@@ -1,24 +1,102 @@
 /* Raw TCP, the floor: blocking sockets with TCP_NODELAY, each message a
- * 4-byte big-endian length and the bytes.
- *   tcp_peer echo                 bind 127.0.0.1:0, echo every message back
- *   tcp_peer ping ADDR SIZE COUNT round trips, report latency
- *   tcp_peer sink SIZE COUNT      bind, count COUNT messages, report the rate
- *   tcp_peer flood ADDR SIZE COUNT send COUNT messages */
+ * 4-byte big-endian length and the bytes, sent with one call per message.
+ * The receiving sides read whatever is waiting (one buffered read serves
+ * many small messages), as any framing library's receiver does.
+ *   tcp_peer echo                           bind 127.0.0.1:0, echo every message back
+ *   tcp_peer ping ADDR SIZE COUNT           round trips, report latency
+ *   tcp_peer sink SIZE COUNT                bind, count COUNT messages, report the rate
+ *   tcp_peer flood ADDR SIZE COUNT [THREADS]
+ *                                           send COUNT messages; with THREADS > 1 that
+ *                                           many threads share the socket under a mutex */
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <pthread.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include "peer_common.h"
 
-static int io_all(int fd, void* buf, size_t len, int writing) {
-    char* p = buf;
+/* What has arrived and is not yet taken, over a buffer of READ_CHUNK bytes;
+ * a message larger than that is read straight into the caller's buffer. */
+#define READ_CHUNK (256 * 1024)
+struct reader {
+    int fd;
+    char* buf;
+    size_t begin, end;
+};
+
+static int fill(struct reader* r) {
+    if (r->begin == r->end) r->begin = r->end = 0;
+    if (r->end == READ_CHUNK) {
+        memmove(r->buf, r->buf + r->begin, r->end - r->begin);
+        r->end -= r->begin;
+        r->begin = 0;
+    }
+    ssize_t n = recv(r->fd, r->buf + r->end, READ_CHUNK - r->end, 0);
+    if (n <= 0) return -1;
+    r->end += (size_t)n;
+    return 0;
+}
+
+static int take(struct reader* r, void* out, size_t len) {
+    char* p = out;
     while (len > 0) {
-        ssize_t n = writing ? send(fd, p, len, MSG_NOSIGNAL) : recv(fd, p, len, 0);
-        if (n <= 0) return -1;
+        if (r->begin == r->end) {
+            if (len >= READ_CHUNK) { /* large: no detour through the buffer */
+                ssize_t n = recv(r->fd, p, len, 0);
+                if (n <= 0) return -1;
+                p += n;
+                len -= (size_t)n;
+                continue;
+            }
+            if (fill(r) != 0) return -1;
+        }
+        size_t n = r->end - r->begin;
+        if (n > len) n = len;
+        memcpy(p, r->buf + r->begin, n);
+        r->begin += n;
         p += n;
-        len -= (size_t)n;
+        len -= n;
+    }
+    return 0;
+}
+
+static int read_message(struct reader* r, char** buf, size_t* cap, uint32_t* len) {
+    uint32_t n;
+    if (take(r, &n, 4) != 0) return -1;
+    *len = ntohl(n);
+    if (*len > *cap) {
+        *buf = realloc(*buf, *len);
+        *cap = *len;
+    }
+    return take(r, *buf, *len);
+}
+
+/* Header and body in one call, as a framing library would, without a copy. */
+static int write_message(int fd, const char* buf, uint32_t len) {
+    uint32_t n = htonl(len);
+    struct iovec iov[2] = {{&n, 4}, {(void*)buf, len}};
+    struct msghdr m;
+    memset(&m, 0, sizeof m);
+    m.msg_iov = iov;
+    m.msg_iovlen = 2;
+    size_t left = 4u + len;
+    while (left > 0) {
+        ssize_t sent = sendmsg(fd, &m, MSG_NOSIGNAL);
+        if (sent <= 0) return -1;
+        left -= (size_t)sent;
+        while (sent > 0) { /* step over what went */
+            size_t step = (size_t)sent < m.msg_iov->iov_len ? (size_t)sent : m.msg_iov->iov_len;
+            m.msg_iov->iov_base = (char*)m.msg_iov->iov_base + step;
+            m.msg_iov->iov_len -= step;
+            sent -= (ssize_t)step;
+            if (m.msg_iov->iov_len == 0 && m.msg_iovlen > 0) {
+                ++m.msg_iov;
+                --m.msg_iovlen;
+            }
+        }
     }
     return 0;
 }
@@ -62,47 +140,47 @@ static int connect_to(const char* addr) {
     return fd;
 }
 
-static int read_message(int fd, char** buf, size_t* cap, uint32_t* len) {
-    uint32_t n;
-    if (io_all(fd, &n, 4, 0) != 0) return -1;
-    *len = ntohl(n);
-    if (*len > *cap) {
-        *buf = realloc(*buf, *len);
-        *cap = *len;
-    }
-    return io_all(fd, *buf, *len, 0);
-}
+struct flooder {
+    int fd;
+    size_t size, count;
+    pthread_mutex_t* lock;
+};
 
-static int write_message(int fd, char* buf, uint32_t len) {
-    /* Header and body in one call, as a framing library would. */
-    char* frame = malloc(len + 4u);
-    uint32_t n = htonl(len);
-    memcpy(frame, &n, 4);
-    memcpy(frame + 4, buf, len);
-    int rc = io_all(fd, frame, len + 4u, 1);
-    free(frame);
-    return rc;
+static void* flood(void* arg) {
+    struct flooder* f = arg;
+    char* msg = calloc(f->size, 1);
+    for (size_t i = 0; i < f->count; ++i) {
+        if (f->lock) pthread_mutex_lock(f->lock);
+        int rc = write_message(f->fd, msg, (uint32_t)f->size);
+        if (f->lock) pthread_mutex_unlock(f->lock);
+        if (rc != 0) peer_die("send failed");
+    }
+    free(msg);
+    return NULL;
 }
 
 int main(int argc, char** argv) {
-    if (argc < 2) peer_die("usage: tcp_peer echo | ping ADDR SIZE COUNT | sink SIZE COUNT | flood ADDR SIZE COUNT");
+    if (argc < 2)
+        peer_die("usage: tcp_peer echo | ping ADDR SIZE COUNT | sink SIZE COUNT | flood ADDR SIZE COUNT [THREADS]");
     char* buf = NULL;
     size_t cap = 0;
     uint32_t len = 0;
+    struct reader r = {-1, malloc(READ_CHUNK), 0, 0};
     if (strcmp(argv[1], "echo") == 0) {
-        int fd = listen_any();
-        while (read_message(fd, &buf, &cap, &len) == 0)
-            if (write_message(fd, buf, len) != 0) break;
+        r.fd = listen_any();
+        while (read_message(&r, &buf, &cap, &len) == 0)
+            if (write_message(r.fd, buf, len) != 0) break;
         return 0;
     }
     if (strcmp(argv[1], "ping") == 0 && argc == 5) {
-        int fd = connect_to(argv[2]);
+        r.fd = connect_to(argv[2]);
         size_t size = (size_t)atol(argv[3]), count = (size_t)atol(argv[4]);
         char* msg = calloc(size, 1);
         double* samples = malloc(count * sizeof *samples);
         for (size_t i = 0, w = peer_warmup(count); i < w + count; ++i) {
             double t = peer_now();
-            if (write_message(fd, msg, (uint32_t)size) != 0 || read_message(fd, &buf, &cap, &len) != 0)
+            if (write_message(r.fd, msg, (uint32_t)size) != 0 ||
+                read_message(&r, &buf, &cap, &len) != 0)
                 peer_die("round trip failed");
             if (i >= w) samples[i - w] = (peer_now() - t) * 1e6;
         }
@@ -111,21 +189,31 @@ int main(int argc, char** argv) {
     }
     if (strcmp(argv[1], "sink") == 0 && argc == 4) {
         size_t size = (size_t)atol(argv[2]), count = (size_t)atol(argv[3]);
-        int fd = listen_any();
+        r.fd = listen_any();
         double start = 0;
         for (size_t i = 0; i < count; ++i) {
-            if (read_message(fd, &buf, &cap, &len) != 0) peer_die("stream ended early");
+            if (read_message(&r, &buf, &cap, &len) != 0) peer_die("stream ended early");
             if (i == 0) start = peer_now();
         }
         peer_report_stream(size, count - 1, peer_now() - start);
         return 0;
     }
-    if (strcmp(argv[1], "flood") == 0 && argc == 5) {
+    if (strcmp(argv[1], "flood") == 0 && (argc == 5 || argc == 6)) {
         int fd = connect_to(argv[2]);
         size_t size = (size_t)atol(argv[3]), count = (size_t)atol(argv[4]);
-        char* msg = calloc(size, 1);
-        for (size_t i = 0; i < count; ++i)
-            if (write_message(fd, msg, (uint32_t)size) != 0) peer_die("send failed");
+        size_t threads = argc == 6 ? (size_t)atol(argv[5]) : 1;
+        if (threads < 1 || threads > 64) peer_die("THREADS must be 1..64");
+        pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+        struct flooder f[64];
+        pthread_t t[64];
+        for (size_t i = 0; i < threads; ++i) {
+            f[i].fd = fd;
+            f[i].size = size;
+            f[i].count = count / threads + (i < count % threads ? 1 : 0);
+            f[i].lock = threads > 1 ? &lock : NULL;
+            if (pthread_create(&t[i], NULL, flood, &f[i]) != 0) peer_die("no thread");
+        }
+        for (size_t i = 0; i < threads; ++i) pthread_join(t[i], NULL);
         shutdown(fd, SHUT_WR);
         while (recv(fd, &len, sizeof len, 0) > 0) {
         }

@@ -2,7 +2,11 @@
  *   zmq_peer rep                       bind tcp://127.0.0.1:*, echo every request
  *   zmq_peer req ENDPOINT SIZE COUNT   round trips, report latency
  *   zmq_peer pull SIZE COUNT           bind, receive COUNT messages, report the rate
- *   zmq_peer push ENDPOINT SIZE COUNT  send COUNT messages, then wait to be stopped */
+ *   zmq_peer push ENDPOINT SIZE COUNT [THREADS]
+ *                                      send COUNT messages, then wait to be stopped;
+ *                                      with THREADS > 1, from that many threads,
+ *                                      each with its own PUSH socket */
+#include <pthread.h>
 #include <unistd.h>
 #include <zmq.h>
 
@@ -18,8 +22,24 @@ static void* bound(void* ctx, int type) {
     return s;
 }
 
+struct pusher {
+    void* ctx;
+    const char* endpoint;
+    size_t size, count;
+};
+
+static void* push(void* arg) {
+    struct pusher* p = arg;
+    void* s = zmq_socket(p->ctx, ZMQ_PUSH);
+    if (zmq_connect(s, p->endpoint) != 0) peer_die("cannot connect");
+    char* msg = calloc(p->size, 1);
+    for (size_t i = 0; i < p->count; ++i)
+        if (zmq_send(s, msg, p->size, 0) < 0) peer_die("send failed");
+    return NULL;
+}
+
 int main(int argc, char** argv) {
-    if (argc < 2) peer_die("usage: zmq_peer rep | req EP SIZE COUNT | pull SIZE COUNT | push EP SIZE COUNT");
+    if (argc < 2) peer_die("usage: zmq_peer rep | req EP SIZE COUNT | pull SIZE COUNT | push EP SIZE COUNT [THREADS]");
     void* ctx = zmq_ctx_new();
     if (strcmp(argv[1], "rep") == 0) {
         void* s = bound(ctx, ZMQ_REP);
@@ -60,13 +80,20 @@ int main(int argc, char** argv) {
         peer_report_stream(size, count - 1, peer_now() - start);
         _exit(0);
     }
-    if (strcmp(argv[1], "push") == 0 && argc == 5) {
-        void* s = zmq_socket(ctx, ZMQ_PUSH);
-        if (zmq_connect(s, argv[2]) != 0) peer_die("cannot connect");
+    if (strcmp(argv[1], "push") == 0 && (argc == 5 || argc == 6)) {
         size_t size = (size_t)atol(argv[3]), count = (size_t)atol(argv[4]);
-        char* msg = calloc(size, 1);
-        for (size_t i = 0; i < count; ++i)
-            if (zmq_send(s, msg, size, 0) < 0) peer_die("send failed");
+        size_t threads = argc == 6 ? (size_t)atol(argv[5]) : 1;
+        if (threads < 1 || threads > 64) peer_die("THREADS must be 1..64");
+        struct pusher p[64];
+        pthread_t t[64];
+        for (size_t i = 0; i < threads; ++i) {
+            p[i].ctx = ctx;
+            p[i].endpoint = argv[2];
+            p[i].size = size;
+            p[i].count = count / threads + (i < count % threads ? 1 : 0);
+            if (pthread_create(&t[i], NULL, push, &p[i]) != 0) peer_die("no thread");
+        }
+        for (size_t i = 0; i < threads; ++i) pthread_join(t[i], NULL);
         for (int i = 0; i < 600; ++i) usleep(100000); /* until stopped */
         return 0;
     }

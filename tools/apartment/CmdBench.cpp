@@ -4,10 +4,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <thread>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ApartmentApi.h"
@@ -23,20 +25,25 @@ namespace {
 const char BENCH_USAGE[] =
     "usage: apartment bench [--size 64,1024,16384] [--count N] [--duration S]\n"
     "                       [--remote URL] [--node NAME] [--timeout MS] [--json]\n"
-    "                       [--unpaced] [--local URL] [--verbose]\n"
+    "                       [--threads N] [--unpaced] [--local URL] [--verbose]\n"
     "\n"
     "For each payload size: N request/response round trips (default 10000;\n"
     "median, p90, p99 and max in microseconds), N notifications (per second,\n"
     "until the responder has handled them all) and N raw frames over the\n"
     "real-time link (per second and MB/s, MB = 10^6 bytes, until the responder\n"
-    "has counted them all). Floods keep at most 128 KiB unacknowledged\n"
+    "has counted them all). --threads N (N > 1) adds N threads notifying at\n"
+    "once over the one link (N notifications in all, per second in sum).\n"
+    "Floods keep at most 128 KiB unacknowledged\n"
     "(--unpaced: no limit, which measures the link's own flow control).\n"
     "--duration S bounds each measurement to S seconds instead (N then\n"
     "defaults to no limit). Without --remote a responder process (apartment\n"
     "serve) is started on 127.0.0.1. Raw rates need a responder\n"
-    "that answers the _stats node (apartment serve does). Sizes: 1..102400.\n";
+    "that answers the _stats node (apartment serve does). Sizes: 1..67108864;\n"
+    "raw frames are measured for sizes up to 102400 (the real-time limit).\n";
 
 const char BENCH_NODE[] = "bench";
+// The largest raw frame a real-time link carries.
+const long MAX_RAW_SIZE = 102400;
 
 // Unacknowledged bytes allowed in flight during the notification and raw
 // floods. The library condemns a link whose send makes no progress for
@@ -51,6 +58,7 @@ struct Row {
     LatencySummary latency;
     double notifyPerSecond = 0;
     size_t notifications = 0;
+    double threadsNotifyPerSecond = -1;  // -1: not measured
     double rawPerSecond = -1;  // -1: not measured
     double rawMBPerSecond = -1;
     size_t rawFrames = 0;
@@ -59,8 +67,9 @@ struct Row {
 class Bench {
 public:
     Bench(std::string remote, std::string node, long count, double duration, unsigned int timeoutMs,
-          bool unpaced)
+          bool unpaced, long threads)
         : m_bUnpaced(unpaced),
+          m_lThreads(threads),
           m_strRemote(std::move(remote)),
           m_strNode(std::move(node)),
           m_lCount(count),
@@ -111,7 +120,8 @@ public:
             row.notifyPerSecond = static_cast<double>(sent) / (monotonicSeconds() - start);
         }
 
-        if (m_bStats) measureRaw(payload, row);
+        if (m_lThreads > 1 && !stopRequested()) measureThreads(payload, row);
+        if (m_bStats && size <= MAX_RAW_SIZE) measureRaw(payload, row);
         return row;
     }
 
@@ -147,6 +157,57 @@ private:
                                                        : timeoutMs) != 0)
             throw RuntimeError("no response from " + m_strRemote + "/" + m_strNode);
         return monotonicSeconds() - start;
+    }
+
+    // m_lCount notifications from m_lThreads threads at once over the one
+    // link, each thread pacing itself with round trips of its own; one more
+    // thread pumps, so that the others wait for their answers instead of
+    // taking each other's messages.
+    void measureThreads(std::string& payload, Row& row) {
+        Progress progress("bench " + std::to_string(row.size) + " B notifications from " +
+                          std::to_string(m_lThreads) + " threads");
+        std::atomic<bool> pumping(true);
+        std::atomic<bool> failed(false);
+        std::atomic<bool> locked(false);
+        std::thread pump([&] {
+            locked = apartment_set_dispatch_enabled(nullptr, true);
+            while (pumping) apartment_dispatch_message(nullptr, ApartmentHost::monotonicDeadline(10));
+            apartment_set_dispatch_enabled(nullptr, false);
+        });
+        while (!locked && !failed) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        const size_t window = std::max<size_t>(1, windowFor(row.size) / static_cast<size_t>(m_lThreads));
+        std::atomic<size_t> sent(0);
+        const double start = monotonicSeconds();
+        std::vector<std::thread> writers;
+        for (long t = 0; t < m_lThreads; ++t) {
+            const long share = m_lCount / m_lThreads + (t < m_lCount % m_lThreads ? 1 : 0);
+            writers.emplace_back([&, share] {
+                std::string none;
+                try {
+                    for (long i = 0; i < share && !failed && !expired(start) && !stopRequested(); ++i) {
+                        if (i != 0 && static_cast<size_t>(i) % window == 0) roundTrip(none, 60000);
+                        unsigned int id = 0;
+                        if (apartment_node_write_notify(nullptr, BENCH_NODE, m_strRemote.c_str(),
+                                                        m_strNode.c_str(), &payload[0],
+                                                        static_cast<unsigned int>(payload.size()),
+                                                        id) != 0) {
+                            failed = true;
+                            return;
+                        }
+                        ++sent;
+                    }
+                    roundTrip(none, 60000);
+                } catch (const RuntimeError&) {
+                    failed = true;
+                }
+            });
+        }
+        for (std::thread& w : writers) w.join();
+        const double seconds = monotonicSeconds() - start;
+        pumping = false;
+        pump.join();
+        if (failed) throw RuntimeError("notifications from threads to " + m_strRemote + " failed");
+        row.threadsNotifyPerSecond = static_cast<double>(sent) / seconds;
     }
 
     bool readRawCount(unsigned long& raw, int timeoutMs) {
@@ -202,6 +263,7 @@ private:
     }
 
     bool m_bUnpaced;
+    long m_lThreads;
     std::string m_strRemote;
     std::string m_strNode;
     long m_lCount;
@@ -213,17 +275,19 @@ private:
 
 void printTable(const std::string& remote, const std::vector<Row>& rows, bool stats) {
     say("apartment bench against %s (latency in microseconds; MB = 10^6 bytes)", remote.c_str());
-    say("%8s %8s %9s %9s %9s %9s %12s %12s %10s", "size", "count", "median", "p90", "p99", "max",
-        "notify/s", "raw/s", "raw MB/s");
+    say("%8s %8s %9s %9s %9s %9s %12s %14s %12s %10s", "size", "count", "median", "p90", "p99",
+        "max", "notify/s", "threads n/s", "raw/s", "raw MB/s");
     for (const Row& r : rows) {
-        char raw[32] = "n/a", rawMB[32] = "n/a";
+        char raw[32] = "n/a", rawMB[32] = "n/a", threads[32] = "n/a";
         if (r.rawPerSecond >= 0) {
             std::snprintf(raw, sizeof raw, "%.0f", r.rawPerSecond);
             std::snprintf(rawMB, sizeof rawMB, "%.1f", r.rawMBPerSecond);
         }
-        say("%8ld %8zu %9.1f %9.1f %9.1f %9.1f %12.0f %12s %10s", r.size, r.latency.count,
-            r.latency.median, r.latency.p90, r.latency.p99, r.latency.max, r.notifyPerSecond, raw,
-            rawMB);
+        if (r.threadsNotifyPerSecond >= 0)
+            std::snprintf(threads, sizeof threads, "%.0f", r.threadsNotifyPerSecond);
+        say("%8ld %8zu %9.1f %9.1f %9.1f %9.1f %12.0f %14s %12s %10s", r.size, r.latency.count,
+            r.latency.median, r.latency.p90, r.latency.p99, r.latency.max, r.notifyPerSecond,
+            threads, raw, rawMB);
     }
     if (!stats) say("(raw frames not measured: the responder has no %s node)", STATS_NODE);
 }
@@ -236,10 +300,13 @@ void printJson(const std::string& remote, const std::vector<Row>& rows) {
         std::snprintf(item, sizeof item,
                       "%s{\"size\":%ld,\"count\":%zu,\"median_us\":%.2f,\"p90_us\":%.2f,"
                       "\"p99_us\":%.2f,\"max_us\":%.2f,\"notifications\":%zu,"
-                      "\"notify_per_s\":%.0f,\"raw_frames\":%zu,\"raw_per_s\":%s,"
-                      "\"raw_mb_per_s\":%s}",
+                      "\"notify_per_s\":%.0f,\"threads_notify_per_s\":%s,"
+                      "\"raw_frames\":%zu,\"raw_per_s\":%s,\"raw_mb_per_s\":%s}",
                       i == 0 ? "" : ",", r.size, r.latency.count, r.latency.median, r.latency.p90,
                       r.latency.p99, r.latency.max, r.notifications, r.notifyPerSecond,
+                      r.threadsNotifyPerSecond < 0
+                          ? "null"
+                          : std::to_string(r.threadsNotifyPerSecond).c_str(),
                       r.rawFrames,
                       r.rawPerSecond < 0 ? "null" : std::to_string(r.rawPerSecond).c_str(),
                       r.rawMBPerSecond < 0 ? "null" : std::to_string(r.rawMBPerSecond).c_str());
@@ -253,14 +320,15 @@ void printJson(const std::string& remote, const std::vector<Row>& rows) {
 
 int runBench(const Words& words) {
     const Args args(words, {{"size", true}, {"count", true}, {"duration", true}, {"remote", true},
-                            {"node", true}, {"timeout", true}, {"json", false}, {"local", true}, {"unpaced", false},
+                            {"node", true}, {"timeout", true}, {"json", false}, {"local", true}, {"unpaced", false}, {"threads", true},
                             {"verbose", false}});
     if (args.help()) {
         std::fputs(BENCH_USAGE, stdout);
         return 0;
     }
     args.expectPositionals(0, 0, "");
-    const std::vector<long> sizes = args.numberList("size", {64, 1024, 16384}, 1, 102400);
+    const std::vector<long> sizes = args.numberList("size", {64, 1024, 16384}, 1, 64L << 20);
+    const long threads = args.number("threads", 1, 1, 64);
     const double duration = args.real("duration", 0, 0, 3600);
     const long count =
         args.number("count", duration > 0 ? 1000000000L : 10000L, 1, 1000000000L);
@@ -287,7 +355,7 @@ int runBench(const Words& words) {
         ApartmentSession session(clientUrlFor(remote, args));
         apartment_node_create(nullptr, BENCH_NODE);
         connectRemote(remoteText, false, timeoutMs);
-        Bench bench(remoteText, node, count, duration, timeoutMs, args.has("unpaced"));
+        Bench bench(remoteText, node, count, duration, timeoutMs, args.has("unpaced"), threads);
         bench.probeStats();
         stats = bench.hasStats();
         if (stats) connectRemote(remoteText, true, timeoutMs);

@@ -79,6 +79,9 @@ public:
     }
     // The text is converted to UTF-8 first; the prefix counts converted bytes.
     CAbstractStream& operator<<(const std::string& value) {
+        // ASCII reads the same in every code page the conversion knows, so
+        // the common case (URLs) skips it.
+        if (isAsciiText(value.data(), value.size())) return writeText(value.data(), value.size());
         const std::string utf8 = OS::UTF8Helper::oemToUTF8(value);
         return writeText(utf8.data(), utf8.size());
     }
@@ -117,8 +120,11 @@ public:
         readValue(length);
         if (!enoughReadable(length)) throwException(CStreamException::NOT_ENOUGH_SPACE);
         std::string utf8(length, '\0');
-        readObject(&utf8[0], length);
-        value = OS::UTF8Helper::oemFromUTF8(utf8.c_str());
+        if (length != 0) readObject(&utf8[0], length);
+        if (isAsciiText(utf8.data(), utf8.size()))
+            value.swap(utf8);  // the same in every code page: no conversion
+        else
+            value = OS::UTF8Helper::oemFromUTF8(utf8.c_str());
         return *this;
     }
 
@@ -138,6 +144,16 @@ protected:
     }
 
 private:
+    // No byte of 0x80 or above, and no zero byte (which the conversion
+    // would take as the end of the text).
+    static bool isAsciiText(const char* pText, size_t length) {
+        for (size_t i = 0; i < length; ++i) {
+            const unsigned char byte = static_cast<unsigned char>(pText[i]);
+            if (byte == 0 || byte >= 0x80) return false;
+        }
+        return true;
+    }
+
     template <class T>
     CAbstractStream& writeValue(T value) {
         if (!enoughWritable(sizeof value)) throwException(CStreamException::NOT_ENOUGH_SPACE);

@@ -15,6 +15,7 @@
 
 #include "FieldKit/Socket/ISocket.h"
 #include "GroundKit/OS/Socket/OS_Socket.h"
+#include "os_log.h"
 #include "os_sync.h"
 
 // An IPv4 address and port; the fields are those of sockaddr_in, with the
@@ -140,7 +141,7 @@ public:
     bool bind(const std::string& address, USHORT port) override {
         CSockAddr addr(address, port);
         if (OS::Socket::bind(m_iSocketFd, addr, CSockAddr::LENGTH, m_RtMode) == -1) {
-            std::printf("Bind failed, error code: %d\n", OS::Socket::getErrnoCode());
+            log_task_line("Bind failed, error code: %d", OS::Socket::getErrnoCode());
             return false;
         }
         return true;

@@ -39,6 +39,9 @@ public:
     static int send(int fd, const void* buf, int len, int flags, RT_MODE mode) {
         return os_socket_send(fd, buf, len, flags, mode);
     }
+    static long sendVector(int fd, const iovec* buffers, int count, int flags, RT_MODE mode) {
+        return os_socket_send_vector(fd, buffers, count, flags, mode);
+    }
     static int recv(int fd, void* buf, int len, int flags, RT_MODE mode) {
         return os_socket_recv(fd, buf, len, flags, mode);
     }
@@ -59,6 +62,9 @@ public:
     static int select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds,
                       timeval* timeout, RT_MODE mode) {
         return os_socket_select(nfds, readfds, writefds, exceptfds, timeout, mode);
+    }
+    static int poll(pollfd* fds, ULONG count, int timeoutMs, RT_MODE mode) {
+        return os_socket_poll(fds, count, timeoutMs, mode);
     }
     static int ioctl(int fd, ULONG request, ULONG* arg, RT_MODE mode) {
         return os_socket_ioctl(fd, request, arg, mode);

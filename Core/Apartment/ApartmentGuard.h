@@ -1,0 +1,52 @@
+// Where the library stops exceptions: the passes of its threads (listen,
+// communication, timer, reply opener), the dispatch of a message, and the
+// exported functions. An exception that left a thread function or an
+// exported function would end the host's process (std::terminate) or
+// unwind through C callers, so each of those places runs its work through
+// guarded(): whatever is thrown (an allocation failure, a host callback's
+// exception) costs that one pass, message or call, and leaves one
+// diagnostic line. Code inside the library may still throw; only these
+// edges catch.
+#ifndef APARTMENT_APARTMENTGUARD_H
+#define APARTMENT_APARTMENTGUARD_H
+
+#include <cxxabi.h>
+
+#include <exception>
+
+#include "FieldKit/BoundedStream/AbstractStream.h"
+#include "os_log.h"
+
+// Prints "[Apartment Error]: <where>: <what was thrown>." as one line.
+// Call only from inside a catch handler. Never throws and allocates
+// nothing; a stream exception pointer is deleted.
+inline void reportCaughtException(const char* where) noexcept {
+    try {
+        throw;
+    } catch (const std::exception& e) {
+        log_task_line("[Apartment Error]: %s: %s.", where, e.what());
+    } catch (CAbstractStream::CStreamException* e) {
+        log_task_line("[Apartment Error]: %s: stream error %d.", where,
+                      e != nullptr ? static_cast<int>(e->m_iExceptionCode) : 0);
+        delete e;
+    } catch (...) {
+        log_task_line("[Apartment Error]: %s: unknown exception.", where);
+    }
+}
+
+// Returns fn(), or `failure` when fn throws; the exception is reported by
+// reportCaughtException(where). Thread cancellation (the unwinding that
+// pthread_cancel starts) is let through, as it must be.
+template <class R, class F>
+R guarded(const char* where, R failure, F&& fn) {
+    try {
+        return fn();
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        reportCaughtException(where);
+        return failure;
+    }
+}
+
+#endif
