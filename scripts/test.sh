@@ -2,8 +2,8 @@
 # Builds the library three ways and runs the whole test suite:
 #   build/gcc   g++ 12, warnings as errors, configured for /usr as a Debian
 #               package build is; runs the install, package and manual
-#               checks and the Python module's and the Wireshark dissector's
-#               tests
+#               checks, the Python module's and the Wireshark dissector's
+#               tests, and the checks under an address-space limit
 #   build/tsan  clang 14 + ThreadSanitizer, the threaded tests (label tsan)
 #   build/asan  clang 14 + AddressSanitizer + UndefinedBehaviorSanitizer,
 #               every test, fuzz targets replayed and run briefly
@@ -29,6 +29,8 @@ configure build/gcc gcc g++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PR
 cmake --build build/gcc -j "$jobs"
 ctest --test-dir build/gcc -L 'install|package|man|python|dissector' --no-tests=error -j "$jobs" \
   --output-on-failure
+# Limits on address space only work without a sanitizer's reserved shadow.
+ctest --test-dir build/gcc -R 'AddressSpaceLimit' --no-tests=error -j "$jobs" --output-on-failure
 
 echo "== clang ThreadSanitizer build"
 configure build/tsan clang clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAPARTMENT_SANITIZE=thread
