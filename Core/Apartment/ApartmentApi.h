@@ -50,6 +50,17 @@
 // that use or open other links. A peer that closes its link and at once
 // connects again under the same URL is served on its new link.
 //
+// Frame size: a frame's payload is at most the maximum of its link. For
+// the links that carry requests, responses and notifications that is
+// 67108864 bytes (64 MiB), or the value of APARTMENT_MAX_FRAME_BYTES in the
+// environment when apartment_initialize runs (a whole number from 1 to
+// 4294967295; any other value keeps the default and prints one line). The
+// real-time link takes raw frames of up to 102400 bytes. A write above its
+// link's maximum fails at once (-4) and leaves the link as it was; a peer
+// that announces a larger frame has its link closed at the frame's header,
+// as by an orderly close (the nodes hear onApartmentOffline), with one line
+// naming the peer and the size. Both ends should agree on the maximum.
+//
 // Out-arguments declared as references to constants (uintRequestId,
 // intResponseCode, uintBufLen, dwLen) are written all the same; the
 // declarations are kept for compatibility with existing hosts.
@@ -127,16 +138,18 @@ APARTMENT_API bool apartment_node_set_callback(const char* strApartmentUrl,
                                                const char* strNodeUrl,
                                                IApartmentNodeCallback* pCallback);
 // Sends a raw frame with the caller's type number over the real-time link,
-// which must already be connected. A frame to the apartment's own URL
-// reaches its callback at once, on this thread.
+// which must already be connected; -4 for a frame over 102400 bytes. A
+// frame to the apartment's own URL is not sent: it reaches its callback at
+// once, on this thread.
 APARTMENT_API int apartment_raw_write(const char* strApartmentUrl,
                                       const char* strRemoteApartmentUrl,
                                       const unsigned int uintFrameType, void* pRawBuffer,
                                       const unsigned int& uintBufLen);
 // The node messaging functions reach the initialised apartment for a null
 // URL or any URL containing "tcp://"; any other URL gives -2. Node names
-// and remote URLs must be pure ASCII (else -4). A request opens the link on
-// first use; the new request id is written to uintRequestId.
+// and remote URLs must be pure ASCII (else -4), and the frame no larger
+// than the link's maximum (see Frame size above; else -4). A request opens
+// the link on first use; the new request id is written to uintRequestId.
 APARTMENT_API int apartment_node_write_request(const char* strApartmentUrl,
                                                const char* strNodeUrl,
                                                const char* strRemoteApartmentUrl,
