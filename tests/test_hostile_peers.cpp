@@ -205,8 +205,8 @@ TEST_P(OversizedHeaderTest, ClosesOnlyItsLinkBeforeThePayload) {
     const OversizedCase c = GetParam();
     if (c.addressSpaceLimit && underSanitizer())
         GTEST_SKIP() << "a sanitizer's runtime reserves more address space than the limit";
-    const size_t most = 64u << 20;  // what the peer sends after the header at most
-    Peer peer([c, most] {
+    constexpr size_t most = 64u << 20;  // what the peer sends after the header at most
+    Peer peer([c] {
         std::string url;
         const int fd = connectAs(kGhost, c.rt, url);
         if (fd < 0) return -fd;
@@ -262,8 +262,8 @@ INSTANTIATE_TEST_SUITE_P(
 // is served from the link's buffer on the next passes without waiting for
 // the socket, where nothing more will arrive.
 TEST_F(HostileTest, ABurstLargerThanOnePassIsServedWithoutWaitingForMore) {
-    const int frames = 3 * CTcpApartment::MAX_FRAMES_PER_PASS + 7;
-    Peer peer([frames] {
+    constexpr int frames = 3 * CTcpApartment::MAX_FRAMES_PER_PASS + 7;
+    Peer peer([] {
         std::string url;
         const int fd = connectAs(kGhost, false, url);
         if (fd < 0) return -fd;
