@@ -13,14 +13,19 @@
 using namespace apitest;
 
 // A failure inside the library on demand, for the calling thread only:
-// while t_failLocks is set, taking any library mutex throws. This
-// definition comes first in symbol lookup, so libapartment.so's calls reach
-// it; otherwise it forwards to the platform layer.
+// once t_failLocks is set, the next library mutex taken throws (one
+// failure, as an allocation failure would be; the unwinding after it may
+// lock again). This definition comes first in symbol lookup, so
+// libapartment.so's calls reach it; otherwise it forwards to the platform
+// layer.
 namespace {
 thread_local bool t_failLocks = false;
 }
 extern "C" int os_mutex_lock(mutex_handle* handle) {
-    if (t_failLocks) throw std::runtime_error("injected failure");
+    if (t_failLocks) {
+        t_failLocks = false;
+        throw std::runtime_error("injected failure");
+    }
     using Lock = int (*)(mutex_handle*);
     static const Lock platformLock = reinterpret_cast<Lock>(dlsym(RTLD_NEXT, "os_mutex_lock"));
     return platformLock(handle);
@@ -236,8 +241,10 @@ TEST(ApiLifecycle, ModuleVersionTextsAreExact) {
 }
 
 // An exception inside the library (here from the first lock the call
-// takes) never leaves an exported function: each returns its failure
-// value, and the library works normally afterwards.
+// takes: the registry's for a call that names the apartment, a lock deeper
+// inside for the node messaging functions) never leaves an exported
+// function: each returns its failure value, and the library works normally
+// afterwards.
 TEST_F(ApiInitialised, AFailureInsideReturnsEachFunctionsFailureValue) {
     Held<NodeRecorder> node;
     ASSERT_TRUE(apartment_node_create(nullptr, "n"));
@@ -255,27 +262,27 @@ TEST_F(ApiInitialised, AFailureInsideReturnsEachFunctionsFailureValue) {
 #define ROW(call, failure) {#call, [&] { return static_cast<long long>(call); }, failure}
     const std::vector<Row> rows = {
         ROW(apartment_initialize(url, true), 0),
-        ROW(apartment_set_callback(nullptr, nullptr), 0),
-        ROW(apartment_set_dispatch_enabled(nullptr, true), 0),
-        ROW(apartment_dispatch_message(nullptr, deadlineIn(0)), -1),
-        ROW(apartment_stop_dispatch_message(nullptr), 0),
-        ROW(apartment_allow_reentry(nullptr, false), 0),
-        ROW(apartment_local_url(nullptr, url, false, nullptr, length), 0),
-        ROW(apartment_connect_remote(nullptr, url, false), 0),
-        ROW(apartment_has_connect_remote(nullptr, url, false), 0),
-        ROW(apartment_disconnect_remote(nullptr, url, false), 0),
-        ROW(apartment_node_create(nullptr, "m"), 0),
-        ROW(apartment_node_destroy(nullptr, "n"), 0),
-        ROW(apartment_node_set_callback(nullptr, "n", node.get()), 0),
-        ROW(apartment_raw_write(nullptr, url, 5, &byte, uintLength), FAILED),
+        ROW(apartment_set_callback(url, nullptr), 0),
+        ROW(apartment_set_dispatch_enabled(url, true), 0),
+        ROW(apartment_dispatch_message(url, deadlineIn(0)), -1),
+        ROW(apartment_stop_dispatch_message(url), 0),
+        ROW(apartment_allow_reentry(url, false), 0),
+        ROW(apartment_local_url(url, url, false, nullptr, length), 0),
+        ROW(apartment_connect_remote(url, url, false), 0),
+        ROW(apartment_has_connect_remote(url, url, false), 0),
+        ROW(apartment_disconnect_remote(url, url, false), 0),
+        ROW(apartment_node_create(url, "m"), 0),
+        ROW(apartment_node_destroy(url, "n"), 0),
+        ROW(apartment_node_set_callback(url, "n", node.get()), 0),
+        ROW(apartment_raw_write(url, url, 5, &byte, uintLength), FAILED),
         ROW(apartment_node_write_request(nullptr, "n", url, "n", &byte, 1, id), FAILED),
         ROW(apartment_node_write_notify(nullptr, "n", url, "n", &byte, 1, id), FAILED),
         ROW(apartment_node_write_response(nullptr, "n", url, "n", 1, 0, &byte, 1), FAILED),
         ROW(apartment_node_read_response(nullptr, "n", 1, code, nullptr, uintLength, 0), FAILED),
-        ROW(apartment_set_timer(nullptr, nullptr, 10, 10), TIMER),
-        ROW(apartment_set_single_timer(nullptr, "n", 10), TIMER),
-        ROW(apartment_kill_timer(nullptr, nullptr, 1), 0),
-        ROW(apartment_keepalive_with(nullptr, url, 3, 100), 0),
+        ROW(apartment_set_timer(url, nullptr, 10, 10), TIMER),
+        ROW(apartment_set_single_timer(url, "n", 10), TIMER),
+        ROW(apartment_kill_timer(url, nullptr, 1), 0),
+        ROW(apartment_keepalive_with(url, url, 3, 100), 0),
     };
 #undef ROW
     testing::internal::CaptureStdout();

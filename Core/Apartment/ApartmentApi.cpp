@@ -21,9 +21,12 @@
 namespace {
 
 std::atomic<bool> is_library_initialized(false);
-// Written only by apartment_initialize/uninitialize, which the host does not
-// run concurrently with other calls.
-std::string initialized_apartment_url;
+// The initialised apartment, with a reference of its own, so that the calls
+// naming it by null (nearly all of them) skip the registry. Written only by
+// apartment_initialize/uninitialize, which the host does not run
+// concurrently with other calls. A plain pointer: a process that never
+// uninitialises must not tear the apartment down while it exits.
+IApartment* initialized_apartment = nullptr;
 
 const unsigned int NO_TIMER = 0xFFFFFFFFu;
 // The status results as plain ints, the type the status functions return.
@@ -34,10 +37,14 @@ const int FAILED = APARTMENT_METHOD_FAILED;
 
 // The apartment named by the URL, or the initialised one for null.
 CReference<IApartment> lookup(const char* strApartmentUrl) {
+    if (strApartmentUrl == nullptr) {
+        if (initialized_apartment == nullptr) return CReference<IApartment>();
+        initialized_apartment->addRef();
+        return CReference<IApartment>(initialized_apartment);
+    }
     CApartmentManager* manager = CApartmentManager::getUniqueApartmentManager();
     if (manager == nullptr) return CReference<IApartment>();
-    return CReference<IApartment>(manager->findApartment(
-        strApartmentUrl != nullptr ? strApartmentUrl : initialized_apartment_url.c_str()));
+    return CReference<IApartment>(manager->findApartment(strApartmentUrl));
 }
 
 // The node messaging functions reach the initialised apartment for null or
@@ -63,8 +70,9 @@ APARTMENT_API bool apartment_initialize(const char* strApartmentUrl,
             CApartmentManager::getUniqueApartmentManager()->createApartment(
                 strApartmentUrl, supportPassiveConnection));
         if (apartment.nil()) return false;
+        apartment->addRef();
+        initialized_apartment = apartment;
         is_library_initialized = true;
-        CApartmentHelper::getApartmentUrl(apartment, initialized_apartment_url);
         return true;
     });
 }
@@ -72,12 +80,15 @@ APARTMENT_API bool apartment_initialize(const char* strApartmentUrl,
 APARTMENT_API void apartment_uninitialize() {
     guarded("apartment_uninitialize", false, [] {
         if (is_library_initialized) {
+            // The registry's reference is then the last.
+            IApartment* apartment = initialized_apartment;
+            initialized_apartment = nullptr;
+            apartment->releaseRef();
             CApartmentTimerManager::destroyUniqueApartmentTimerManager();
             CApartmentManager* manager = CApartmentManager::getUniqueApartmentManager();
             if (manager != nullptr) manager->removeAllApartments();
             CApartmentManager::destroyUniqueApartmentManager();
             is_library_initialized = false;
-            initialized_apartment_url.clear();
         }
         return true;
     });

@@ -57,7 +57,11 @@ public:
     static constexpr unsigned int READ_BUFFER_SIZE = RT_MAX_FRAME_SIZE + FRAME_HEADER_SIZE;
     // A send that cannot make progress for this long condemns the link.
     static constexpr DWORD SEND_STALL_TIMEOUT_MS = 100;
-    static constexpr int LINK_SOCKET_BUFFER_SIZE = 65535;
+    // The socket buffers of a link (the kernel doubles the figure). Large
+    // enough that a stream of large frames flows without the sender and
+    // the receiver waiting on each other per 64 KiB; an idle link holds no
+    // memory for them.
+    static constexpr int LINK_SOCKET_BUFFER_SIZE = 1 << 20;
     // Frames that one gathered write takes at most (three buffers each,
     // within the system's limit of 1024 per call).
     static constexpr unsigned int MAX_FRAMES_PER_WRITE = 256;
@@ -124,7 +128,7 @@ public:
     // must not come first. Owning thread only.
     bool hasFrameReady() const;
 
-    // Raises the socket buffers to LINK_SOCKET_BUFFER_SIZE and turns off
+    // Sets the socket buffers to LINK_SOCKET_BUFFER_SIZE and turns off
     // Nagle's delay. False only when there is no socket.
     bool initSinkSocketOpt();
 

@@ -33,7 +33,7 @@ const char BENCH_USAGE[] =
     "real-time link (per second and MB/s, MB = 10^6 bytes, until the responder\n"
     "has counted them all). --threads N (N > 1) adds N threads notifying at\n"
     "once over the one link (N notifications in all, per second in sum).\n"
-    "Floods keep at most 128 KiB unacknowledged\n"
+    "Floods keep at most 1 MiB unacknowledged\n"
     "(--unpaced: no limit, which measures the link's own flow control).\n"
     "--duration S bounds each measurement to S seconds instead (N then\n"
     "defaults to no limit). Without --remote a responder process (apartment\n"
@@ -50,7 +50,7 @@ const long MAX_RAW_SIZE = 102400;
 // 100 ms; staying below the socket buffers means that a responder
 // descheduled for a moment (on a busy machine) slows the flood instead of
 // breaking its link.
-const size_t IN_FLIGHT_BYTES = 128 * 1024;
+const size_t IN_FLIGHT_BYTES = 1024 * 1024;
 const size_t FRAME_OVERHEAD = 64;
 
 struct Row {
