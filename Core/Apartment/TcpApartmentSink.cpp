@@ -53,13 +53,18 @@ unsigned int readU32(const char* p) {
 // One frame waiting to be written, on its writer's stack. The writer that
 // takes it into a write sets `ok`; `done` (under the send mutex) tells the
 // waiting writer that its result is there.
+// While its writer waits, `wake` is that writer's own condition: the writing
+// thread wakes exactly the writers whose frames it has finished, and the one
+// it hands the writing on to (`lead`), never the whole queue.
 struct CTcpApartmentSink::PendingFrame {
     unsigned char header[FRAME_HEADER_SIZE];
     iovec parts[PARTS_PER_FRAME];
     int partCount;
     PendingFrame* next;
+    OS::TCondition* wake;
     bool done;
     bool ok;
+    bool lead;
 };
 
 // ---------------------------------------------------------------------------
@@ -143,8 +148,10 @@ bool CTcpApartmentSink::sendFrameParts(const unsigned int& uintFrameType, const 
         frame.parts[frame.partCount++].iov_len = uintTailSize;
     }
     frame.next = nullptr;
+    frame.wake = nullptr;
     frame.done = false;
     frame.ok = false;
+    frame.lead = false;
 
     m_SendMutex.lock();
     // A condemned link may hold part of a frame: nothing more may follow.
@@ -157,43 +164,62 @@ bool CTcpApartmentSink::sendFrameParts(const unsigned int& uintFrameType, const 
     else
         m_pSendHead = &frame;
     m_pSendTail = &frame;
-    while (!frame.done && m_bSending) m_SendDoneCondition.wait();
-    if (!frame.done) {
-        // This thread writes: its own frame and whatever queued before and
-        // while it writes, until its own frame has gone.
-        m_bSending = true;
-        const int fd = m_Socket.getSockFd();
-        while (!frame.done) {
-            PendingFrame* first = m_pSendHead;
-            PendingFrame* end = first;
-            for (unsigned int n = 0; end != nullptr && n < MAX_FRAMES_PER_WRITE; ++n) end = end->next;
-            m_pSendHead = end;
-            if (end == nullptr) m_pSendTail = nullptr;
+    if (m_bSending) {
+        // Another thread is writing: it takes this frame into its next write
+        // or hands the writing on to this thread. A condition of its own
+        // only now, when there is something to wait for.
+        OS::TCondition wake(&m_SendMutex);
+        frame.wake = &wake;
+        while (!frame.done && !frame.lead) wake.wait();
+        frame.wake = nullptr;  // under the mutex: no writer signals it after this
+        if (frame.done) {
+            const bool ok = frame.ok;
             m_SendMutex.unlock();
-            const bool written = _writeFrames(fd, first, end);
-            m_SendMutex.lock();
-            for (PendingFrame* p = first; p != end;) {
-                PendingFrame* next = p->next;
-                p->done = true;
-                p = next;
-            }
-            if (!written) {
-                // The link failed: no later frame may follow a broken one.
-                for (PendingFrame* p = m_pSendHead; p != nullptr;) {
-                    PendingFrame* next = p->next;
-                    p->ok = false;
-                    p->done = true;
-                    p = next;
-                }
-                m_pSendHead = m_pSendTail = nullptr;
-            }
+            return ok;
         }
+    }
+    // This thread writes: its own frame and whatever queued before and while
+    // it writes, until its own frame has gone.
+    m_bSending = true;
+    const int fd = m_Socket.getSockFd();
+    while (!frame.done) {
+        PendingFrame* first = m_pSendHead;
+        PendingFrame* end = first;
+        for (unsigned int n = 0; end != nullptr && n < MAX_FRAMES_PER_WRITE; ++n) end = end->next;
+        m_pSendHead = end;
+        if (end == nullptr) m_pSendTail = nullptr;
+        m_SendMutex.unlock();
+        const bool written = _writeFrames(fd, first, end);
+        m_SendMutex.lock();
+        if (!written) {
+            // The link failed: no later frame may follow a broken one.
+            for (PendingFrame* p = m_pSendHead; p != nullptr; p = p->next) p->ok = false;
+            finishFrames(m_pSendHead, nullptr);
+            m_pSendHead = m_pSendTail = nullptr;
+        }
+        finishFrames(first, end);
+    }
+    if (m_pSendHead != nullptr) {
+        // Frames queued meanwhile: their first writer takes over, so that
+        // this thread returns with its own result now.
+        m_pSendHead->lead = true;
+        if (m_pSendHead->wake != nullptr) m_pSendHead->wake->notify();
+    } else {
         m_bSending = false;
-        m_SendDoneCondition.notifyAll();
+        m_SendDoneCondition.notifyAll();  // a closer may wait for this
     }
     const bool ok = frame.ok;
     m_SendMutex.unlock();
     return ok;
+}
+
+void CTcpApartmentSink::finishFrames(PendingFrame* pFirst, PendingFrame* pEnd) {
+    for (PendingFrame* p = pFirst; p != pEnd;) {
+        PendingFrame* next = p->next;  // read first: a finished writer may return at once
+        p->done = true;
+        if (p->wake != nullptr) p->wake->notify();
+        p = next;
+    }
 }
 
 bool CTcpApartmentSink::_writeFrames(int fd, PendingFrame* pFirst, PendingFrame* pEnd) {

@@ -165,11 +165,12 @@ protected:
     unsigned int m_uintMaxFrameSize;
 
     // Guards the queue of frames waiting to be written and the writing
-    // flag; m_SendDoneCondition wakes the waiting writers when frames have
-    // gone (or failed) or the writer role is free. No socket call is made
-    // under it. Closing the socket waits here until no write is under way,
-    // so that no writer uses a descriptor that is being closed (or reused).
-    // Nothing else is locked while it is held.
+    // flag (m_bSending: a thread is writing, or the writing has been handed
+    // to a waiting writer). Each waiting writer has a condition of its own
+    // (see PendingFrame); m_SendDoneCondition wakes a closer once no write
+    // is under way. No socket call is made under it. Closing the socket
+    // waits for that, so that no writer uses a descriptor that is being
+    // closed (or reused). Nothing else is locked while it is held.
     struct PendingFrame;
     OS::TBaseMutex m_SendMutex;
     OS::TCondition m_SendDoneCondition;
@@ -181,6 +182,9 @@ private:
     unsigned int effectiveMaxFrameSize() const;
     bool _ensureReceiveBuffer();
     void _clearReceiveBuffer();
+    // Marks the frames from pFirst up to (not including) pEnd done and wakes
+    // their writers. m_SendMutex held.
+    static void finishFrames(PendingFrame* pFirst, PendingFrame* pEnd);
     // Writes the frames from pFirst up to (not including) pEnd in as few
     // gathered writes as it takes; marks each frame's result. False when the
     // link failed (frames not wholly written are failed).
