@@ -17,12 +17,6 @@
 
 namespace {
 
-timespec monotonicNow() {
-    timespec now{0, 0};
-    OS::Clock::getTime(OS::Clock::MONOTONIC, &now, USE_DEFAULT);
-    return now;
-}
-
 double microsBetween(const timespec& from, const timespec& to) {
     return static_cast<double>(to.tv_sec - from.tv_sec) * 1e6 +
            static_cast<double>(to.tv_nsec - from.tv_nsec) / 1e3;
@@ -91,13 +85,13 @@ void BM_TimerLatenessPeriodic(benchmark::State& state) {
         const timespec end = OS::Clock::monotonicDeadline(kInterval + kRunMs);
         APARTMENT_TMSG msg{};
         while (apartment->posted().pop(msg, 200)) {
-            const timespec now = monotonicNow();
+            const timespec now = OS::Clock::monotonicNow();
             const unsigned int id = static_cast<unsigned int>(msg.lParam);
             lateness.push_back(microsBetween(due[id], now));
             if (!OS::Clock::isEarlier(now, end)) break;
             timespec next = due[id];
             OS::Clock::addMilliseconds(&next, kInterval);
-            const timespec rearm = monotonicNow();
+            const timespec rearm = OS::Clock::monotonicNow();
             if (OS::Clock::isEarlier(next, rearm)) next = rearm;
             due[id] = next;
             manager->generateNextTimer(id);

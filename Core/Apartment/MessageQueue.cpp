@@ -2,20 +2,6 @@
 
 #include "GroundKit/OS/OS_Clock.h"
 
-namespace {
-// True once the monotonic clock has reached `deadline`.
-bool deadlinePassed(const timespec& deadline) {
-    timespec now{0, 0};
-    OS::Clock::getTime(OS::Clock::MONOTONIC, &now, USE_DEFAULT);
-    return !OS::Clock::isEarlier(now, deadline);
-}
-
-// The deadline that means "no limit".
-bool isUnlimited(const timespec& deadline) {
-    return deadline.tv_sec == -1 && deadline.tv_nsec == -1;
-}
-}  // namespace
-
 CMessageQueue::CMessageQueue()
     : m_bInterruptPop(false),
       m_bLockQueue(false),
@@ -69,9 +55,7 @@ bool CMessageQueue::tryPop(APARTMENT_TMSG& msg) {
 bool CMessageQueue::pop(APARTMENT_TMSG& msg) { return pop(msg, -1); }
 
 bool CMessageQueue::pop(APARTMENT_TMSG& msg, int intTimeout) {
-    timespec deadline{-1, -1};
-    if (intTimeout >= 0) deadline = OS::Clock::monotonicDeadline(static_cast<unsigned long>(intTimeout));
-    return pop(msg, deadline);
+    return pop(msg, OS::Clock::deadlineAfter(intTimeout));
 }
 
 bool CMessageQueue::pop(APARTMENT_TMSG& msg, timespec deadline) {
@@ -79,14 +63,14 @@ bool CMessageQueue::pop(APARTMENT_TMSG& msg, timespec deadline) {
     // An interrupt meant for pops that were already waiting must not end
     // this one.
     m_bInterruptPop = false;
-    const bool bUnlimited = isUnlimited(deadline);
+    const bool bUnlimited = OS::Clock::isNoLimit(deadline);
     while (m_ElementQueue.empty()) {
         if (m_bInterruptPop || m_bLockQueue) return false;
         // A deadline already passed gives up without waiting: a timed wait
         // on it still sleeps and gives the processor away, and the
         // dispatcher asks the deferred queue with a zero wait before every
         // message.
-        if (!bUnlimited && deadlinePassed(deadline)) return false;
+        if (!bUnlimited && OS::Clock::hasPassed(deadline)) return false;
         ++m_uintWaiters;
         const int result = bUnlimited ? m_QueueNotEmptyCondition.wait()
                                       : m_QueueNotEmptyCondition.wait(deadline);

@@ -82,8 +82,8 @@ bool CTcpApartment::getApartmentUrlFromPortAddress(const char* strAddress,
 void CTcpApartment::waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintCount,
                                      DWORD dwTimeout) {
     if (uintCount > MAX_SINKS_PER_WAIT) {
-        log_task_line(
-            "Fatal Error: too many sink receive data at same time, only 64 are working.");
+        log_task_line("Fatal Error: too many sink receive data at same time, only %u are working.",
+                      MAX_SINKS_PER_WAIT);
         uintCount = MAX_SINKS_PER_WAIT;
     }
     CTcpApartmentSink* tcp[MAX_SINKS_PER_WAIT];

@@ -1,8 +1,8 @@
 // CTcpApartment: the apartment of the TCP transport. It makes TCP sinks
 // (each with the apartment's maximum frame size), converts between
 // apartment URLs ("tcp://" + address) and transport addresses
-// ("<IPv4>:<port>"), and waits for frames on up to 64 sinks at once for the
-// communication threads.
+// ("<IPv4>:<port>"), and waits for frames on up to MAX_SINKS_PER_WAIT sinks
+// at once for the communication threads.
 #ifndef APARTMENT_TCPAPARTMENT_H
 #define APARTMENT_TCPAPARTMENT_H
 

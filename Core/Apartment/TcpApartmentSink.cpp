@@ -505,8 +505,7 @@ unsigned short CTcpListenSink::randomPort() {
         seed = device();
     } catch (const std::exception&) {
         // No random device: the clock still varies the port between runs.
-        timespec now{0, 0};
-        OS::Clock::getTime(OS::Clock::MONOTONIC, &now, USE_DEFAULT);
+        const timespec now = OS::Clock::monotonicNow();
         seed = static_cast<std::mt19937::result_type>(now.tv_nsec ^ now.tv_sec);
     }
     std::mt19937 engine(seed);
@@ -629,9 +628,7 @@ bool CTcpServerSink::waitRemoteConnectionInfo(DWORD dwTimeoutMs, bool& bRtConnec
             continue;
         }
 
-        timespec now{0, 0};
-        OS::Clock::getTime(OS::Clock::MONOTONIC, &now, USE_DEFAULT);
-        if (!OS::Clock::isEarlier(now, totalGiveUpAt)) return false;
+        if (OS::Clock::hasPassed(totalGiveUpAt)) return false;
         if (!m_Socket.readyToRead(dwTimeoutMs, nullptr)) return false;
         const READ_RESULT read = readAvailable();
         if (read == READ_DATA) {
@@ -639,8 +636,7 @@ bool CTcpServerSink::waitRemoteConnectionInfo(DWORD dwTimeoutMs, bool& bRtConnec
             continue;
         }
         if (read != READ_NOTHING) return false;  // closed, broken, or no memory
-        OS::Clock::getTime(OS::Clock::MONOTONIC, &now, USE_DEFAULT);
-        if (!OS::Clock::isEarlier(now, giveUpAt)) return false;
+        if (OS::Clock::hasPassed(giveUpAt)) return false;
         pauseMicroseconds(NO_PROGRESS_PAUSE_US);
     }
 }

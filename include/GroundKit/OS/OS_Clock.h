@@ -17,13 +17,30 @@ public:
     // Carries whole seconds out of tv_nsec after a caller added to it.
     static void adjustClockTime(timespec* time) { os_clock_adjust_clock_time(time); }
 
+    // Now on the monotonic clock, the clock of every deadline.
+    static timespec monotonicNow() {
+        timespec now{0, 0};
+        getTime(MONOTONIC, &now, USE_DEFAULT);
+        return now;
+    }
     // Now on the monotonic clock plus `ms` milliseconds: the whole seconds go
     // to tv_sec, the rest times 1,000,000 to tv_nsec, then normalised.
     static timespec monotonicDeadline(unsigned long ms) {
-        timespec deadline{0, 0};
-        getTime(MONOTONIC, &deadline, USE_DEFAULT);
+        timespec deadline = monotonicNow();
         addMilliseconds(&deadline, ms);
         return deadline;
+    }
+    // True once the monotonic clock has reached `deadline`.
+    static bool hasPassed(const timespec& deadline) { return !isEarlier(monotonicNow(), deadline); }
+    // The deadline with both fields -1, which means no limit.
+    static timespec noLimit() { return timespec{-1, -1}; }
+    static bool isNoLimit(const timespec& deadline) {
+        return deadline.tv_sec == -1 && deadline.tv_nsec == -1;
+    }
+    // The deadline of a time-out in milliseconds, where a negative one
+    // means no limit.
+    static timespec deadlineAfter(int ms) {
+        return ms < 0 ? noLimit() : monotonicDeadline(static_cast<unsigned long>(ms));
     }
     static void addMilliseconds(timespec* time, unsigned long ms) {
         time->tv_sec += static_cast<time_t>(ms / 1000);
