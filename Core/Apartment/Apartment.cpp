@@ -20,7 +20,6 @@
 #include "os_log.h"
 
 namespace {
-const unsigned int NO_TIMER = 0xFFFFFFFFu;
 // How long dispatch waits, per readable event, for a new link's first frame.
 const DWORD CONNECTION_INFO_TIMEOUT_MS = 100;
 // Bounds of the answers waiting for the reply opener, so that a peer
@@ -130,7 +129,11 @@ bool CApartment::initApartment(const char* strApartmentUrl, bool bListen) {
         getApartmentUrlFromPortAddress(address.c_str(), url);
         sink->setLocalApartmentUrl(url.c_str());
         m_ListenSink = asIApartmentListenSink(sink);
-        createListenThread();
+        // An apartment that would never accept a link is no apartment.
+        if (!createListenThread()) {
+            m_ListenSink = nullptr;
+            return false;
+        }
         log_task_line("Apartment listen at port(%s).", url.c_str());
     } else {
         getApartmentUrlFromPortAddress(address.c_str(), url);
@@ -150,10 +153,20 @@ void CApartment::destroyApartment() {
     destroyRtCommunicationThread();
     destroyListenThread();
     m_ListenSink = nullptr;
-    m_LoopbackClientSink = nullptr;
-    m_LoopbackServerSink = nullptr;
-    m_NonRtCommunicationSinkMap.clear();
-    m_RtCommunicationSinkMap.clear();
+    // Host threads may still look for links: the maps and the loopback
+    // slots are emptied under their mutex, and the sinks released after it.
+    SinkMap nonRtLinks, rtLinks;
+    CReference<IApartmentSink> loopbackClient, loopbackServer;
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+        nonRtLinks.swap(m_NonRtCommunicationSinkMap);
+        rtLinks.swap(m_RtCommunicationSinkMap);
+        loopbackClient = m_LoopbackClientSink;
+        loopbackServer = m_LoopbackServerSink;
+        m_LoopbackClientSink = nullptr;
+        m_LoopbackServerSink = nullptr;
+        m_strLoopbackApartmentUrl.clear();
+    }
     NodeMap nodes;
     {
         TAutoMutex<OS::TRecursiveMutex> lock(&m_NodeManageMutex);
@@ -218,12 +231,15 @@ namespace {
 // Starts the thread unless one runs: the keep flag goes up before the thread
 // exists, so its first test of the flag sees it. The control mutex guards
 // the handle (a host thread and the dispatching thread may both start one).
-void startThread(OS::TBaseMutex& control, std::atomic<bool>& keep, pthread_t& handle,
-                 OS_THREAD_FUNCTION fn, void* arg) {
+// False, after one line, when no thread could be had.
+bool startThread(const char* what, OS::TBaseMutex& control, std::atomic<bool>& keep,
+                 pthread_t& handle, OS_THREAD_FUNCTION fn, void* arg) {
     TAutoMutex<OS::TBaseMutex> lock(&control);
-    if (handle != 0) return;
+    if (handle != 0) return true;
     keep = true;
-    OS::Thread::create(&handle, fn, arg, USE_STD, 0);
+    if (createLibraryThread(what, &handle, fn, arg, USE_STD)) return true;
+    keep = false;
+    return false;
 }
 
 // Clears the keep flag and joins, without holding the control mutex during
@@ -241,24 +257,25 @@ void stopThread(OS::TBaseMutex& control, std::atomic<bool>& keep, pthread_t& han
 }
 }  // namespace
 
-void CApartment::createListenThread() {
-    startThread(m_ThreadControlMutex, m_bKeepListen, m_hListenThread, apartmentListenThreadFunc,
-                this);
+bool CApartment::createListenThread() {
+    return startThread("listen", m_ThreadControlMutex, m_bKeepListen, m_hListenThread,
+                       apartmentListenThreadFunc, this);
 }
 
-void CApartment::createNonRtCommunicationThread() {
-    startThread(m_ThreadControlMutex, m_bKeepNonRtCommunication, m_hNonRtCommunicationThread,
-                apartmentNonRtCommunicationThreadFunc, this);
+bool CApartment::createNonRtCommunicationThread() {
+    return startThread("non-real-time communication", m_ThreadControlMutex,
+                       m_bKeepNonRtCommunication, m_hNonRtCommunicationThread,
+                       apartmentNonRtCommunicationThreadFunc, this);
 }
 
-void CApartment::createRtCommunicationThread() {
-    startThread(m_ThreadControlMutex, m_bKeepRtCommunication, m_hRtCommunicationThread,
-                apartmentRtCommunicationThreadFunc, this);
+bool CApartment::createRtCommunicationThread() {
+    return startThread("real-time communication", m_ThreadControlMutex, m_bKeepRtCommunication,
+                       m_hRtCommunicationThread, apartmentRtCommunicationThreadFunc, this);
 }
 
-void CApartment::createReplyOpenerThread() {
-    startThread(m_ThreadControlMutex, m_bKeepReplyOpener, m_hReplyOpenerThread,
-                apartmentReplyOpenerThreadFunc, this);
+bool CApartment::createReplyOpenerThread() {
+    return startThread("reply opener", m_ThreadControlMutex, m_bKeepReplyOpener,
+                       m_hReplyOpenerThread, apartmentReplyOpenerThreadFunc, this);
 }
 
 void CApartment::destroyReplyOpenerThread() {
@@ -622,8 +639,10 @@ bool CApartment::openLink(const LINK_KEY& key) {
 
     char block[APARTMENT_CONNECTION_BLOCK_SIZE];
     CApartmentFrameCodec::buildConnectionBlock(bRtConnection, localUrl.c_str(), block);
-    sink->sendFrame(APARTMENT_CONNECTION_FRAME, block,
-                    static_cast<unsigned int>(APARTMENT_CONNECTION_BLOCK_SIZE));
+    // A link whose peer never learnt who we are would never be read as ours.
+    if (!sink->sendFrame(APARTMENT_CONNECTION_FRAME, block,
+                         static_cast<unsigned int>(APARTMENT_CONNECTION_BLOCK_SIZE)))
+        return false;
 
     if (localUrl == key.first) {
         sink->setLoopbackType(CLIENT_LOOPBACK_TYPE);
@@ -680,26 +699,27 @@ bool CApartment::queueReply(const LINK_KEY& key, _PENDING_REPLY&& reply) {
     {
         TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
         link = linkLocked(key.first.c_str(), key.second, nullptr);
-        if (link.nil()) {
-            auto pending = m_LinkOpens.find(key);
-            if (m_uintPendingReplyBytes + cost > MAX_PENDING_REPLY_BYTES) {
-                refusal = "too many bytes of responses wait for links";
-            } else if (pending == m_LinkOpens.end() && m_uintReplyOpens >= MAX_REPLY_OPENS) {
-                refusal = "too many links are being opened for responses";
-            } else {
-                if (pending == m_LinkOpens.end()) {
-                    std::shared_ptr<_LINK_OPEN> open = std::make_shared<_LINK_OPEN>();
-                    open->m_bForReplies = true;
-                    pending = m_LinkOpens.emplace(key, open).first;
-                    m_ReplyOpenQueue.push_back(key);
-                    ++m_uintReplyOpens;
-                    createReplyOpenerThread();
-                    m_LinkOpenCondition.notifyAll();
-                }
-                pending->second->m_Replies.push_back(std::move(reply));
-                m_uintPendingReplyBytes += cost;
-                return true;
+        auto pending = m_LinkOpens.find(key);
+        if (!link.nil()) {
+            // Filed meanwhile: sent below.
+        } else if (m_uintPendingReplyBytes + cost > MAX_PENDING_REPLY_BYTES) {
+            refusal = "too many bytes of responses wait for links";
+        } else if (pending == m_LinkOpens.end() && m_uintReplyOpens >= MAX_REPLY_OPENS) {
+            refusal = "too many links are being opened for responses";
+        } else if (pending == m_LinkOpens.end() && !createReplyOpenerThread()) {
+            refusal = "no thread opens links for responses";  // it would never be sent
+        } else {
+            if (pending == m_LinkOpens.end()) {
+                std::shared_ptr<_LINK_OPEN> open = std::make_shared<_LINK_OPEN>();
+                open->m_bForReplies = true;
+                pending = m_LinkOpens.emplace(key, open).first;
+                m_ReplyOpenQueue.push_back(key);
+                ++m_uintReplyOpens;
+                m_LinkOpenCondition.notifyAll();
             }
+            pending->second->m_Replies.push_back(std::move(reply));
+            m_uintPendingReplyBytes += cost;
+            return true;
         }
     }
     if (refusal != nullptr) {
@@ -707,7 +727,7 @@ bool CApartment::queueReply(const LINK_KEY& key, _PENDING_REPLY&& reply) {
                       reply.m_uintRequestId, key.first.c_str(), refusal);
         return false;
     }
-    return sendReply(link, key.first.c_str(), reply);  // filed meanwhile
+    return sendReply(link, key.first.c_str(), reply);
 }
 
 void CApartment::deliverReplies(const LINK_KEY& key, std::vector<_PENDING_REPLY>& replies,
@@ -773,12 +793,12 @@ void CApartment::addApartmentSink(IApartmentSink* pSink) {
         SinkMap& map = sinkMap(bRtConnection);
         CReference<IApartmentSink> replaced;  // released after the unlock
         TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
-        if (map.empty()) {
-            if (bRtConnection)
-                createRtCommunicationThread();
-            else
-                createNonRtCommunicationThread();
-        }
+        // Also when links are filed already: a thread that could not be
+        // created before is tried again.
+        if (bRtConnection)
+            createRtCommunicationThread();
+        else
+            createNonRtCommunicationThread();
         auto it = map.find(remoteUrl);
         if (it != map.end()) {
             // A peer opens a link only when it holds none to us, so a second
@@ -1170,18 +1190,18 @@ unsigned int CApartment::setTimer(const char* strNodeUrl, unsigned int uintLagTi
     if (strNodeUrl != nullptr) {
         TAutoMutex<OS::TRecursiveMutex> lock(&m_NodeManageMutex);
         auto it = m_ApartmentNodeMap.find(strNodeUrl);
-        return it == m_ApartmentNodeMap.end() ? NO_TIMER
+        return it == m_ApartmentNodeMap.end() ? CApartmentTimerManager::NO_TIMER_ID
                                               : it->second->setTimer(uintLagTime, uintInterval);
     }
     CApartmentTimerManager* manager = CApartmentTimerManager::getUniqueApartmentTimerManager();
-    if (manager == nullptr) return NO_TIMER;
+    if (manager == nullptr) return CApartmentTimerManager::NO_TIMER_ID;
     APARTMENT_TIMER_INFO info;
     addRef();
     info.m_Apartment = static_cast<IApartment*>(this);
     info.m_uintLagTime = uintLagTime;
     info.m_uintInterval = uintInterval;
     const unsigned int id = manager->setTimer(info);
-    if (id != NO_TIMER) {
+    if (id != CApartmentTimerManager::NO_TIMER_ID) {
         TAutoMutex<OS::TBaseMutex> lock(&m_TimerIdMutex);
         m_timerIdSet.insert(id);
     }

@@ -16,15 +16,27 @@
 // answers to unlinked requesters wait for, so that an answer never waits
 // for a connect on the dispatching thread.
 //
-// Lock order: m_NodeManageMutex and m_ConnectionManageMutex are never held
-// together; sinks are released only after m_ConnectionManageMutex is
-// dropped and nothing is sent or connected under it (a thread waiting for
-// another's open of the same link waits on m_LinkOpenCondition, which
-// releases it). m_ThreadControlMutex may be taken while holding
-// m_ConnectionManageMutex, never the other way round. m_HeartbeatMutex is
-// never held with m_ConnectionManageMutex. The queues' mutexes are leaves.
-// No lock of the apartment is held while a host callback runs, except
-// m_NodeManageMutex (recursive) while nodes hear an offline notice.
+// Locks. These are all the nestings there are; an arrow means that the
+// first lock may be held while the second is taken, never the reverse:
+//   m_NodeManageMutex (recursive) -> everything else: nodes hear an offline
+//       notice under it, and their host callbacks may call back into the
+//       library. Node timers are set and killed under it (-> the node's
+//       timer-id mutex, the timer manager's map and queue mutexes).
+//   m_ConnectionManageMutex -> a sink's send mutex (receiveFrame closes a
+//       condemned link under it, which waits for a write under way to end)
+//       and -> m_ThreadControlMutex (filing a link or queueing a reply open
+//       starts a thread).
+//   m_HeartbeatMutex -> m_TimerIdMutex and the timer manager's map and
+//       queue mutexes (a heartbeat's timer is set and killed under it).
+// m_ConnectionManageMutex and m_HeartbeatMutex are never held together.
+// Leaves, under which nothing else is taken: m_CallbackMutex,
+// m_TimerIdMutex, m_ThreadControlMutex, the message queues' mutexes, a
+// sink's send mutex, a node's callback, timer-id and response mutexes.
+// Nothing is sent, connected or released under m_ConnectionManageMutex (a
+// release may close a sink); a thread waiting for another's open of the
+// same link waits on m_LinkOpenCondition, which releases it. Apart from
+// the offline notice, no lock of the apartment is held while a host
+// callback runs.
 //
 // A subclass supplies the transport: createSink, the URL/address
 // conversions and waitFrameOnSinks.
@@ -168,9 +180,9 @@ protected:
                                                 std::string& strAddress) = 0;
     virtual bool getApartmentUrlFromPortAddress(const char* strAddress,
                                                 std::string& strApartmentUrl) = 0;
-    // Waits up to dwTimeout ms for frames on at most 64 sinks and turns what
-    // arrived into messages (or, on real-time links, callbacks). Called by
-    // one communication thread with its own snapshot.
+    // Waits up to dwTimeout ms for frames on at most MAX_SINKS_PER_WAIT
+    // sinks and turns what arrived into messages (or, on real-time links,
+    // callbacks). Called by one communication thread with its own snapshot.
     virtual void waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintCount,
                                   DWORD dwTimeout) = 0;
 
@@ -301,16 +313,16 @@ private:
     // given up, and the thread rests one pass length before the next.
     template <class F>
     void runThreadPass(const char* where, F&& pass);
-    void createListenThread();
+    bool createListenThread();
     void destroyListenThread();
-    void createNonRtCommunicationThread();
+    bool createNonRtCommunicationThread();
     void destroyNonRtCommunicationThread();
-    void createRtCommunicationThread();
+    bool createRtCommunicationThread();
     void destroyRtCommunicationThread();
     static void* apartmentListenThreadFunc(void* pParam);
     static void* apartmentNonRtCommunicationThreadFunc(void* pParam);
     static void* apartmentRtCommunicationThreadFunc(void* pParam);
-    void createReplyOpenerThread();
+    bool createReplyOpenerThread();
     void destroyReplyOpenerThread();
     static void* apartmentReplyOpenerThreadFunc(void* pParam);
 
@@ -374,7 +386,7 @@ private:
     pthread_t m_hReplyOpenerThread;
     // Starting a communication thread may race between the dispatching
     // thread (addApartmentSink) and a connecting host thread: this guards
-    // the thread handles (the reply opener's too).
+    // the four thread handles. A leaf; threads are joined without it.
     OS::TBaseMutex m_ThreadControlMutex;
 
     CMessageQueue m_ApartmentMsgQueue;

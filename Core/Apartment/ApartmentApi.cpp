@@ -1,9 +1,12 @@
 // The exported C functions. Each one marshals: it checks initialisation,
 // finds the apartment (holding a reference for the call), forwards to one
-// apartment or node operation and maps the result. No behaviour lives here.
-// Each body runs through guarded(), so nothing thrown inside the library or
-// by a host callback it calls leaves a C function: the call returns its
-// failure value instead (see ApartmentApi.h).
+// apartment or node operation and maps the result. What is decided here is
+// what only the C boundary defines: which apartment a URL names (null is
+// the initialised one; for the node messaging functions, so is any URL
+// with the scheme), that a read with a buffer also removes the response,
+// and the status codes. Each body runs through guarded(), so nothing
+// thrown inside the library or by a host callback it calls leaves a C
+// function: the call returns its failure value instead (see ApartmentApi.h).
 #include "ApartmentApi.h"
 
 #include <atomic>
@@ -28,7 +31,6 @@ std::atomic<bool> is_library_initialized(false);
 // uninitialises must not tear the apartment down while it exits.
 IApartment* initialized_apartment = nullptr;
 
-const unsigned int NO_TIMER = 0xFFFFFFFFu;
 // The status results as plain ints, the type the status functions return.
 const int NOT_INITIALIZED = APARTMENT_NOT_INITIALIZED;
 const int NO_APARTMENT = CAN_NOT_FIND_APARTMENT;
@@ -316,10 +318,10 @@ APARTMENT_API int apartment_node_read_response(const char* strApartmentUrl,
 APARTMENT_API unsigned int apartment_set_timer(const char* strApartmentUrl,
                                                const char* strNodeUrl, unsigned int uintLagTime,
                                                unsigned int uintInterval) {
-    return guarded("apartment_set_timer", NO_TIMER, [&] {
-        if (!is_library_initialized) return NO_TIMER;
+    return guarded("apartment_set_timer", CApartmentTimerManager::NO_TIMER_ID, [&] {
+        if (!is_library_initialized) return CApartmentTimerManager::NO_TIMER_ID;
         CReference<IApartment> apartment = lookup(strApartmentUrl);
-        if (apartment.nil()) return NO_TIMER;
+        if (apartment.nil()) return CApartmentTimerManager::NO_TIMER_ID;
         return apartment->setTimer(strNodeUrl, uintLagTime, uintInterval);
     });
 }
@@ -327,10 +329,10 @@ APARTMENT_API unsigned int apartment_set_timer(const char* strApartmentUrl,
 APARTMENT_API unsigned int apartment_set_single_timer(const char* strApartmentUrl,
                                                       const char* strNodeUrl,
                                                       unsigned int uintLagTime) {
-    return guarded("apartment_set_single_timer", NO_TIMER, [&] {
-        if (!is_library_initialized) return NO_TIMER;
+    return guarded("apartment_set_single_timer", CApartmentTimerManager::NO_TIMER_ID, [&] {
+        if (!is_library_initialized) return CApartmentTimerManager::NO_TIMER_ID;
         CReference<IApartment> apartment = lookup(strApartmentUrl);
-        if (apartment.nil()) return NO_TIMER;
+        if (apartment.nil()) return CApartmentTimerManager::NO_TIMER_ID;
         return apartment->setSingleTimer(strNodeUrl, uintLagTime);
     });
 }

@@ -1,6 +1,6 @@
-// Where the library stops exceptions: the passes of its threads (listen,
-// communication, timer, reply opener), the dispatch of a message, and the
-// exported functions. An exception that left a thread function or an
+// How the library meets its own faults. Where it stops exceptions: the
+// passes of its threads (listen, communication, timer, reply opener), the
+// dispatch of a message, and the exported functions. An exception that left a thread function or an
 // exported function would end the host's process (std::terminate) or
 // unwind through C callers, so each of those places runs its work through
 // guarded(): whatever is thrown (an allocation failure, a host callback's
@@ -15,6 +15,7 @@
 #include <exception>
 
 #include "FieldKit/BoundedStream/AbstractStream.h"
+#include "GroundKit/OS/OS_Thread.h"
 #include "os_log.h"
 
 // Prints "[Apartment Error]: <where>: <what was thrown>." as one line.
@@ -47,6 +48,19 @@ R guarded(const char* where, R failure, F&& fn) {
         reportCaughtException(where);
         return failure;
     }
+}
+
+// Starts one of the library's threads. A thread the system refuses is
+// reported the same way wherever it happens, with one line ("[Apartment
+// Error]: the <what> thread could not be created (error <errno>)."), and
+// false; the handle is then left as it was, so that a later call may try
+// again. The caller decides what cannot go on without the thread.
+inline bool createLibraryThread(const char* what, pthread_t* handle, OS_THREAD_FUNCTION fn,
+                                void* arg, RT_MODE mode) {
+    const int error = OS::Thread::create(handle, fn, arg, mode, 0);
+    if (error == 0) return true;
+    log_task_line("[Apartment Error]: the %s thread could not be created (error %d).", what, error);
+    return false;
 }
 
 #endif

@@ -46,9 +46,11 @@ IApartment* CApartmentManager::findApartment(const char* strApartmentUrl) {
 
 bool CApartmentManager::removeApartment(const char* strApartmentUrl) {
     if (strApartmentUrl == nullptr) return false;
+    CReference<IApartment> removed;  // released after the unlock: it may be the last reference
     TAutoMutex<OS::TRecursiveMutex> lock(&m_ApartmentMutex);
     auto it = m_ApartmentMap.find(strApartmentUrl);
     if (it == m_ApartmentMap.end()) return false;
+    removed = it->second;
     m_ApartmentMap.erase(it);
     return true;
 }

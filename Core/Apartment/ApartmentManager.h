@@ -5,7 +5,8 @@
 // shut-down, which the host must not race; the registry operations
 // themselves may be called from any thread. m_ApartmentMutex is recursive,
 // so a tear-down that reaches the manager again on the same thread does not
-// deadlock; apartments are released outside it wherever the order allows.
+// deadlock; apartments are released outside it (a release may tear one
+// down).
 #ifndef APARTMENT_APARTMENTMANAGER_H
 #define APARTMENT_APARTMENTMANAGER_H
 

@@ -6,10 +6,6 @@
 #include "GroundKit/OS/OS_Clock.h"
 #include "GroundKit/OS/OS_Thread.h"
 
-namespace {
-const unsigned int NO_TIMER = 0xFFFFFFFFu;
-}
-
 CApartmentNode::CApartmentNode(IApartment* pApartment)
     : m_QueueNotEmptyCondition(nullptr, USE_STD), m_pApartment(pApartment) {
     m_QueueNotEmptyCondition.bindMutex(&m_DataMutex);
@@ -82,9 +78,7 @@ CReference<IApartmentNodeResponseData> CApartmentNode::findResponse(unsigned int
 bool CApartmentNode::getResponse(unsigned int uintRequestId, int& intResponseCode,
                                  void* pResponseBuffer, unsigned int& uintBufLen,
                                  int intTimeout) {
-    // A negative time-out is the no-limit marker, every bit set.
-    timespec deadline{-1, -1};
-    if (intTimeout >= 0) deadline = OS::Clock::monotonicDeadline(static_cast<unsigned long>(intTimeout));
+    const timespec deadline = OS::Clock::deadlineAfter(intTimeout);
 
     unsigned long lockedThreadId = 0;
     const bool bDispatchLocked =
@@ -134,7 +128,7 @@ bool CApartmentNode::removeResponse(unsigned int uintRequestId) {
 
 unsigned int CApartmentNode::setTimer(unsigned int uintLagTime, unsigned int uintInterval) {
     CApartmentTimerManager* manager = CApartmentTimerManager::getUniqueApartmentTimerManager();
-    if (manager == nullptr) return NO_TIMER;
+    if (manager == nullptr) return CApartmentTimerManager::NO_TIMER_ID;
     APARTMENT_TIMER_INFO info;
     if (m_pApartment != nullptr) m_pApartment->addRef();
     info.m_Apartment = m_pApartment;
@@ -143,7 +137,7 @@ unsigned int CApartmentNode::setTimer(unsigned int uintLagTime, unsigned int uin
     info.m_uintLagTime = uintLagTime;
     info.m_uintInterval = uintInterval;
     const unsigned int id = manager->setTimer(info);
-    if (id < NO_TIMER) {
+    if (id < CApartmentTimerManager::NO_TIMER_ID) {
         TAutoMutex<OS::TBaseMutex> lock(&m_TimerIdMutex);
         m_timerIdSet.insert(id);
     }

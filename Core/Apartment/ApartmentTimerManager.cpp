@@ -5,15 +5,8 @@
 #include "IApartmentEx.h"
 
 namespace {
-const unsigned int NO_TIMER_ID = 0xFFFFFFFFu;
 // How long the timer thread rests after a step that threw.
 const unsigned long FAULT_PAUSE_MS = 100;
-
-timespec monotonicNow() {
-    timespec now{0, 0};
-    OS::Clock::getTime(OS::Clock::MONOTONIC, &now, USE_DEFAULT);
-    return now;
-}
 }  // namespace
 
 std::atomic<CApartmentTimerManager*> CApartmentTimerManager::m_pUniqueApartmentTimerManager{nullptr};
@@ -78,8 +71,8 @@ unsigned int CApartmentTimerManager::setTimer(APARTMENT_TIMER_INFO& info) {
             m_bRequestTerminate = false;
             pthread_t hThread = 0;
             // A timer that no thread would ever fire is refused.
-            if (OS::Thread::create(&hThread, &CApartmentTimerManager::apartmentTimerThreadFunc, this,
-                                   USE_DEFAULT, 0) != 0)
+            if (!createLibraryThread("timer", &hThread, &CApartmentTimerManager::apartmentTimerThreadFunc,
+                                     this, USE_DEFAULT))
                 return NO_TIMER_ID;
             m_hTimerThread = hThread;
         }
@@ -124,7 +117,7 @@ bool CApartmentTimerManager::generateNextTimer(unsigned int uintTimerId) {
         auto it = m_ApartmentTimerInfoMap.find(uintTimerId);
         if (it == m_ApartmentTimerInfoMap.end()) return false;
         APARTMENT_TIMER_INFO& info = it->second;
-        const timespec now = monotonicNow();
+        const timespec now = OS::Clock::monotonicNow();
         OS::Clock::addMilliseconds(&info.m_tvNextTriggerTime, info.m_uintInterval);
         // A late dispatch fires once, at once, instead of catching up.
         if (OS::Clock::isEarlier(info.m_tvNextTriggerTime, now)) info.m_tvNextTriggerTime = now;
@@ -150,7 +143,7 @@ void CApartmentTimerManager::scheduleFiring(const APARTMENT_RUNTIME_TIMER& runti
 }
 
 bool CApartmentTimerManager::expiredTimer(const APARTMENT_RUNTIME_TIMER& runtimeTimer) {
-    return !OS::Clock::isEarlier(monotonicNow(), runtimeTimer.m_tvNextTriggerTime);
+    return OS::Clock::hasPassed(runtimeTimer.m_tvNextTriggerTime);
 }
 
 bool CApartmentTimerManager::processTimer(APARTMENT_RUNTIME_TIMER& runtimeTimer) {
@@ -199,7 +192,7 @@ void CApartmentTimerManager::processNextTimer() {
         // the dispatchers re-arming) made a burst of thousands fall behind.
         // They are still posted in due order, each with processTimer.
         // One reading of the clock serves the whole batch.
-        const timespec now = monotonicNow();
+        const timespec now = OS::Clock::monotonicNow();
         do {
             due.push_back(m_RuntimeTimerQueue.top());
             m_RuntimeTimerQueue.pop();

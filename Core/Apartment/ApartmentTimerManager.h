@@ -53,6 +53,10 @@ typedef _APARTMENT_RUNTIME_TIMER APARTMENT_RUNTIME_TIMER;
 
 class CApartmentTimerManager {
 public:
+    // The id that stands for no timer: what setTimer, and every timer
+    // function above it up to the C interface, returns when it sets none.
+    static constexpr unsigned int NO_TIMER_ID = 0xFFFFFFFFu;
+
     // Heap order: true when `a` is due later than `b`, so the top of the
     // heap is the earliest firing. Equal times have no tie-break.
     struct _early_timer {
@@ -72,7 +76,7 @@ public:
 
     // Registers a timer whose first firing is info.m_uintLagTime ms from
     // now, and fills info.m_tvNextTriggerTime. Starts the timer thread on
-    // first use. Returns the new id, or 0xFFFFFFFF when no id is free or the
+    // first use. Returns the new id, or NO_TIMER_ID when no id is free or the
     // thread cannot be started (nothing is then registered). Never blocks
     // beyond the manager's mutexes.
     unsigned int setTimer(APARTMENT_TIMER_INFO& info);
