@@ -1,0 +1,814 @@
+// The bytes between apartments: the payload codec, the sink model, and the
+// TCP sinks that frame a byte stream, write frames whole from many threads
+// and set up a link.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "ApartmentSink.h"
+#include "FieldKit/BoundedStream/AbstractStream.h"
+#include "TcpApartmentSink.h"
+#include "support.h"
+
+using namespace aptest;
+
+namespace {
+
+typedef CApartmentFrameCodec Codec;
+typedef CAbstractStream::CStreamException StreamException;
+
+Bytes bytesOf(const std::vector<char>& v) { return Bytes(v.begin(), v.end()); }
+
+// ------------------------------------------------------------------- codec
+
+TEST(FrameCodec, ARequestMatchesTheReferenceFrameByteForByte) {
+    const char data[2] = {'\xab', '\xcd'};
+    const std::vector<char> payload = Codec::buildRequestPayload(
+        "tcp://10.0.0.1:5000", "cam", "tcp://10.0.0.2:6000", "ui", 7, true, data, 2);
+    const Bytes expected = {
+        0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x42, 0x00, 0x00, 0x00, 0x13, 0x74, 0x63, 0x70, 0x3a,
+        0x2f, 0x2f, 0x31, 0x30, 0x2e, 0x30, 0x2e, 0x30, 0x2e, 0x31, 0x3a, 0x35, 0x30, 0x30, 0x30, 0x00,
+        0x00, 0x00, 0x03, 0x63, 0x61, 0x6d, 0x00, 0x00, 0x00, 0x13, 0x74, 0x63, 0x70, 0x3a, 0x2f, 0x2f,
+        0x31, 0x30, 0x2e, 0x30, 0x2e, 0x30, 0x2e, 0x32, 0x3a, 0x36, 0x30, 0x30, 0x30, 0x00, 0x00, 0x00,
+        0x02, 0x75, 0x69, 0x00, 0x00, 0x00, 0x07, 0x01, 0xab, 0xcd};
+    EXPECT_EQ(frame(APARTMENT_REQUEST_FRAME, payload.data(), payload.size()), expected);
+    APARTMENT_REQUEST_PAYLOAD parsed;
+    ASSERT_TRUE(Codec::parseRequestPayload(const_cast<char*>(payload.data()), 66, parsed));
+    EXPECT_EQ(parsed.m_strSourceApartmentUrl, "tcp://10.0.0.1:5000");
+    EXPECT_EQ(parsed.m_strSourceNodeUrl, "cam");
+    EXPECT_EQ(parsed.m_strTargetApartmentUrl, "tcp://10.0.0.2:6000");
+    EXPECT_EQ(parsed.m_strTargetNodeUrl, "ui");
+    EXPECT_EQ(parsed.m_uintRequestId, 7u);
+    EXPECT_TRUE(parsed.m_bRequireResponse);
+    EXPECT_EQ(std::string(parsed.m_pData, parsed.m_uintDataSize), std::string(data, 2));
+}
+
+TEST(FrameCodec, EdgeEncodings) {
+    // Empty node name and a notification (flag 00), no data.
+    EXPECT_EQ(bytesOf(Codec::buildRequestPayload("u", "", "v", "n", 1, false, nullptr, 0)),
+              (Bytes{0, 0, 0, 1, 'u', 0, 0, 0, 0, 0, 0, 0, 1, 'v', 0, 0, 0, 1, 'n', 0, 0, 0, 1, 0}));
+    // A null buffer with length 10 sends no data: the payload ends with -1.
+    std::vector<char> response = Codec::buildResponsePayload("u", "a", "v", "b", 9, -1, nullptr, 10);
+    ASSERT_EQ(response.size(), 4u + 1 + 4 + 1 + 4 + 1 + 4 + 1 + 4 + 4);
+    EXPECT_EQ(Bytes(response.end() - 8, response.end()), (Bytes{0, 0, 0, 9, 0xff, 0xff, 0xff, 0xff}));
+    APARTMENT_RESPONSE_PAYLOAD parsed;
+    ASSERT_TRUE(Codec::parseResponsePayload(response.data(), response.size(), parsed));
+    EXPECT_EQ(parsed.m_intResponseCode, -1);
+    EXPECT_EQ(parsed.m_pData, nullptr);
+    EXPECT_EQ(parsed.m_uintDataSize, 0u);
+    // The alive payload: URL and timer id; its acknowledgement echoes it.
+    std::vector<char> alive = Codec::buildAlivePayload("tcp://1.2.3.4:5", 0x01020304);
+    EXPECT_EQ(bytesOf(alive), (Bytes{0, 0, 0, 15, 't', 'c', 'p', ':', '/', '/', '1', '.', '2', '.',
+                                     '3', '.', '4', ':', '5', 1, 2, 3, 4}));
+    APARTMENT_ALIVE_PAYLOAD ack;
+    ASSERT_TRUE(Codec::parseAlivePayload(alive.data(), alive.size(), ack));
+    EXPECT_EQ(ack.m_strSenderApartmentUrl, "tcp://1.2.3.4:5");
+    EXPECT_EQ(ack.m_uintTimerId, 0x01020304u);
+    // Names must be ASCII; the sender's own URL is a std::string and may
+    // hold any text.
+    for (int field = 0; field < 3; ++field) {
+        const char* names[3] = {"a", "b", "c"};
+        names[field] = "n\xe4me";
+        try {
+            Codec::buildRequestPayload("u", names[0], names[1], names[2], 1, true, nullptr, 0);
+            ADD_FAILURE() << "field " << field;
+        } catch (StreamException* pException) {
+            EXPECT_EQ(pException->m_iExceptionCode, StreamException::UNEXPECTED_VALUE_ERROR);
+            delete pException;
+        }
+    }
+    EXPECT_NO_THROW(Codec::buildResponsePayload("tcp://\xc3\xa9", "a", "b", "c", 1, 0, "x", 1));
+}
+
+TEST(FrameCodec, RoundTripsWithEmptyAndLargeData) {
+    for (size_t size : {size_t(0), size_t(1), size_t(1) << 20}) {
+        const std::string data = text(pattern(size));
+        std::vector<char> request = Codec::buildRequestPayload(
+            "tcp://127.0.0.1:1", "s", "tcp://127.0.0.1:2", "t", 4294967295u, false, data.data(),
+            static_cast<unsigned int>(size));
+        APARTMENT_REQUEST_PAYLOAD req;
+        ASSERT_TRUE(Codec::parseRequestPayload(request.data(), request.size(), req));
+        EXPECT_EQ(req.m_uintRequestId, 4294967295u);
+        EXPECT_FALSE(req.m_bRequireResponse);
+        EXPECT_EQ(std::string(req.m_pData != nullptr ? req.m_pData : "", req.m_uintDataSize), data);
+        std::vector<char> response = Codec::buildResponsePayload(
+            "tcp://127.0.0.1:2", "t", "tcp://127.0.0.1:1", "s", 3, -3, data.data(),
+            static_cast<unsigned int>(size));
+        APARTMENT_RESPONSE_PAYLOAD rsp;
+        ASSERT_TRUE(Codec::parseResponsePayload(response.data(), response.size(), rsp));
+        EXPECT_EQ(rsp.m_strSourceNodeUrl, "t");
+        EXPECT_EQ(rsp.m_strTargetNodeUrl, "s");
+        EXPECT_EQ(rsp.m_uintRequestId, 3u);
+        EXPECT_EQ(rsp.m_intResponseCode, -3);
+        EXPECT_EQ(std::string(rsp.m_pData != nullptr ? rsp.m_pData : "", rsp.m_uintDataSize), data);
+    }
+}
+
+// Every cut before the data ends inside a field (the last field ends 3
+// bytes before the end); a prefix may announce far more than there is.
+TEST(FrameCodec, TruncatedPayloadsAreRejected) {
+    const char data[3] = {1, 2, 3};
+    std::vector<char> request = Codec::buildRequestPayload("tcp://a:1", "src", "tcp://b:2", "dst", 5, true, data, 3);
+    std::vector<char> response = Codec::buildResponsePayload("tcp://b:2", "dst", "tcp://a:1", "src", 5, 0, data, 3);
+    std::vector<char> alive = Codec::buildAlivePayload("tcp://a:1", 8);
+    APARTMENT_REQUEST_PAYLOAD req;
+    APARTMENT_RESPONSE_PAYLOAD rsp;
+    APARTMENT_ALIVE_PAYLOAD ack;
+    for (size_t cut = 0; cut < request.size() - 3; ++cut)
+        EXPECT_FALSE(Codec::parseRequestPayload(std::vector<char>(request.begin(), request.begin() + cut).data(), cut, req)) << cut;
+    for (size_t cut = 0; cut < response.size() - 3; ++cut)
+        EXPECT_FALSE(Codec::parseResponsePayload(std::vector<char>(response.begin(), response.begin() + cut).data(), cut, rsp)) << cut;
+    for (size_t cut = 0; cut < alive.size(); ++cut)
+        EXPECT_FALSE(Codec::parseAlivePayload(std::vector<char>(alive.begin(), alive.begin() + cut).data(), cut, ack)) << cut;
+    char huge[8] = {'\x7f', '\xff', '\xff', '\xff', 'a', 'b', 'c', 'd'};
+    EXPECT_FALSE(Codec::parseAlivePayload(huge, sizeof huge, ack));
+    EXPECT_FALSE(Codec::parseAlivePayload(nullptr, 0, ack));
+}
+
+// The block holds the flag and at most 128 URL bytes, zero-padded; a
+// reader takes a non-zero flag as true and stops at the first zero byte or
+// after 128 bytes, even when the last byte is not zero.
+TEST(FrameCodec, TheConnectionBlock) {
+    char block[APARTMENT_CONNECTION_BLOCK_SIZE];
+    std::string url = "tcp://127.0.0.1:";
+    url += std::string(APARTMENT_CONNECTION_URL_CAPACITY - url.size(), '9');
+    bool rt = false;
+    std::string parsed;
+    for (bool flag : {true, false}) {
+        Codec::buildConnectionBlock(flag, (url + "12345").c_str(), block);
+        EXPECT_EQ(block[0], flag ? 1 : 0);
+        EXPECT_EQ(std::string(block + 1, 128), url);
+        EXPECT_EQ(block[129], 0);
+        ASSERT_TRUE(Codec::parseConnectionBlock(block, sizeof block, rt, parsed));
+        EXPECT_EQ(rt, flag);
+        EXPECT_EQ(parsed, url);
+    }
+    Codec::buildConnectionBlock(true, "tcp://1.2.3.4:5", block);
+    EXPECT_EQ(std::string(block + 16, 114), std::string(114, '\0'));
+    block[0] = 7;
+    ASSERT_TRUE(Codec::parseConnectionBlock(block, sizeof block, rt, parsed));
+    EXPECT_TRUE(rt);
+    EXPECT_EQ(parsed, "tcp://1.2.3.4:5");
+    std::memset(block, 'x', sizeof block);
+    ASSERT_TRUE(Codec::parseConnectionBlock(block, sizeof block, rt, parsed));
+    EXPECT_EQ(parsed.size(), 128u);
+    ASSERT_TRUE(Codec::parseConnectionBlock(block, 5, rt, parsed));
+    EXPECT_EQ(parsed, "xxxx");
+    EXPECT_FALSE(Codec::parseConnectionBlock(block, 0, rt, parsed));
+    EXPECT_FALSE(Codec::parseConnectionBlock(block, 131, rt, parsed));
+    EXPECT_EQ(parsed, "xxxx");
+}
+
+// -------------------------------------------------------------- sink model
+
+// A sink without transport that records what its hooks were given.
+class RecordingSink : public CApartmentSink {
+public:
+    explicit RecordingSink(APARTMENT_SINK_TYPE type, bool initResult = true)
+        : m_type(type), m_initResult(initResult) {}
+    APARTMENT_SINK_TYPE sinkType() const override { return m_type; }
+    bool sendFrame(const unsigned int&, const void*, const unsigned int&) override { return false; }
+    bool receiveFrame(unsigned int&, void*, unsigned int&) override { return false; }
+
+    int initedCalls = 0, closeCalls = 0;
+    const char* initedLocal = "not called";
+    bool destroyResult = true;
+
+protected:
+    bool onSinkInited(const char* localAddress, const char*) override {
+        ++initedCalls;
+        initedLocal = localAddress;
+        return m_initResult;
+    }
+    bool onSinkDestroyed() override { return destroyResult; }
+    void onSinkClose() override { ++closeCalls; }
+
+private:
+    APARTMENT_SINK_TYPE m_type;
+    bool m_initResult;
+};
+
+std::string localAddressOf(const IApartmentSink* sink) {
+    std::string out;
+    CApartmentSinkHelper::getLocalAddress(sink, out);
+    return out;
+}
+
+// Initialising resets every flag and hands the addresses on as given (null
+// stored as empty); a failed init leaves the sink destroyed; closing keeps
+// the identity, destroying (unless the transport refuses) forgets it.
+TEST(ApartmentSink, Lifecycle) {
+    RecordingSink sink(CLIENT_SINK);
+    EXPECT_TRUE(sink.isSinkClosed());
+    sink.setRTConnection(true);
+    sink.setLoopbackType(SERVER_LOOPBACK_TYPE);
+    sink.setExpectSinkClosed(true);
+    ASSERT_TRUE(sink.initSink(nullptr, nullptr));
+    EXPECT_EQ(sink.initedCalls, 1);
+    EXPECT_EQ(sink.initedLocal, nullptr);
+    DWORD length = 99;
+    ASSERT_TRUE(sink.getLocalAddress(nullptr, length));
+    EXPECT_EQ(length, 1UL);
+    EXPECT_FALSE(sink.isSinkClosed() || sink.getRTConnection() || sink.isExpectSinkClosed());
+    EXPECT_EQ(sink.getLoopbackType(), NONE_LOOPBACK_TYPE);
+
+    RecordingSink failing(CLIENT_SINK, false);
+    failing.setLocalApartmentUrl("tcp://127.0.0.1:1");
+    EXPECT_FALSE(failing.initSink("127.0.0.1:1", "127.0.0.1:2"));
+    EXPECT_TRUE(failing.isSinkClosed());
+    EXPECT_EQ(localAddressOf(&failing), "");
+    std::string url = "kept";
+    EXPECT_TRUE(CApartmentSinkHelper::getLocalApartmentUrl(&failing, url));
+    EXPECT_EQ(url, "");
+
+    RecordingSink server(SERVER_SINK);
+    ASSERT_TRUE(server.initSink("10.0.0.1:5", "10.0.0.2:6"));
+    server.setRemoteApartmentUrl("tcp://10.0.0.2:6000");
+    server.setLocalApartmentUrl(nullptr);
+    server.setExpectSinkClosed(true);
+    server.closeSink();
+    EXPECT_EQ(server.closeCalls, 1);
+    EXPECT_TRUE(server.isSinkClosed());
+    EXPECT_FALSE(server.isExpectSinkClosed());
+    EXPECT_EQ(localAddressOf(&server), "10.0.0.1:5");
+    server.destroyResult = false;
+    EXPECT_FALSE(server.destroySink());
+    EXPECT_EQ(localAddressOf(&server), "10.0.0.1:5");
+    server.destroyResult = true;
+    EXPECT_TRUE(server.destroySink());
+    EXPECT_EQ(localAddressOf(&server), "");
+    EXPECT_TRUE(CApartmentSinkHelper::getRemoteApartmentUrl(&server, url));
+    EXPECT_EQ(url, "");
+    url = "unchanged";
+    EXPECT_FALSE(CApartmentSinkHelper::getLocalApartmentUrl(nullptr, url));
+    EXPECT_EQ(url, "unchanged");
+}
+
+// The two ends of one link compare equal: a client by its own end, a
+// server by its peer's. Without identity (no sink, no URL) it is -2.
+TEST(ApartmentSink, TheEndsOfOneLinkCompareEqual) {
+    RecordingSink client(CLIENT_SINK), server(SERVER_SINK), other(SERVER_SINK);
+    ASSERT_TRUE(client.initSink("10.0.0.1:40000", "10.0.0.2:6000"));
+    EXPECT_EQ(client.compareConnection(nullptr), -2);
+    EXPECT_EQ(client.compareConnection(&client), -2);  // no local URL yet
+    client.setLocalApartmentUrl("tcp://10.0.0.1:5000");
+    EXPECT_EQ(client.compareConnection(&client), 0);
+    ASSERT_TRUE(server.initSink("10.0.0.2:6000", "10.0.0.1:40000"));
+    server.setLocalApartmentUrl("tcp://10.0.0.2:6000");
+    EXPECT_EQ(client.compareConnection(&server), -2);  // a server uses its remote URL
+    server.setRemoteApartmentUrl("tcp://10.0.0.1:5000");
+    EXPECT_EQ(client.compareConnection(&server), 0);
+    EXPECT_EQ(server.compareConnection(&client), 0);
+    ASSERT_TRUE(other.initSink("10.0.0.2:6000", "10.0.0.1:40001"));  // another peer address
+    other.setRemoteApartmentUrl("tcp://10.0.0.1:5000");
+    EXPECT_NE(client.compareConnection(&other), 0);
+    EXPECT_NE(server.compareConnection(&other), 0);
+    other.destroySink();
+    ASSERT_TRUE(other.initSink("10.0.0.9:1", "10.0.0.1:40000"));
+    other.setRemoteApartmentUrl("tcp://10.0.0.1:5000");
+    EXPECT_EQ(server.compareConnection(&other), 0);
+    CReference<IApartmentSink> sink(new RecordingSink(CLIENT_SINK));
+    EXPECT_EQ(asITcpApartmentSink(sink), nullptr);
+    EXPECT_EQ(asIApartmentListenSink(sink), nullptr);
+}
+
+// --------------------------------------------------------------- TCP sinks
+
+Bytes header(unsigned int type, unsigned int size) { return frameHeader(type, size); }
+
+// Waits (bounded) for a whole frame: asks for its size, then takes it.
+bool receiveWhole(CTcpApartmentSink* sink, unsigned int& type, Bytes& out, long ms) {
+    for (const Clock::time_point start = Clock::now(); msSince(start) < ms;) {
+        OS::Socket::readable(sink->getSocketFd(), 20, nullptr, USE_DEFAULT);
+        unsigned int size = 0;
+        if (!sink->receiveFrame(type, nullptr, size)) continue;
+        out.assign(size + 1, 0);  // never a null buffer: that only asks again
+        unsigned int capacity = size;
+        const bool ok = sink->receiveFrame(type, out.data(), capacity) && capacity == size;
+        out.resize(size);
+        return ok;
+    }
+    return false;
+}
+
+// Sends raw bytes through a socket, waiting (bounded) while it is full.
+bool rawSendAll(CSocket& socket, const Bytes& bytes) {
+    size_t sent = 0;
+    for (const Clock::time_point start = Clock::now(); sent < bytes.size() && msSince(start) < 5000;) {
+        const int n = socket.send(bytes.data() + sent, static_cast<int>(bytes.size() - sent), 0);
+        if (n > 0)
+            sent += static_cast<size_t>(n);
+        else
+            socket.readyToWrite(50, nullptr);
+    }
+    return sent == bytes.size();
+}
+
+// A listen sink on 127.0.0.1 with a random port (retried, since the one
+// drawn port may be taken), and links accepted through it.
+class TcpSinkTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        for (int attempt = 0; attempt < 10 && m_listen == nullptr; ++attempt) {
+            CTcpListenSink* sink = new CTcpListenSink;
+            testing::internal::CaptureStdout();
+            const bool ok = sink->initSink("127.0.0.1:0", nullptr);
+            testing::internal::GetCapturedStdout();
+            if (ok)
+                m_listen = sink;
+            else
+                sink->releaseRef();
+        }
+        ASSERT_NE(m_listen, nullptr);
+        m_listenAddress = localAddressOf(m_listen);
+    }
+    void TearDown() override {
+        for (IBase* sink : m_owned) sink->releaseRef();
+        if (m_listen != nullptr) m_listen->releaseRef();
+    }
+    CTcpClientSink* connectClient() {
+        CTcpClientSink* client = new CTcpClientSink;
+        m_owned.push_back(static_cast<IApartmentSink*>(client));
+        return client->initSink(nullptr, m_listenAddress.c_str()) ? client : nullptr;
+    }
+    CTcpServerSink* acceptServer() {
+        IApartmentServerSink* accepted = m_listen->processConnectRequest(2000);
+        if (accepted == nullptr) return nullptr;
+        m_owned.push_back(accepted);
+        return static_cast<CTcpServerSink*>(accepted);
+    }
+    // A client sink connected to the listen sink, and its server sink.
+    bool connectPair(CTcpClientSink*& client, CTcpServerSink*& server) {
+        client = connectClient();
+        server = client != nullptr ? acceptServer() : nullptr;
+        return server != nullptr;
+    }
+    // A raw socket connected to the listen sink, and its server sink.
+    bool rawLink(CSocket& raw, CTcpServerSink*& server) {
+        if (!raw.initSocket(SOCK_STREAM, "127.0.0.1", 0, USE_DEFAULT) ||
+            !raw.connect("127.0.0.1", portOf(m_listenAddress)))
+            return false;
+        server = acceptServer();
+        return server != nullptr && raw.readyToWrite(2000, nullptr);
+    }
+
+    CTcpListenSink* m_listen = nullptr;
+    std::string m_listenAddress;
+    std::vector<IBase*> m_owned;
+};
+
+// A server sink over one end of a local socket pair; the test holds the
+// other end and can see the sink's receive buffer.
+class PairedServerSink : public CTcpServerSink {
+public:
+    unsigned int receiveCapacity() const { return m_uintReceiveBufferSize; }
+};
+struct SocketPair {
+    PairedServerSink* sink = new PairedServerSink;
+    CSocket peer;
+    explicit SocketPair(int type) {
+        int fds[2] = {-1, -1};
+        if (OS::Socket::socketPair(AF_UNIX, type, 0, fds, USE_DEFAULT) != 0) return;
+        sink->innerSocket().attach(fds[0], USE_DEFAULT);
+        peer.attach(fds[1], USE_DEFAULT);
+        sink->initSink(nullptr, nullptr);
+    }
+    ~SocketPair() { sink->releaseRef(); }
+    bool ok() const { return sink->getSocketFd() != -1 && peer.getSockFd() != -1; }
+};
+
+TEST_F(TcpSinkTest, TheHandshakeCarriesFlagAndUrlAndPairsTheEnds) {
+    CTcpClientSink* client = connectClient();
+    ASSERT_NE(client, nullptr);
+    m_listen->setLocalApartmentUrl("tcp://127.0.0.1:6000");
+    CTcpServerSink* server = acceptServer();
+    ASSERT_NE(server, nullptr);
+    EXPECT_EQ(server->sinkType(), SERVER_SINK);
+    EXPECT_FALSE(server->isSinkClosed());
+    const std::string url = "tcp://127.0.0.1:5555";
+    client->setLocalApartmentUrl(url.c_str());
+    const Bytes hello = connectionFrame(url, true);
+    ASSERT_TRUE(client->sendFrame(APARTMENT_CONNECTION_FRAME, hello.data() + 8, 130));
+    bool rt = false;
+    ASSERT_TRUE(server->waitRemoteConnectionInfo(2000, rt));
+    EXPECT_TRUE(rt);
+    std::string remoteUrl, localUrl;
+    ASSERT_TRUE(CApartmentSinkHelper::getRemoteApartmentUrl(server, remoteUrl));
+    ASSERT_TRUE(CApartmentSinkHelper::getLocalApartmentUrl(server, localUrl));
+    EXPECT_EQ(remoteUrl, url);
+    EXPECT_EQ(localUrl, "tcp://127.0.0.1:6000");
+    EXPECT_EQ(client->compareConnection(server), 0);
+    EXPECT_EQ(server->compareConnection(client), 0);
+}
+
+// What comes before and instead of the connection frame: a peer that fills
+// the block's last byte too cannot make the URL longer than 128 bytes; a
+// frame of another type that fits the block is skipped; a smaller one
+// shrinks what the next may be, so the block is then refused; silence, half
+// a header, or half a header and a close end the wait in time.
+enum class Opening { LongUrl, OtherFrameFirst, SmallerFrameFirst, Silence, HalfHeader, HalfHeaderThenClose };
+class Handshake : public TcpSinkTest, public ::testing::WithParamInterface<Opening> {};
+
+TEST_P(Handshake, AcceptsOnlyAConnectionFrameInTime) {
+    const Opening opening = GetParam();
+    CSocket raw;
+    CTcpServerSink* server = nullptr;
+    ASSERT_TRUE(rawLink(raw, server));
+    std::string url = "tcp://" + std::string(122, '9');
+    Bytes hello = connectionFrame(url, false);
+    hello.back() = 'Z';
+    Bytes sent;
+    if (opening == Opening::OtherFrameFirst) sent = frame(APARTMENT_ALIVE_FRAME, pattern(130).data(), 130);
+    if (opening == Opening::SmallerFrameFirst) sent = frame(APARTMENT_REQUEST_FRAME, pattern(20).data(), 20);
+    if (opening <= Opening::SmallerFrameFirst) sent.insert(sent.end(), hello.begin(), hello.end());
+    if (opening >= Opening::HalfHeader) sent.assign(hello.begin(), hello.begin() + 5);
+    ASSERT_TRUE(rawSendAll(raw, sent));
+    if (opening == Opening::HalfHeaderThenClose) raw.close();
+    bool rt = true;
+    const Clock::time_point start = Clock::now();
+    const bool accepted = server->waitRemoteConnectionInfo(opening == Opening::HalfHeaderThenClose ? 5000 : 100, rt);
+    EXPECT_LT(msSince(start), 2000);
+    EXPECT_EQ(accepted, opening <= Opening::OtherFrameFirst);
+    if (opening == Opening::Silence) {
+        EXPECT_GE(msSince(start), 80);
+    }
+    if (!accepted) return;
+    EXPECT_FALSE(rt);
+    std::string remoteUrl;
+    ASSERT_TRUE(CApartmentSinkHelper::getRemoteApartmentUrl(server, remoteUrl));
+    EXPECT_EQ(remoteUrl, url);
+}
+
+INSTANTIATE_TEST_SUITE_P(TcpSink, Handshake,
+                         ::testing::Values(Opening::LongUrl, Opening::OtherFrameFirst,
+                                           Opening::SmallerFrameFirst, Opening::Silence,
+                                           Opening::HalfHeader, Opening::HalfHeaderThenClose));
+
+TEST_F(TcpSinkTest, FramesOfManySizesArriveWhole) {
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;
+    ASSERT_TRUE(connectPair(client, server));
+    // Around the read buffer's size: the largest frame it holds whole, and
+    // the smallest that is read into a buffer of its own.
+    const unsigned int fits = CTcpApartmentSink::READ_BUFFER_SIZE - 8;
+    const std::vector<unsigned int> sizes = {0, 1, 5000, fits, fits + 1, 1u << 20, 3};
+    std::atomic<int> sendFailures{0};
+    std::thread sender([&] {
+        for (unsigned int i = 0; i < sizes.size(); ++i)
+            if (!client->sendFrame(100 + i, pattern(sizes[i], i).data(), sizes[i])) ++sendFailures;
+    });
+    for (unsigned int i = 0; i < sizes.size(); ++i) {
+        unsigned int type = 0;
+        Bytes received;
+        ASSERT_TRUE(receiveWhole(server, type, received, 5000)) << "frame " << i;
+        EXPECT_EQ(type, 100 + i);
+        EXPECT_EQ(received, pattern(sizes[i], i)) << "frame " << i;
+    }
+    sender.join();
+    EXPECT_EQ(sendFailures, 0);
+}
+
+// A size query reports the frame and keeps it, as often as asked; a buffer
+// that is too small fails and keeps it; a large enough one takes it.
+TEST_F(TcpSinkTest, ASizeQueryAndATooSmallBufferKeepTheFrame) {
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;
+    ASSERT_TRUE(connectPair(client, server));
+    const Bytes payload = pattern(300, 5);
+    ASSERT_TRUE(client->sendFrame(2, payload.data(), 300));
+    unsigned int type = 0, size = 0;
+    for (const Clock::time_point start = Clock::now();
+         !server->receiveFrame(type, nullptr, size) && msSince(start) < 2000;)
+        server->innerSocket().readyToRead(20, nullptr);
+    ASSERT_EQ(size, 300u);
+    EXPECT_EQ(type, 2u);
+    size = 0;
+    ASSERT_TRUE(server->receiveFrame(type, nullptr, size));
+    EXPECT_EQ(size, 300u);
+    Bytes buffer(300, 0);
+    unsigned int capacity = 299;
+    EXPECT_FALSE(server->receiveFrame(type, buffer.data(), capacity));
+    EXPECT_EQ(capacity, 299u);
+    capacity = 300;
+    ASSERT_TRUE(server->receiveFrame(type, buffer.data(), capacity));
+    EXPECT_EQ(buffer, payload);
+    size = 0;
+    EXPECT_FALSE(server->receiveFrame(type, nullptr, size));  // nothing more
+}
+
+TEST(TcpSinkWrites, EachFrameGoesOutInOneWrite) {
+    SocketPair pair(SOCK_SEQPACKET);  // keeps the boundary of every write
+    ASSERT_TRUE(pair.ok());
+    auto recordsFor = [&](const Bytes& head, const Bytes& tail) {
+        std::vector<Bytes> records;
+        if (!pair.sink->sendFrameParts(9, head.empty() ? nullptr : head.data(),
+                                       static_cast<unsigned int>(head.size()),
+                                       tail.empty() ? nullptr : tail.data(),
+                                       static_cast<unsigned int>(tail.size())))
+            return records;
+        Bytes record(8192);
+        int n;
+        while ((n = pair.peer.receive(record.data(), static_cast<int>(record.size()), MSG_DONTWAIT)) > 0)
+            records.emplace_back(record.begin(), record.begin() + n);
+        return records;
+    };
+    auto frameOf = [](const Bytes& head, const Bytes& tail) {
+        Bytes bytes = header(9, static_cast<unsigned int>(head.size() + tail.size()));
+        bytes.insert(bytes.end(), head.begin(), head.end());
+        bytes.insert(bytes.end(), tail.begin(), tail.end());
+        return std::vector<Bytes>{bytes};
+    };
+    for (unsigned int size : {0u, 1016u, 1017u, 3000u})
+        EXPECT_EQ(recordsFor(pattern(size, 1), Bytes()), frameOf(pattern(size, 1), Bytes())) << size;
+    // The fields and the caller's data, joined on the wire only.
+    EXPECT_EQ(recordsFor(pattern(40, 2), pattern(5000, 3)), frameOf(pattern(40, 2), pattern(5000, 3)));
+}
+
+// The transport cuts and joins the byte stream anywhere; each cut below
+// becomes one read. Frames must come out whole and in order, whether a read
+// ends inside a header, exactly after one, or inside a payload that is too
+// large for the read buffer; and the bytes of a header in pieces leave the
+// socket as they come (left there, they would pin the socket buffer).
+TEST(TcpSinkBuffers, FramesCutAnywhereByTheTransportArriveWholeAndInOrder) {
+    const unsigned int large = CTcpApartmentSink::READ_BUFFER_SIZE + 1000;
+    const std::vector<unsigned int> sizes = {3, 0, 70, large, 5, 1, 200};
+    Bytes stream;
+    std::vector<size_t> headerEnds;
+    for (unsigned int i = 0; i < sizes.size(); ++i) {
+        const Bytes head = header(i, sizes[i]), body = pattern(sizes[i], i);
+        stream.insert(stream.end(), head.begin(), head.end());
+        headerEnds.push_back(stream.size());
+        stream.insert(stream.end(), body.begin(), body.end());
+    }
+    std::vector<std::vector<size_t>> cuttings = {
+        {},                                   // as much as fits at once
+        headerEnds,                           // every read ends with a header
+        {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11},  // byte by byte at first
+        {headerEnds[3] - 1, headerEnds[3] + 10, headerEnds[3] + 70000, stream.size() - 3},
+    };
+    std::vector<size_t> random;
+    for (size_t at = 0, step = 7; at < stream.size(); step = step * 5 % 997 + 1) random.push_back(at += step);
+    cuttings.push_back(random);
+    for (size_t c = 0; c < cuttings.size(); ++c) {
+        SCOPED_TRACE("cutting " + std::to_string(c));
+        SocketPair pair(SOCK_STREAM);
+        ASSERT_TRUE(pair.ok());
+        const int room = 200000;
+        pair.peer.setSockopt(SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+        // Pieces of at most 50000 bytes, so that each fits the socket pair.
+        std::vector<size_t> cuts;
+        size_t last = 0;
+        cuttings[c].push_back(stream.size());
+        for (size_t cut : cuttings[c]) {
+            cut = std::min(cut, stream.size());
+            while (cut > last + 50000) cuts.push_back(last += 50000);
+            if (cut > last) cuts.push_back(last = cut);
+        }
+        size_t sent = 0, next = 0;
+        for (size_t cut : cuts) {
+            ASSERT_TRUE(rawSendAll(pair.peer, Bytes(stream.begin() + sent, stream.begin() + cut)));
+            sent = cut;
+            // A read takes what the piece brought; every whole frame is then
+            // taken, until nothing more is waiting.
+            do {
+                unsigned int type = 0, size = 0;
+                char* payload = nullptr;
+                while (pair.sink->nextFrame(type, payload, size) == CTcpApartmentSink::FRAME_READY) {
+                    ASSERT_LT(next, sizes.size());
+                    EXPECT_EQ(type, next);
+                    EXPECT_EQ(Bytes(payload, payload + size), pattern(sizes[next], next));
+                    pair.sink->consumeFrame();
+                    ++next;
+                }
+            } while (pair.sink->readAvailable() == CTcpApartmentSink::READ_DATA);
+            char peek[8];
+            EXPECT_EQ(pair.sink->innerSocket().receive(peek, sizeof peek, MSG_PEEK | MSG_DONTWAIT), -1)
+                << "bytes were left in the socket";
+        }
+        EXPECT_EQ(next, sizes.size());
+        // Nothing but the read buffer stays held by an idle link.
+        EXPECT_EQ(pair.sink->receiveCapacity(), CTcpApartmentSink::READ_BUFFER_SIZE);
+        EXPECT_FALSE(pair.sink->hasFrameReady());
+    }
+}
+
+TEST(TcpSinkBuffers, AHeaderAboveTheMaximumIsRefusedBeforeAnythingIsAllocated) {
+    SocketPair pair(SOCK_STREAM);
+    ASSERT_TRUE(pair.ok());
+    pair.sink->setMaxFrameSize(1000);
+    ASSERT_TRUE(rawSendAll(pair.peer, header(1, 1000)));  // at the maximum: fine
+    ASSERT_TRUE(rawSendAll(pair.peer, pattern(1000, 1)));
+    ASSERT_TRUE(rawSendAll(pair.peer, header(1, 0x7FFFFFF0)));
+    ASSERT_EQ(pair.sink->readAvailable(), CTcpApartmentSink::READ_DATA);
+    unsigned int type = 0, size = 0;
+    char* payload = nullptr;
+    ASSERT_EQ(pair.sink->nextFrame(type, payload, size), CTcpApartmentSink::FRAME_READY);
+    EXPECT_EQ(size, 1000u);
+    pair.sink->consumeFrame();
+    EXPECT_TRUE(pair.sink->hasFrameReady());  // to be refused at once
+    EXPECT_EQ(pair.sink->nextFrame(type, payload, size), CTcpApartmentSink::FRAME_TOO_LARGE);
+    EXPECT_EQ(size, 0x7FFFFFF0u);
+    EXPECT_EQ(pair.sink->receiveCapacity(), CTcpApartmentSink::READ_BUFFER_SIZE);
+    // A real-time link keeps its own limit whatever the maximum is.
+    SocketPair rt(SOCK_STREAM);
+    ASSERT_TRUE(rt.ok());
+    rt.sink->setRTConnection(true);
+    ASSERT_TRUE(rawSendAll(rt.peer, header(7, CTcpApartmentSink::RT_MAX_FRAME_SIZE + 1)));
+    ASSERT_EQ(rt.sink->readAvailable(), CTcpApartmentSink::READ_DATA);
+    EXPECT_EQ(rt.sink->nextFrame(type, payload, size), CTcpApartmentSink::FRAME_TOO_LARGE);
+    // And a local write above a link's maximum fails before a byte leaves.
+    const Bytes big = pattern(CTcpApartmentSink::RT_MAX_FRAME_SIZE + 1, 1);
+    EXPECT_FALSE(rt.sink->sendFrame(7, big.data(), static_cast<unsigned int>(big.size())));
+    EXPECT_FALSE(pair.sink->sendFrame(1, big.data(), 1001));
+    char peek;
+    EXPECT_EQ(rt.peer.receive(&peek, 1, MSG_DONTWAIT), -1);
+    EXPECT_EQ(pair.peer.receive(&peek, 1, MSG_DONTWAIT), -1);
+    EXPECT_FALSE(pair.sink->isExpectSinkClosed());
+}
+
+TEST_F(TcpSinkTest, AListenSinkCarriesNoFrames) {
+    EXPECT_EQ(m_listen->sinkType(), LISTEN_SINK);
+    const char byte = 1;
+    EXPECT_FALSE(m_listen->sendFrame(1, &byte, 1));
+    unsigned int type = 0, size = 0;
+    EXPECT_FALSE(m_listen->receiveFrame(type, nullptr, size));
+}
+
+TEST(TcpClientSink, ConnectingWhereNothingListensFailsWithinAboutASecond) {
+    CReference<IApartmentSink> client(new CTcpClientSink);
+    const std::string address = "127.0.0.1:" + std::to_string(freePort());
+    testing::internal::CaptureStdout();
+    const Clock::time_point start = Clock::now();
+    EXPECT_FALSE(client->initSink(nullptr, address.c_str()));
+    const long waited = msSince(start);
+    const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_LT(waited, 3000);
+    EXPECT_TRUE(printed.empty() ||
+                printed == "[TcpApartment Error]: Can not connected to " + address + "\n")
+        << printed;
+    EXPECT_TRUE(client->isSinkClosed());
+}
+
+class FixedPortListenSink : public CTcpListenSink {
+public:
+    explicit FixedPortListenSink(unsigned short port) : m_port(port) {}
+    unsigned short randomPort() override {
+        ++draws;
+        return m_port;
+    }
+    int draws = 0;
+
+private:
+    unsigned short m_port;
+};
+
+// Port 0 draws one port from 10000..50000; a drawn port that is taken
+// fails the sink without a second draw.
+TEST(TcpListenSink, ARandomPortIsDrawnOnceFromItsRange) {
+    CReference<CTcpListenSink> holder(new CTcpListenSink);
+    std::set<unsigned short> seen;
+    for (int i = 0; i < 2000; ++i) {
+        const unsigned short port = holder->randomPort();
+        ASSERT_GE(port, 10000);
+        ASSERT_LE(port, 50000);
+        seen.insert(port);
+    }
+    EXPECT_GT(seen.size(), 1000u);
+    unsigned short port = 0;
+    const int taken = bindAnyPort(port, 1);
+    ASSERT_GE(taken, 0);
+    CReference<FixedPortListenSink> sink(new FixedPortListenSink(port));
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(sink->initSink("127.0.0.1:0", nullptr));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Bind failed, error code: " + std::to_string(EADDRINUSE) + "\n");
+    EXPECT_EQ(sink->draws, 1);
+    EXPECT_EQ(sink->getSocketFd(), -1);
+    os_socket_close(taken, USE_DEFAULT);
+    ASSERT_TRUE(sink->initSink("127.0.0.1:0", nullptr));
+    EXPECT_EQ(localAddressOf(sink), "127.0.0.1:" + std::to_string(port));
+}
+
+TEST_F(TcpSinkTest, TheLocalUrlNamesTheLinksConcreteAddress) {
+    CTcpClientSink* client = connectClient();
+    ASSERT_NE(client, nullptr);
+    EXPECT_EQ(localAddressOf(client).rfind("127.0.0.1:", 0), 0u) << localAddressOf(client);
+    m_listen->setLocalApartmentUrl("tcp://0.0.0.0:7000");
+    CTcpServerSink* server = acceptServer();
+    ASSERT_NE(server, nullptr);
+    std::string url;
+    CApartmentSinkHelper::getLocalApartmentUrl(server, url);
+    EXPECT_EQ(url, "tcp://127.0.0.1:7000");
+    client->setLocalApartmentUrl("tcp://0.0.0.0:1/tcp://0.0.0.0:2");
+    CApartmentSinkHelper::getLocalApartmentUrl(client, url);
+    EXPECT_EQ(url, "tcp://127.0.0.1:1/tcp://127.0.0.1:2");
+    client->setLocalApartmentUrl("tcp://10.0.0.1:1");
+    CApartmentSinkHelper::getLocalApartmentUrl(client, url);
+    EXPECT_EQ(url, "tcp://10.0.0.1:1");
+}
+
+TEST(TcpSinkAddress, ResolveAndMake) {
+    std::string ip, out;
+    unsigned short port = 99;
+    CTcpApartmentSink::resolveSinkAddress("10.0.0.1", ip, port);
+    EXPECT_EQ(ip, "10.0.0.1");
+    EXPECT_EQ(port, 0);
+    CTcpApartmentSink::resolveSinkAddress("10.0.0.1:65537", ip, port);
+    EXPECT_EQ(port, 1);  // cut to 16 bits
+    CTcpApartmentSink::makeSinkAddress("", 0, out);
+    EXPECT_EQ(out, "127.0.0.1");
+    CTcpApartmentSink::makeSinkAddress("10.0.0.1", 80, out);
+    EXPECT_EQ(out, "10.0.0.1:80");
+    CTcpApartmentSink::makeSinkAddress(std::string(100, '1'), 80, out);
+    EXPECT_EQ(out.size(), 63u);
+}
+
+// Writers of one link are coalesced into shared writes: their bytes must
+// never interleave, and each writer must get its own frame's result (here
+// every tenth frame is above the link's maximum and must fail alone).
+TEST_F(TcpSinkTest, ConcurrentSendersNeverInterleaveFramesAndEachGetsItsOwnResult) {
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;
+    ASSERT_TRUE(connectPair(client, server));
+    client->setMaxFrameSize(4000);
+    constexpr int kThreads = 8, kFrames = 200;
+    const unsigned int sizes[] = {10, 700, 1500, 3999, 0};
+    auto sizeOf = [&](int t, int i) { return i % 10 == 9 ? 4001u : sizes[(i + t) % 5]; };
+    std::atomic<int> wrongResults{0};
+    std::vector<std::thread> senders;
+    for (int t = 0; t < kThreads; ++t) {
+        senders.emplace_back([&, t] {
+            for (int i = 0; i < kFrames; ++i) {
+                const unsigned int size = sizeOf(t, i);
+                // Self-describing: the type names the sender and sequence.
+                const unsigned int type = static_cast<unsigned int>(t * 1000 + i);
+                if (client->sendFrame(type, pattern(size, type).data(), size) != (size <= 4000))
+                    ++wrongResults;
+            }
+        });
+    }
+    std::vector<int> next(kThreads, 0);
+    const int expected = kThreads * (kFrames - kFrames / 10);
+    int received = 0;
+    for (; received < expected; ++received) {
+        unsigned int type = 0;
+        Bytes payload;
+        if (!receiveWhole(server, type, payload, 10000)) break;
+        const int t = static_cast<int>(type / 1000), i = static_cast<int>(type % 1000);
+        ASSERT_LT(t, kThreads);
+        if (next[t] % 10 == 9) ++next[t];  // the refused frame never went
+        EXPECT_EQ(i, next[t]) << "sender " << t;  // each sender's frames in order
+        next[t] = i + 1;
+        ASSERT_EQ(payload, pattern(sizeOf(t, i), type)) << "sender " << t << " frame " << i;
+    }
+    for (std::thread& sender : senders) sender.join();
+    EXPECT_EQ(received, expected);
+    EXPECT_EQ(wrongResults, 0);
+}
+
+TEST_F(TcpSinkTest, AStalledPeerEndsALargeSendAndCondemnsTheLink) {
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;  // never reads
+    ASSERT_TRUE(connectPair(client, server));
+    const Bytes payload(16u << 20, 0x5a);
+    testing::internal::CaptureStdout();
+    const Clock::time_point start = Clock::now();
+    EXPECT_FALSE(client->sendFrame(1, payload.data(), static_cast<unsigned int>(payload.size())));
+    EXPECT_LT(msSince(start), 5000);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "TcpApartmentSink write failed.\n");
+    EXPECT_TRUE(client->isExpectSinkClosed());
+    // Part of a frame is on the wire: nothing may follow it.
+    const char byte = 1;
+    EXPECT_FALSE(client->sendFrame(1, &byte, 1));
+}
+
+TEST_F(TcpSinkTest, ClosingASinkReleasesABlockedSender) {
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;
+    ASSERT_TRUE(connectPair(client, server));
+    // The peer drains at a modest pace, so the sender keeps making progress
+    // and would stay in sendFrame for seconds.
+    std::atomic<bool> stop{false}, result{true};
+    std::thread drain([&] {
+        std::vector<char> chunk(65536);
+        for (; !stop; sleepMs(2)) server->innerSocket().receive(chunk.data(), 65536, 0);
+    });
+    std::thread sender([&] {
+        const Bytes payload(32u << 20, 1);
+        testing::internal::CaptureStdout();
+        result = client->sendFrame(1, payload.data(), static_cast<unsigned int>(payload.size()));
+        testing::internal::GetCapturedStdout();
+    });
+    sleepMs(50);
+    const Clock::time_point start = Clock::now();
+    client->closeSink();
+    sender.join();
+    EXPECT_LT(msSince(start), 2000);
+    stop = true;
+    drain.join();
+    EXPECT_FALSE(result);
+    EXPECT_TRUE(client->isSinkClosed());
+    EXPECT_EQ(client->getSocketFd(), -1);
+}
+
+}  // namespace
