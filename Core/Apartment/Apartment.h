@@ -40,6 +40,12 @@
 //
 // A subclass supplies the transport: createSink, the URL/address
 // conversions and waitFrameOnSinks.
+//
+// The definitions are split by concern: Apartment.cpp (lifecycle, nodes,
+// threads, message loop), ApartmentLinks.cpp (opening, filing and
+// dropping links; the reply opener), ApartmentFrames.cpp (writing frames
+// and handling those that arrive), ApartmentTimers.cpp (timers and the
+// heartbeat).
 #ifndef APARTMENT_APARTMENT_H
 #define APARTMENT_APARTMENT_H
 
