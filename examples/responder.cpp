@@ -6,7 +6,6 @@
 // Runs until interrupted (Ctrl-C or SIGTERM). Try it with the requester.
 #include <signal.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -44,19 +43,6 @@ private:
     virtual ~EchoNode() = default;
 };
 
-// A deadline 100 ms from now on the monotonic clock (which steady_clock
-// reads), as dispatching takes it.
-timespec soon() {
-    const auto at = std::chrono::steady_clock::now().time_since_epoch() +
-                    std::chrono::milliseconds(100);
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(at);
-    timespec deadline;
-    deadline.tv_sec = static_cast<time_t>(seconds.count());
-    deadline.tv_nsec = static_cast<long>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(at - seconds).count());
-    return deadline;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -83,7 +69,7 @@ int main(int argc, char** argv) {
     std::printf("responder: listening on %s, node \"echo\"\n", url);
 
     // Callbacks run inside this loop, on this thread.
-    while (!stop_requested) apartment_dispatch_message(nullptr, soon());
+    while (!stop_requested) apartment_dispatch_message(nullptr, ApartmentHost::monotonicDeadline(100));
 
     apartment_uninitialize();
     std::printf("responder: stopped\n");

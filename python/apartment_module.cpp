@@ -634,6 +634,24 @@ Node& defaultNode(const std::shared_ptr<Shared>& shared) {
     return *createNode(shared, DEFAULT_NODE, py::none(), py::none(), py::none(), py::none());
 }
 
+// Dispatches for at most one slice of the deadline with the GIL released,
+// then raises what a callback deferred. A refusal that comes at once
+// (dispatch stopped, or bound to another thread) is followed by a
+// millisecond's rest, so that the caller's loop does not spin. The
+// dispatch's result.
+int dispatchSlice(const Deadline& deadline) {
+    int result;
+    {
+        py::gil_scoped_release nogil;
+        const Clock::time_point before = Clock::now();
+        result = apartment_dispatch_message(nullptr, ApartmentHost::monotonicDeadline(deadline.sliceMs()));
+        if (result < 0 && Clock::now() - before < std::chrono::milliseconds(1))
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    raiseDeferred();
+    return result;
+}
+
 // Waits for one message (timeout None: without limit) and dispatches it.
 bool dispatchOne(Shared& shared, std::optional<double> timeout) {
     checkMayPump(shared, "dispatch()");
@@ -641,22 +659,10 @@ bool dispatchOne(Shared& shared, std::optional<double> timeout) {
                                     : std::nullopt);
     Call call(shared);
     for (;;) {
-        const int slice = deadline.sliceMs();
-        const Clock::time_point before = Clock::now();
-        int result;
-        {
-            py::gil_scoped_release nogil;
-            result = apartment_dispatch_message(nullptr, ApartmentHost::monotonicDeadline(slice));
-        }
-        raiseDeferred();
-        if (result >= 0) return true;
+        if (dispatchSlice(deadline) >= 0) return true;
         if (!shared.open) return false;
         checkSignals();
         if (deadline.passed()) return false;
-        if (Clock::now() - before < std::chrono::milliseconds(1)) {
-            py::gil_scoped_release nogil;  // refused at once: do not spin
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
     }
 }
 
@@ -693,19 +699,8 @@ bool run(Shared& shared, py::object until, std::optional<double> timeout) {
     for (;;) {
         if (!until.is_none() && py::bool_(until())) return true;
         if (shared.stopRequested || !shared.open || deadline.passed()) return false;
-        const int slice = deadline.sliceMs();
-        const Clock::time_point before = Clock::now();
-        int result;
-        {
-            py::gil_scoped_release nogil;
-            result = apartment_dispatch_message(nullptr, ApartmentHost::monotonicDeadline(slice));
-        }
-        raiseDeferred();
+        dispatchSlice(deadline);
         checkSignals();
-        if (result < 0 && Clock::now() - before < std::chrono::milliseconds(1)) {
-            py::gil_scoped_release nogil;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
     }
 }
 
@@ -807,6 +802,17 @@ py::object callableOrNone(py::object f, const char* what) {
     return f;
 }
 
+// Callback attributes of a class: each reads its callable, and takes a
+// callable or None.
+template <class Owner>
+void callbackProperties(py::class_<Owner, std::shared_ptr<Owner>>& cls,
+                        std::initializer_list<std::pair<const char*, py::object Owner::*>> members) {
+    for (const auto& [name, member] : members)
+        cls.def_property(
+            name, [member = member](const Owner& o) { return o.*member; },
+            [name = name, member = member](Owner& o, py::object f) { o.*member = callableOrNone(f, name); });
+}
+
 }  // namespace
 
 PYBIND11_MODULE(_apartment, m) {
@@ -862,20 +868,10 @@ PYBIND11_MODULE(_apartment, m) {
                    r.node + " data=" + py::repr(r.data).cast<std::string>() + ">";
         });
 
-    py::class_<Node, std::shared_ptr<Node>>(m, "Node", "A named endpoint of the apartment.")
-        .def_readonly("name", &Node::name)
-        .def_property(
-            "on_request", [](const Node& n) { return n.onRequest; },
-            [](Node& n, py::object f) { n.onRequest = callableOrNone(f, "on_request"); })
-        .def_property(
-            "on_notify", [](const Node& n) { return n.onNotify; },
-            [](Node& n, py::object f) { n.onNotify = callableOrNone(f, "on_notify"); })
-        .def_property(
-            "on_offline", [](const Node& n) { return n.onOffline; },
-            [](Node& n, py::object f) { n.onOffline = callableOrNone(f, "on_offline"); })
-        .def_property(
-            "on_timer", [](const Node& n) { return n.onTimer; },
-            [](Node& n, py::object f) { n.onTimer = callableOrNone(f, "on_timer"); })
+    py::class_<Node, std::shared_ptr<Node>> node(m, "Node", "A named endpoint of the apartment.");
+    callbackProperties(node, {{"on_request", &Node::onRequest}, {"on_notify", &Node::onNotify},
+                              {"on_offline", &Node::onOffline}, {"on_timer", &Node::onTimer}});
+    node.def_readonly("name", &Node::name)
         .def("request", &nodeRequest, py::arg("url"), py::arg("node"),
              py::arg("data") = py::bytes(), py::kw_only(), py::arg("timeout") = 5.0,
              "Sends a request to `node` of the apartment at `url` and returns its Response.\n\n"
@@ -900,18 +896,11 @@ PYBIND11_MODULE(_apartment, m) {
         .def("close", &closeNode, "Destroys the node; its timers stop.")
         .def("__repr__", [](const Node& n) { return "<Node '" + n.name + "'>"; });
 
-    py::class_<Shared, std::shared_ptr<Shared>>(m, "Apartment", "This process's apartment.")
-        .def_readonly("url", &Shared::url)
+    py::class_<Shared, std::shared_ptr<Shared>> apartment(m, "Apartment", "This process's apartment.");
+    callbackProperties(apartment, {{"on_raw", &Shared::onRaw}, {"on_offline", &Shared::onOffline},
+                                   {"on_timer", &Shared::onTimer}});
+    apartment.def_readonly("url", &Shared::url)
         .def_property_readonly("closed", [](const Shared& s) { return !s.open; })
-        .def_property(
-            "on_raw", [](const Shared& s) { return s.onRaw; },
-            [](Shared& s, py::object f) { s.onRaw = callableOrNone(f, "on_raw"); })
-        .def_property(
-            "on_offline", [](const Shared& s) { return s.onOffline; },
-            [](Shared& s, py::object f) { s.onOffline = callableOrNone(f, "on_offline"); })
-        .def_property(
-            "on_timer", [](const Shared& s) { return s.onTimer; },
-            [](Shared& s, py::object f) { s.onTimer = callableOrNone(f, "on_timer"); })
         .def("node",
              [](const std::shared_ptr<Shared>& s, const std::string& name, py::object onRequest,
                 py::object onNotify, py::object onOffline, py::object onTimer) {

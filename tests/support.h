@@ -45,6 +45,18 @@
 #include "IApartmentSink.h"
 #include "os_socket.h"
 
+// APARTMENT_LSAN: a build with AddressSanitizer, and so LeakSanitizer.
+#if defined(__SANITIZE_ADDRESS__)
+#define APARTMENT_LSAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define APARTMENT_LSAN 1
+#endif
+#endif
+#ifdef APARTMENT_LSAN
+#include <sanitizer/lsan_interface.h>
+#endif
+
 namespace aptest {
 
 using ApartmentHost::pumpUntil;
@@ -755,10 +767,10 @@ inline long residentKb() {
 }
 // True in a build with AddressSanitizer or ThreadSanitizer.
 constexpr bool underSanitizer() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(APARTMENT_LSAN) || defined(__SANITIZE_THREAD__)
     return true;
 #elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#if __has_feature(thread_sanitizer)
     return true;
 #endif
 #endif

@@ -12,17 +12,6 @@
 #include "TcpApartment.h"
 #include "support.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define APARTMENT_LSAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define APARTMENT_LSAN 1
-#endif
-#endif
-#ifdef APARTMENT_LSAN
-#include <sanitizer/lsan_interface.h>
-#endif
-
 using namespace aptest;
 
 namespace {

@@ -256,48 +256,46 @@ void CApartment::destroyRtCommunicationThread() {
 }
 
 template <class F>
-void CApartment::runThreadPass(const char* where, F&& pass) {
-    if (guarded(where, false, [&pass] {
-            pass();
-            return true;
-        }))
-        return;
-    // A fault that repeats at once (memory that stays short, say) must not
-    // turn the loop into a spin: rest for one pass, or until a sink comes.
-    TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
-    m_ConnectionNotEmptyCondition.wait(OS::Clock::monotonicDeadline(THREAD_PASS_MS));
+void* CApartment::runThread(std::atomic<bool> CApartment::*keep, const char* where, F&& pass) {
+    while (this->*keep) {
+        if (guarded(where, false, [&pass] {
+                pass();
+                return true;
+            }))
+            continue;
+        // A fault that repeats at once (memory that stays short, say) must
+        // not turn the loop into a spin: rest for one pass, or until a sink
+        // comes.
+        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+        m_ConnectionNotEmptyCondition.wait(OS::Clock::monotonicDeadline(THREAD_PASS_MS));
+    }
+    return nullptr;
 }
 
 void* CApartment::apartmentListenThreadFunc(void* pParam) {
-    CApartment* apartment = static_cast<CApartment*>(pParam);
-    while (apartment != nullptr && apartment->m_bKeepListen)
-        apartment->runThreadPass("listen thread, connection dropped",
-                                 [apartment] { apartment->listenConnection(THREAD_PASS_MS); });
-    return nullptr;
+    CApartment* a = static_cast<CApartment*>(pParam);
+    return a->runThread(&CApartment::m_bKeepListen, "listen thread, connection dropped",
+                        [a] { a->listenConnection(THREAD_PASS_MS); });
 }
 
 void* CApartment::apartmentNonRtCommunicationThreadFunc(void* pParam) {
-    CApartment* apartment = static_cast<CApartment*>(pParam);
-    while (apartment != nullptr && apartment->m_bKeepNonRtCommunication)
-        apartment->runThreadPass("non-real-time communication thread, pass abandoned",
-                                 [apartment] { apartment->receiveFrame(THREAD_PASS_MS, false); });
-    return nullptr;
+    CApartment* a = static_cast<CApartment*>(pParam);
+    return a->runThread(&CApartment::m_bKeepNonRtCommunication,
+                        "non-real-time communication thread, pass abandoned",
+                        [a] { a->receiveFrame(THREAD_PASS_MS, false); });
 }
 
 void* CApartment::apartmentRtCommunicationThreadFunc(void* pParam) {
-    CApartment* apartment = static_cast<CApartment*>(pParam);
-    while (apartment != nullptr && apartment->m_bKeepRtCommunication)
-        apartment->runThreadPass("real-time communication thread, pass abandoned",
-                                 [apartment] { apartment->receiveFrame(THREAD_PASS_MS, true); });
-    return nullptr;
+    CApartment* a = static_cast<CApartment*>(pParam);
+    return a->runThread(&CApartment::m_bKeepRtCommunication,
+                        "real-time communication thread, pass abandoned",
+                        [a] { a->receiveFrame(THREAD_PASS_MS, true); });
 }
 
 void* CApartment::apartmentReplyOpenerThreadFunc(void* pParam) {
-    CApartment* apartment = static_cast<CApartment*>(pParam);
-    while (apartment != nullptr && apartment->m_bKeepReplyOpener)
-        apartment->runThreadPass("reply opener thread, link open abandoned",
-                                 [apartment] { apartment->openQueuedReplyLink(THREAD_PASS_MS); });
-    return nullptr;
+    CApartment* a = static_cast<CApartment*>(pParam);
+    return a->runThread(&CApartment::m_bKeepReplyOpener, "reply opener thread, link open abandoned",
+                        [a] { a->openQueuedReplyLink(THREAD_PASS_MS); });
 }
 
 void CApartment::listenConnection(DWORD dwTimeout) {

@@ -315,10 +315,11 @@ private:
     static void queueOrRelease(CMessageQueue& queue, const APARTMENT_TMSG& msg);
 
     void listenConnection(DWORD dwTimeout);
-    // One pass of a library thread: an exception is reported, the pass
-    // given up, and the thread rests one pass length before the next.
+    // The loop of a library thread: passes until its keep flag goes down.
+    // An exception is reported, the pass given up, and the thread rests one
+    // pass length before the next.
     template <class F>
-    void runThreadPass(const char* where, F&& pass);
+    void* runThread(std::atomic<bool> CApartment::*keep, const char* where, F&& pass);
     bool createListenThread();
     void destroyListenThread();
     bool createNonRtCommunicationThread();

@@ -148,11 +148,25 @@ void writeRoute(Writer& writer, std::string_view strLocalApartmentUrl,
     writer.text(strTargetNodeUrl);
 }
 
-template <class Payload>
-bool readRoute(Reader& reader, Payload& payload) {
-    return reader.text(payload.m_strSourceApartmentUrl) && reader.text(payload.m_strSourceNodeUrl) &&
-           reader.text(payload.m_strTargetApartmentUrl) &&
-           reader.text(payload.m_strTargetNodeUrl) && reader.u32(payload.m_uintRequestId);
+// Parses a request or response payload: the addressing fields, then the
+// field `last` reads, then the data, pointed at where it lies. The payload's
+// strings keep their room from one parse to the next.
+template <class Payload, class Last>
+bool parseRouted(char* pFrameBuffer, unsigned int uintFrameSize, Payload& payload, Last last) {
+    if (pFrameBuffer == nullptr && uintFrameSize != 0) return false;
+    Reader reader(pFrameBuffer, uintFrameSize);
+    try {
+        if (!reader.text(payload.m_strSourceApartmentUrl) ||
+            !reader.text(payload.m_strSourceNodeUrl) ||
+            !reader.text(payload.m_strTargetApartmentUrl) ||
+            !reader.text(payload.m_strTargetNodeUrl) || !reader.u32(payload.m_uintRequestId) ||
+            !last(reader))
+            return false;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    reader.rest(payload);
+    return true;
 }
 
 // Appends the opaque data without a prefix; the whole payload must stay
@@ -179,18 +193,28 @@ char* CPayloadHead::allocate(size_t size) {
     return m_pData;
 }
 
+namespace {
+// Lays down the addressing fields and the request id, with room for the
+// `lastSize` bytes of the field that ends the head; returns where it goes.
+char* writeRoutedHead(CPayloadHead& head, std::string_view strLocalApartmentUrl,
+                      const char* strSourceNodeUrl, const char* strTargetApartmentUrl,
+                      const char* strTargetNodeUrl, unsigned int uintRequestId, size_t lastSize) {
+    Writer writer;
+    writeRoute(writer, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
+               strTargetNodeUrl);
+    return Writer::putU32(writer.write(head.allocate(writer.size(4 + lastSize))), uintRequestId);
+}
+}  // namespace
+
 void CApartmentFrameCodec::buildRequestHead(CPayloadHead& head,
                                             std::string_view strLocalApartmentUrl,
                                             const char* strSourceNodeUrl,
                                             const char* strTargetApartmentUrl,
                                             const char* strTargetNodeUrl,
                                             unsigned int uintRequestId, bool bRequireResponse) {
-    Writer writer;
-    writeRoute(writer, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
-               strTargetNodeUrl);
-    char* tail = writer.write(head.allocate(writer.size(5)));
-    tail = Writer::putU32(tail, uintRequestId);
-    *tail = bRequireResponse ? 1 : 0;
+    char* flag = writeRoutedHead(head, strLocalApartmentUrl, strSourceNodeUrl,
+                                 strTargetApartmentUrl, strTargetNodeUrl, uintRequestId, 1);
+    *flag = bRequireResponse ? 1 : 0;
 }
 
 void CApartmentFrameCodec::buildResponseHead(CPayloadHead& head,
@@ -199,14 +223,11 @@ void CApartmentFrameCodec::buildResponseHead(CPayloadHead& head,
                                              const char* strTargetApartmentUrl,
                                              const char* strTargetNodeUrl,
                                              unsigned int uintRequestId, int intResponseCode) {
-    Writer writer;
-    writeRoute(writer, strLocalApartmentUrl, strSourceNodeUrl, strTargetApartmentUrl,
-               strTargetNodeUrl);
-    char* tail = writer.write(head.allocate(writer.size(8)));
-    tail = Writer::putU32(tail, uintRequestId);
     uint32_t code = 0;
     std::memcpy(&code, &intResponseCode, sizeof code);
-    Writer::putU32(tail, code);
+    Writer::putU32(writeRoutedHead(head, strLocalApartmentUrl, strSourceNodeUrl,
+                                   strTargetApartmentUrl, strTargetNodeUrl, uintRequestId, 4),
+                   code);
 }
 
 std::vector<char> CApartmentFrameCodec::buildRequestPayload(
@@ -245,30 +266,14 @@ std::vector<char> CApartmentFrameCodec::buildAlivePayload(std::string_view strLo
 
 bool CApartmentFrameCodec::parseRequestPayload(char* pFrameBuffer, unsigned int uintFrameSize,
                                                APARTMENT_REQUEST_PAYLOAD& payload) {
-    if (pFrameBuffer == nullptr && uintFrameSize != 0) return false;
-    APARTMENT_REQUEST_PAYLOAD& parsed = payload;  // its strings' room is reused
-    Reader reader(pFrameBuffer, uintFrameSize);
-    try {
-        if (!readRoute(reader, parsed) || !reader.flag(parsed.m_bRequireResponse)) return false;
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-    reader.rest(parsed);
-    return true;
+    return parseRouted(pFrameBuffer, uintFrameSize, payload,
+                       [&payload](Reader& reader) { return reader.flag(payload.m_bRequireResponse); });
 }
 
 bool CApartmentFrameCodec::parseResponsePayload(char* pFrameBuffer, unsigned int uintFrameSize,
                                                 APARTMENT_RESPONSE_PAYLOAD& payload) {
-    if (pFrameBuffer == nullptr && uintFrameSize != 0) return false;
-    APARTMENT_RESPONSE_PAYLOAD& parsed = payload;  // its strings' room is reused
-    Reader reader(pFrameBuffer, uintFrameSize);
-    try {
-        if (!readRoute(reader, parsed) || !reader.i32(parsed.m_intResponseCode)) return false;
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-    reader.rest(parsed);
-    return true;
+    return parseRouted(pFrameBuffer, uintFrameSize, payload,
+                       [&payload](Reader& reader) { return reader.i32(payload.m_intResponseCode); });
 }
 
 bool CApartmentFrameCodec::parseAlivePayload(char* pFrameBuffer, unsigned int uintFrameSize,
