@@ -20,20 +20,13 @@
 #include <thread>
 #include <vector>
 
-#include "ApartmentManager.h"
-#include "ApartmentTimerManager.h"
-#include "GroundKit/Base/Stub.h"
-#include "GroundKit/OS/OS_Clock.h"
-#include "GroundKit/Reference/Reference.h"
-#include "IApartment.h"
-#include "IApartmentNode.h"
-#include "IApartmentNodeCallback.h"
-#include "os_socket.h"
+#include "support.h"
 
 namespace {
 
+using namespace aptest;
+
 const int CHECK_EVERY = 64;
-const char STRANGER_URL[] = "tcp://127.0.0.1:9";
 
 IApartment* g_target = nullptr;
 IApartment* g_requester = nullptr;
@@ -43,38 +36,9 @@ std::atomic<bool> g_pumping{false};
 std::thread* g_pump = nullptr;
 unsigned long g_inputs = 0;
 
-class EchoCallback : public TRootStub<IApartmentNodeCallback> {
-public:
-    void onTimer(unsigned int) override {}
-    void onApartmentOffline(const char*) override {}
-    void onRequestReceived(const char* srcUrl, const char* srcNode, const char*, const char*,
-                           unsigned int id, const void* data, unsigned int size,
-                           bool needsAnswer) override {
-        if (needsAnswer)
-            g_target->writeResponseFrame("echo", srcUrl, srcNode, id, 0, const_cast<void*>(data),
-                                         size, false);
-    }
-};
-
-unsigned short freePort() {
-    const int fd = os_socket(AF_INET, SOCK_STREAM, 0, USE_DEFAULT);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = os_socket_address_from_text("127.0.0.1");
-    unsigned short port = 0;
-    if (os_socket_bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address, USE_DEFAULT) ==
-        0) {
-        socklen_t length = sizeof address;
-        os_socket_get_sock_name(fd, reinterpret_cast<sockaddr*>(&address), &length, USE_DEFAULT);
-        port = ntohs(address.sin_port);
-    }
-    os_socket_close(fd, USE_DEFAULT);
-    return port;
-}
-
 IApartment* createOnFreePort(std::string& url) {
     for (int attempt = 0; attempt < 20; ++attempt) {
-        url = "tcp://127.0.0.1:" + std::to_string(freePort());
+        url = urlOf(freePort());
         IApartment* apartment =
             CApartmentManager::getUniqueApartmentManager()->createApartment(url.c_str(), true);
         if (apartment != nullptr) return apartment;
@@ -105,15 +69,21 @@ void setUp() {
     g_requester = createOnFreePort(g_requesterUrl);
     g_target->createApartmentNode("echo");
     CReference<IApartmentNode> echo(g_target->findApartmentNode("echo"));
-    EchoCallback* callback = new EchoCallback;
+    // Answers without keeping anything: a fuzzing run goes on for hours.
+    CReference<ApartmentHost::CNodeCallbackFn> callback(new ApartmentHost::CNodeCallbackFn);
+    callback->request = [](const ApartmentHost::NodeRequest& r) {
+        if (r.bRequireResponse)
+            g_target->writeResponseFrame("echo", r.strSourceApartmentUrl, r.strSourceNodeUrl,
+                                         r.uintRequestId, 0, const_cast<void*>(r.pRequestBuffer),
+                                         r.uintBufLen, false);
+    };
     echo->setCallback(callback);
-    callback->releaseRef();
     g_requester->createApartmentNode("client");
     g_pumping = true;
     g_pump = new std::thread([] {
         while (g_pumping) {
             APARTMENT_TMSG msg;
-            if (g_target->getMessage(msg, OS::Clock::monotonicDeadline(20)))
+            if (g_target->getMessage(msg, deadlineIn(20)))
                 g_target->dispatchMessage(msg);
         }
     });
@@ -136,27 +106,19 @@ void checkServiceStillAnswers() {
     int code = -1;
     char answer[sizeof payload] = {0};
     unsigned int size = sizeof answer;
-    const timespec start = OS::Clock::monotonicDeadline(0);
+    const Clock::time_point start = Clock::now();
     const bool answered = client->getResponse(id, code, answer, size, 8000);
     if (!answered || size != sizeof payload || std::memcmp(answer, payload, sizeof payload) != 0) {
         // Tell a slow answer from none at all before giving up.
         const bool late = !answered && client->getResponse(id, code, answer, size, 20000);
-        const timespec end = OS::Clock::monotonicDeadline(0);
         std::fprintf(stderr,
                      "fuzz_tcp_apartment: the target stopped answering (answered %d, late %d, "
                      "after %ld ms; target links to requester: %d)\n",
-                     answered, late,
-                     static_cast<long>((end.tv_sec - start.tv_sec) * 1000 +
-                                       (end.tv_nsec - start.tv_nsec) / 1000000),
+                     answered, late, msSince(start),
                      g_target->hasConnection(g_requesterUrl.c_str(), false));
         std::abort();
     }
     client->removeResponse(id);
-}
-
-void putBigEndian(std::vector<unsigned char>& out, unsigned int value) {
-    for (int shift = 24; shift >= 0; shift -= 8)
-        out.push_back(static_cast<unsigned char>(value >> shift));
 }
 
 // Sends what it can within 200 ms: the target may stop reading (a link it
@@ -177,28 +139,11 @@ void sendSome(int fd, const unsigned char* data, size_t size) {
 }
 
 void feedOneLink(const uint8_t* data, size_t size) {
-    const int fd = os_socket(AF_INET, SOCK_STREAM, 0, USE_DEFAULT);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = os_socket_address_from_text("127.0.0.1");
-    address.sin_port = htons(static_cast<unsigned short>(
-        std::atoi(g_targetUrl.c_str() + g_targetUrl.rfind(':') + 1)));
-    if (os_socket_connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address,
-                          USE_DEFAULT) != 0) {
-        os_socket_close(fd, USE_DEFAULT);
-        return;
-    }
-    std::vector<unsigned char> bytes;
+    const int fd = rawConnect(portOf(g_targetUrl));
+    if (fd < 0) return;
+    Bytes bytes;
     const uint8_t mode = size > 0 ? data[0] : 0;
-    if (mode & 1) {
-        const std::string url = (mode & 4) ? g_targetUrl : STRANGER_URL;
-        putBigEndian(bytes, 0);
-        putBigEndian(bytes, 130);
-        std::vector<unsigned char> block(130, 0);
-        block[0] = (mode & 2) ? 1 : 0;
-        std::memcpy(block.data() + 1, url.data(), url.size());
-        bytes.insert(bytes.end(), block.begin(), block.end());
-    }
+    if (mode & 1) bytes = connectionFrame((mode & 4) ? g_targetUrl : kGhost, (mode & 2) != 0);
     if (size > 1) bytes.insert(bytes.end(), data + 1, data + size);
     sendSome(fd, bytes.data(), bytes.size());
 
@@ -229,11 +174,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (dumpDir != nullptr) g_recent.emplace_back(data, data + size);
     feedOneLink(data, size);
     if (++g_inputs % CHECK_EVERY == 1) {
-        const timespec start = OS::Clock::monotonicDeadline(0);
+        const Clock::time_point start = Clock::now();
         checkServiceStillAnswers();
-        const timespec end = OS::Clock::monotonicDeadline(0);
-        const long ms = static_cast<long>((end.tv_sec - start.tv_sec) * 1000 +
-                                          (end.tv_nsec - start.tv_nsec) / 1000000);
+        const long ms = msSince(start);
         if (ms > 1000)
             std::fprintf(stderr, "fuzz_tcp_apartment: slow answer %ld ms after input %lu\n", ms,
                          g_inputs);

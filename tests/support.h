@@ -179,10 +179,8 @@ public:
     std::string pumpReadLine(long ms) { return readLine(ms, true); }
     // Waits up to `ms` for the next line starting with `prefix`, skipping
     // and keeping the others for later calls.
-    bool waitFor(const std::string& prefix, long ms, std::string* line = nullptr,
-                 bool pump = false) {
-        const long long until = nowMs() + ms;
-        for (;;) {
+    bool waitFor(const std::string& prefix, long ms, std::string* line = nullptr) {
+        for (const long long until = nowMs() + ms;;) {
             for (size_t i = 0; i < m_kept.size(); ++i) {
                 if (m_kept[i].compare(0, prefix.size(), prefix) != 0) continue;
                 if (line != nullptr) *line = m_kept[i];
@@ -190,10 +188,9 @@ public:
                 return true;
             }
             std::string next;
-            const int rc = readOne(pump ? 0 : 10, next);
+            const int rc = readOne(10, next);
             if (rc == 1) m_kept.push_back(next);
             if (rc < 0 || nowMs() >= until) return false;
-            if (pump && rc != 1) apartment_dispatch_message(nullptr, deadlineIn(10));
         }
     }
     void signal(int sig) {
@@ -244,15 +241,13 @@ public:
 
     // In the peer: a line from the parent, or "" after `ms` (or at its end).
     static std::string readFromParent(long ms) {
-        static std::string buffer;
         std::string line;
-        return readLineFrom(s_fromParent, buffer, ms, line) == 1 ? line : "";
+        return readLineFrom(s_fromParent, s_parentBuffer, ms, line) == 1 ? line : "";
     }
     // In the peer: true once the parent said "quit" or closed our input.
     static bool toldToQuit() {
-        static std::string buffer;
         std::string line;
-        const int rc = readLineFrom(s_fromParent, buffer, 0, line);
+        const int rc = readLineFrom(s_fromParent, s_parentBuffer, 0, line);
         return rc < 0 || (rc == 1 && line == "quit");
     }
     // In the peer: one line to the parent.
@@ -283,6 +278,7 @@ private:
     std::vector<std::string> m_kept;
     static inline int s_fromParent = -1;
     static inline int s_toParent = -1;
+    static inline std::string s_parentBuffer;
 };
 
 // ----------------------------------------------------------- ports and URLs

@@ -244,25 +244,6 @@ TEST_F(TimerManagerTest, IdsStartAtOneAndTheSearchWrapsSkippingZeroAndRegistered
     EXPECT_EQ(set(kNever, 0), 3u);
 }
 
-// A due timer posts APARTMENT_TIMER with its node (null for an apartment
-// timer) and id, at once for a zero lag; timers due together all fire.
-TEST_F(TimerManagerTest, DueTimersPostTheirNodeAndId) {
-    const Clock::time_point start = Clock::now();
-    const unsigned int withNode = set(0, 0), withoutNode = set(0, 0, false);
-    std::set<LPARAM> fired;
-    for (int i = 0; i < 2; ++i) {
-        APARTMENT_TMSG msg{};
-        ASSERT_TRUE(m_apartment->posted().pop(msg, 3000));
-        EXPECT_EQ(msg.m_intMsg, APARTMENT_TIMER);
-        const bool node = msg.lParam == static_cast<LPARAM>(withNode);
-        EXPECT_EQ(msg.wParam, node ? reinterpret_cast<WPARAM>(static_cast<IApartmentNode*>(m_node)) : 0u);
-        if (msg.wParam != 0) reinterpret_cast<IApartmentNode*>(msg.wParam)->releaseRef();
-        fired.insert(msg.lParam);
-    }
-    EXPECT_LT(msSince(start), 1000);
-    EXPECT_EQ(fired, (std::set<LPARAM>{static_cast<LPARAM>(withNode), static_cast<LPARAM>(withoutNode)}));
-}
-
 // A periodic timer fires again only once re-armed; a single shot is never
 // re-armed (and stays registered until killed); a killed timer posts
 // nothing.
@@ -329,16 +310,6 @@ TEST_F(TimerManagerTest, ReferencesFollowInfosAndMessages) {
     reinterpret_cast<IApartmentNode*>(msg.wParam)->releaseRef();
 }
 
-TEST_F(TimerManagerTest, DestroyingAManagerWhoseThreadWaitsOnAnEmptyHeapIsPrompt) {
-    set(0, 0);
-    APARTMENT_TMSG msg{};
-    ASSERT_TRUE(nextFiring(msg, 3000));
-    sleepMs(50);  // the thread in its untimed wait
-    const Clock::time_point start = Clock::now();
-    m_manager.reset();
-    EXPECT_LT(msSince(start), 1000);
-}
-
 // No timer lock is held while posting or while a killed timer's references
 // go: a poster, or an apartment torn down by that release, may call back
 // into the manager.
@@ -365,18 +336,6 @@ TEST_F(TimerManagerTest, PostingAndReleasingMayCallBackIntoTheManager) {
     i.m_Apartment.release();
     EXPECT_TRUE(m_manager->killTimer(id));
     EXPECT_TRUE(killedOther);
-}
-
-TEST(TimerManagerSingleton, CreateOnceDestroyClears) {
-    EXPECT_EQ(CApartmentTimerManager::getUniqueApartmentTimerManager(), nullptr);
-    CApartmentTimerManager::createUniqueApartmentTimerManager();
-    CApartmentTimerManager* first = CApartmentTimerManager::getUniqueApartmentTimerManager();
-    ASSERT_NE(first, nullptr);
-    CApartmentTimerManager::createUniqueApartmentTimerManager();
-    EXPECT_EQ(CApartmentTimerManager::getUniqueApartmentTimerManager(), first);
-    CApartmentTimerManager::destroyUniqueApartmentTimerManager();
-    EXPECT_EQ(CApartmentTimerManager::getUniqueApartmentTimerManager(), nullptr);
-    CApartmentTimerManager::destroyUniqueApartmentTimerManager();
 }
 
 // ------------------------------------------------------------ message loop
@@ -765,7 +724,6 @@ public:
         EXPECT_TRUE(getApartmentUrlFromPortAddress(address, out));
         return out;
     }
-    CReference<IApartmentSink> sink(APARTMENT_SINK_TYPE type) { return createSink(type); }
 };
 
 TEST(ApartmentRegistry, TcpUrlAndAddressConversions) {
@@ -778,9 +736,6 @@ TEST(ApartmentRegistry, TcpUrlAndAddressConversions) {
     EXPECT_EQ(probe->url(nullptr), "tcp://0.0.0.0:0");
     EXPECT_EQ(probe->url(""), "tcp://0.0.0.0:0");
     EXPECT_EQ(probe->url("10.1.2.3:4567"), "tcp://10.1.2.3:4567");
-    for (APARTMENT_SINK_TYPE type : {LISTEN_SINK, CLIENT_SINK, SERVER_SINK})
-        EXPECT_EQ(probe->sink(type)->sinkType(), type);
-    EXPECT_TRUE(probe->sink(INVALID_SINK_TYPE).nil());
 }
 
 // ------------------------------------------------------------------- links

@@ -634,21 +634,6 @@ TEST_F(TcpSinkTest, AListenSinkCarriesNoFrames) {
     EXPECT_FALSE(m_listen->receiveFrame(type, nullptr, size));
 }
 
-TEST(TcpClientSink, ConnectingWhereNothingListensFailsWithinAboutASecond) {
-    CReference<IApartmentSink> client(new CTcpClientSink);
-    const std::string address = "127.0.0.1:" + std::to_string(freePort());
-    testing::internal::CaptureStdout();
-    const Clock::time_point start = Clock::now();
-    EXPECT_FALSE(client->initSink(nullptr, address.c_str()));
-    const long waited = msSince(start);
-    const std::string printed = testing::internal::GetCapturedStdout();
-    EXPECT_LT(waited, 3000);
-    EXPECT_TRUE(printed.empty() ||
-                printed == "[TcpApartment Error]: Can not connected to " + address + "\n")
-        << printed;
-    EXPECT_TRUE(client->isSinkClosed());
-}
-
 class FixedPortListenSink : public CTcpListenSink {
 public:
     explicit FixedPortListenSink(unsigned short port) : m_port(port) {}
