@@ -88,15 +88,16 @@ long long expected(Kind kind, int status) {
     return values[kind];
 }
 
-std::vector<Call> everyCall(unsigned int& id, CReference<Recorder>& node) {
-    static DWORD length = 0;
-    static unsigned int uintLength = 1;
-    static int code = 0;
-    static char byte = 'x';
+// The out-arguments of the calls; a failed call leaves g_id alone.
+unsigned int g_id = 0, g_length = 1;
+DWORD g_dwLength = 0;
+int g_code = 0;
+char g_byte = 'x';
+
+std::vector<Call> everyCall(IApartmentNodeCallback* cb) {
     const char* r = "tcp://127.0.0.1:1";
-    IApartmentNodeCallback* cb = node->node();
 #define CALL(kind, call) \
-    {#call, kind, [=, &id](const char* url, const char* m) { \
+    {#call, kind, [=](const char* url, const char* m) { \
          (void)url; \
          (void)m; \
          return static_cast<long long>(call); \
@@ -108,18 +109,18 @@ std::vector<Call> everyCall(unsigned int& id, CReference<Recorder>& node) {
         CALL(DISPATCH, apartment_dispatch_message(url, deadlineIn(0))),
         CALL(BOOL, apartment_stop_dispatch_message(url)),
         CALL(BOOL, apartment_allow_reentry(url, true)),
-        CALL(BOOL, apartment_local_url(url, r, false, nullptr, length)),
+        CALL(BOOL, apartment_local_url(url, r, false, nullptr, g_dwLength)),
         CALL(BOOL, apartment_connect_remote(url, r, false)),
         CALL(BOOL, apartment_has_connect_remote(url, r, false)),
         CALL(BOOL, apartment_disconnect_remote(url, r, false)),
         CALL(BOOL, apartment_node_create(url, "m")),
         CALL(BOOL, apartment_node_destroy(url, "n")),
         CALL(BOOL, apartment_node_set_callback(url, "n", cb)),
-        CALL(STATUS, apartment_raw_write(url, r, 5, &byte, uintLength)),
-        CALL(STATUS, apartment_node_write_request(m, "n", r, "m", &byte, 1, id)),
-        CALL(STATUS, apartment_node_write_notify(m, "n", r, "m", &byte, 1, id)),
-        CALL(STATUS, apartment_node_write_response(m, "n", r, "m", 1, 0, &byte, 1)),
-        CALL(STATUS, apartment_node_read_response(m, "n", 1, code, nullptr, uintLength, 0)),
+        CALL(STATUS, apartment_raw_write(url, r, 5, &g_byte, g_length)),
+        CALL(STATUS, apartment_node_write_request(m, "n", r, "m", &g_byte, 1, g_id)),
+        CALL(STATUS, apartment_node_write_notify(m, "n", r, "m", &g_byte, 1, g_id)),
+        CALL(STATUS, apartment_node_write_response(m, "n", r, "m", 1, 0, &g_byte, 1)),
+        CALL(STATUS, apartment_node_read_response(m, "n", 1, g_code, nullptr, g_length, 0)),
         CALL(TIMER, apartment_set_timer(url, nullptr, 10, 10)),
         CALL(TIMER, apartment_set_single_timer(url, "n", 10)),
         CALL(BOOL, apartment_kill_timer(url, nullptr, 1)),
@@ -133,9 +134,9 @@ std::vector<Call> everyCall(unsigned int& id, CReference<Recorder>& node) {
 void expectEveryCallFails(const char* url, const char* messagingUrl, int status,
                           bool inject = false) {
     SCOPED_TRACE(url != nullptr ? url : "(null)");
-    unsigned int id = 77;
+    g_id = 77;
     CReference<Recorder> node(new Recorder);
-    for (const Call& call : everyCall(id, node)) {
+    for (const Call& call : everyCall(node->node())) {
         long long result = 12345;
         bool threw = false;
         t_failLocks = inject;
@@ -148,7 +149,7 @@ void expectEveryCallFails(const char* url, const char* messagingUrl, int status,
         EXPECT_FALSE(threw) << call.name;
         EXPECT_EQ(result, expected(call.kind, status)) << call.name;
     }
-    EXPECT_EQ(id, 77u);
+    EXPECT_EQ(g_id, 77u);
 }
 
 TEST(ApiResults, EveryCallFailsBeforeInitialisationAndAfterUninitialisation) {
