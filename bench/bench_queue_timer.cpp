@@ -13,7 +13,7 @@
 #include "ApartmentTimerManager.h"
 #include "GroundKit/OS/OS_Clock.h"
 #include "MessageQueue.h"
-#include "fake_apartment.h"
+#include "TcpApartment.h"
 
 namespace {
 
@@ -66,13 +66,14 @@ void BM_TimerLatenessPeriodic(benchmark::State& state) {
     for (auto _ : state) {
         lateness.clear();
         lateness.reserve(static_cast<size_t>(kRunMs / kInterval + 1) * kTimers);
-        FakeApartment* apartment = new FakeApartment();
+        // An apartment that does not listen collects the firings.
+        IApartment* apartment = new CTcpApartment();
         auto* manager = new BenchTimerManager();
         std::vector<timespec> due(kTimers + 1);
         for (unsigned int i = 0; i < kTimers; ++i) {
             APARTMENT_TIMER_INFO info{};
             apartment->addRef();
-            info.m_Apartment = static_cast<IApartment*>(apartment);
+            info.m_Apartment = apartment;
             info.m_uintLagTime = kInterval + (bSpread ? i % kInterval : 0);
             info.m_uintInterval = kInterval;
             const unsigned int id = manager->setTimer(info);
@@ -84,7 +85,7 @@ void BM_TimerLatenessPeriodic(benchmark::State& state) {
         }
         const timespec end = OS::Clock::monotonicDeadline(kInterval + kRunMs);
         APARTMENT_TMSG msg{};
-        while (apartment->posted().pop(msg, 200)) {
+        while (apartment->getMessage(msg, OS::Clock::monotonicDeadline(200))) {
             const timespec now = OS::Clock::monotonicNow();
             const unsigned int id = static_cast<unsigned int>(msg.lParam);
             lateness.push_back(microsBetween(due[id], now));

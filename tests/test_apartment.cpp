@@ -14,7 +14,6 @@
 #include "MessageQueue.h"
 #include "TcpApartment.h"
 #include "TcpApartmentSink.h"
-#include "fake_apartment.h"
 #include "support.h"
 
 using namespace aptest;
@@ -188,17 +187,35 @@ public:
 
 const unsigned int kNever = 60000;  // a lag no test waits for
 
+// An apartment that does not listen, where the manager posts its firings;
+// it can run a hook as each is posted, and one as its last reference goes.
+class HookedApartment : public CTcpApartment {
+public:
+    std::function<void(const APARTMENT_TMSG&)> onPost;
+    std::function<void()> onFinal;
+    void postMessage(const APARTMENT_TMSG& msg) override {
+        if (onPost) onPost(msg);
+        CTcpApartment::postMessage(msg);
+    }
+    void onFinalRelease() override {
+        if (onFinal) onFinal();
+        CTcpApartment::onFinalRelease();
+    }
+};
+
 class TimerManagerTest : public ::testing::Test {
 protected:
+    TimerManagerTest() {
+        apartment()->createApartmentNode("n");
+        m_node = apartment()->findApartmentNode("n");
+    }
+    IApartment* apartment() { return m_apartment; }
     // The info holds its own references; the test keeps the first ones.
     APARTMENT_TIMER_INFO info(unsigned int lag, unsigned int interval, bool withNode = true) {
         APARTMENT_TIMER_INFO result{};
-        m_apartment->addRef();
-        result.m_Apartment = static_cast<IApartment*>(m_apartment);
-        if (withNode) {
-            m_node->addRef();
-            result.m_ApartmentNode = static_cast<IApartmentNode*>(m_node);
-        }
+        apartment()->addRef();
+        result.m_Apartment = apartment();
+        if (withNode) result.m_ApartmentNode = m_node;  // a copy: one more
         result.m_uintLagTime = lag;
         result.m_uintInterval = interval;
         return result;
@@ -210,7 +227,7 @@ protected:
     // Pops one firing and releases the node reference it carries, as
     // dispatch does.
     bool nextFiring(APARTMENT_TMSG& msg, int ms) {
-        if (!m_apartment->posted().pop(msg, ms)) return false;
+        if (!apartment()->getMessage(msg, OS::Clock::deadlineAfter(ms))) return false;
         if (msg.wParam != 0) reinterpret_cast<IApartmentNode*>(msg.wParam)->releaseRef();
         return true;
     }
@@ -219,14 +236,14 @@ protected:
         APARTMENT_TMSG msg{};
         while (nextFiring(msg, 0)) {
         }
-        EXPECT_EQ(m_apartment->refCount(), 1u);
-        EXPECT_EQ(m_node->refCount(), 1u);
-        m_apartment->releaseRef();
-        m_node->releaseRef();
+        EXPECT_EQ(countOf(apartment()), 1u);
+        EXPECT_EQ(countOf(m_node), 2u);  // the test's and the apartment's
+        m_node = nullptr;
+        apartment()->releaseRef();
     }
 
-    FakeApartment* m_apartment = new FakeApartment();
-    FakeNode* m_node = new FakeNode();
+    HookedApartment* m_apartment = new HookedApartment();
+    CReference<IApartmentNode> m_node;
     std::unique_ptr<TestTimerManager> m_manager{new TestTimerManager()};
 };
 
@@ -288,11 +305,11 @@ TEST_F(TimerManagerTest, ReferencesFollowInfosAndMessages) {
     {
         APARTMENT_TIMER_INFO i = info(kNever, 0);
         const unsigned int id = m_manager->setTimer(i);
-        EXPECT_EQ(m_apartment->refCount(), 3u);  // test, local info, registered info
-        EXPECT_EQ(m_node->refCount(), 3u);
+        EXPECT_EQ(countOf(apartment()), 3u);  // test, local info, registered info
+        EXPECT_EQ(countOf(m_node), 4u);       // and the apartment's
         EXPECT_TRUE(m_manager->killTimer(id));
-        EXPECT_EQ(m_apartment->refCount(), 2u);
-        EXPECT_EQ(m_node->refCount(), 2u);
+        EXPECT_EQ(countOf(apartment()), 2u);
+        EXPECT_EQ(countOf(m_node), 3u);
     }
     // A firing left undispatched keeps one node reference; destroying the
     // manager drops those of the registered infos, promptly although its
@@ -300,13 +317,13 @@ TEST_F(TimerManagerTest, ReferencesFollowInfosAndMessages) {
     set(0, 0);
     set(kNever, 10);
     APARTMENT_TMSG msg{};
-    ASSERT_TRUE(m_apartment->posted().pop(msg, 3000));
+    ASSERT_TRUE(apartment()->getMessage(msg, deadlineIn(3000)));
     sleepMs(50);
     const Clock::time_point start = Clock::now();
     m_manager.reset();
     EXPECT_LT(msSince(start), 1000);
-    EXPECT_EQ(m_apartment->refCount(), 1u);
-    EXPECT_EQ(m_node->refCount(), 2u);
+    EXPECT_EQ(countOf(apartment()), 1u);
+    EXPECT_EQ(countOf(m_node), 3u);
     reinterpret_cast<IApartmentNode*>(msg.wParam)->releaseRef();
 }
 
@@ -316,19 +333,18 @@ TEST_F(TimerManagerTest, ReferencesFollowInfosAndMessages) {
 TEST_F(TimerManagerTest, PostingAndReleasingMayCallBackIntoTheManager) {
     std::atomic<int> killed{0};
     TestTimerManager* manager = m_manager.get();
-    m_apartment->onPost([manager, &killed](const APARTMENT_TMSG& msg) {
+    m_apartment->onPost = [manager, &killed](const APARTMENT_TMSG& msg) {
         if (manager->killTimer(static_cast<unsigned int>(msg.lParam))) ++killed;
-    });
+    };
     set(0, 10);
     APARTMENT_TMSG msg{};
     ASSERT_TRUE(nextFiring(msg, 3000));
     EXPECT_EQ(killed.load(), 1);
-    m_apartment->onPost(nullptr);
 
     const unsigned int other = set(kNever, 0);
-    FakeApartment* doomed = new FakeApartment();
+    HookedApartment* doomed = new HookedApartment();
     bool killedOther = false;
-    doomed->onFinal([manager, other, &killedOther] { killedOther = manager->killTimer(other); });
+    doomed->onFinal = [manager, other, &killedOther] { killedOther = manager->killTimer(other); };
     APARTMENT_TIMER_INFO i{};
     i.m_Apartment = static_cast<IApartment*>(doomed);  // adopts the only reference
     i.m_uintLagTime = kNever;
