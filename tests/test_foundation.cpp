@@ -839,9 +839,9 @@ TEST(Socket, AttachRefusesMinusOneAndASecondDescriptor) {
     OS::Socket::close(second, USE_STD);
 }
 
-// The wildcard and a text that is no address bind the same wildcard; a
-// busy port fails with one line naming the error.
-TEST(Socket, BindToTheWildcardOrABusyPort) {
+// The wildcard and a text that is no address bind the same wildcard (a
+// busy port: see TcpListenSink).
+TEST(Socket, BindToTheWildcard) {
     for (const char* text : {"0.0.0.0", "not-an-address"}) {
         CSocket socket;
         ASSERT_TRUE(socket.initSocket(SOCK_STREAM, text, 0, USE_DEFAULT)) << text;
@@ -851,15 +851,6 @@ TEST(Socket, BindToTheWildcardOrABusyPort) {
         EXPECT_EQ(ip, "0.0.0.0") << text;
         EXPECT_NE(port, 0) << text;
     }
-    CSocket holder;
-    const USHORT port = listenOnAnyPort(holder, 1);
-    ASSERT_NE(port, 0);
-
-    CSocket second;
-    testing::internal::CaptureStdout();
-    EXPECT_FALSE(second.initSocket(SOCK_STREAM, "127.0.0.1", port, USE_DEFAULT));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Bind failed, error code: " + std::to_string(EADDRINUSE) + "\n");
 }
 
 TEST(Socket, ConnectWhereNothingListensStartsThenFails) {
@@ -1009,18 +1000,4 @@ TEST(Socket, ReadableAndWritableWaitsAreBounded) {
     EXPECT_EQ(error, EBADF);
     EXPECT_FALSE(empty.readyToWrite(5000, nullptr));
     EXPECT_LT(msSince(start), 1000);
-}
-
-TEST(Socket, ReferenceCountedObjectClosesOnLastRelease) {
-    CSocket* socket = new CSocket;
-    ASSERT_TRUE(socket->initSocket(SOCK_STREAM, "127.0.0.1", 0, USE_DEFAULT));
-    const int fd = socket->getSockFd();
-    void* asBase = nullptr;
-    ASSERT_TRUE(socket->queryInterface("ISocket", &asBase));
-    EXPECT_EQ(socket->releaseRef(), 1UL);
-    EXPECT_EQ(socket->releaseRef(), 0UL);
-    // The descriptor is closed: fcntl-free check through the platform.
-    int type = 0;
-    socklen_t length = sizeof type;
-    EXPECT_EQ(OS::Socket::getSockOpt(fd, SOL_SOCKET, SO_TYPE, &type, &length, USE_STD), -1);
 }

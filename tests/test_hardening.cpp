@@ -29,6 +29,19 @@ protected:
         apartment_set_callback(nullptr, m_apartment->apartment());
         return url;
     }
+    // Pumps until `peer` writes a line or `ms` pass: the line, and in
+    // `longest` the longest single dispatch call meanwhile, in ms.
+    static std::string lineAndLongestDispatch(Peer& peer, long ms, long long& longest) {
+        std::string line;
+        longest = 0;
+        for (const long long until = nowMs() + ms; line.empty() && nowMs() < until;) {
+            const long long start = nowMs();
+            apartment_dispatch_message(nullptr, deadlineIn(20));
+            longest = std::max(longest, nowMs() - start);
+            line = peer.readLine(0);
+        }
+        return line;
+    }
     CReference<Recorder> m_echo;
     CReference<Recorder> m_apartment;
 };
@@ -38,9 +51,13 @@ protected:
 // ------------------------------------------------------------ links ending
 
 // However a link ends, every node hears that its peer went, once per link,
-// the link is forgotten, and no thread spins over the remains.
-enum class LinkEnd { PeerDisconnects, PeerKilledIdle, PeerKilledMidStream, PeerStopsBothLinks,
-                     KilledMidFrame, HalfHeaderThenClose };
+// the link is forgotten, and no thread spins over the remains. A read
+// waiting when the peer dies ends by its time-out, hearing the notice
+// meanwhile; a link lost while re-entry is refused is noticed once it is
+// allowed again.
+enum class LinkEnd { PeerDisconnects, PeerKilledIdle, PeerKilledMidStream, PeerKilledDuringARead,
+                     PeerKilledWhileReentryIsRefused, PeerStopsBothLinks, KilledMidFrame,
+                     HalfHeaderThenClose };
 struct LinkEndCase {
     const char* name;
     LinkEnd end;
@@ -48,8 +65,7 @@ struct LinkEndCase {
 void PrintTo(const LinkEndCase& c, std::ostream* os) { *os << c.name; }
 
 bool standardPeer(LinkEnd end) {
-    return end == LinkEnd::PeerKilledIdle || end == LinkEnd::PeerKilledMidStream ||
-           end == LinkEnd::PeerStopsBothLinks;
+    return end != LinkEnd::PeerDisconnects && end < LinkEnd::KilledMidFrame;
 }
 
 // The standard peer, which tells its URL at once; or a peer that learns the
@@ -127,6 +143,32 @@ TEST_P(LinkEndTest, EveryNodeHearsItOnceAndNothingSpins) {
             EXPECT_LT(longest, 1000);
             break;
         }
+        case LinkEnd::PeerKilledDuringARead: {
+            unsigned int id = 0;
+            ASSERT_EQ(apartment_node_write_request(nullptr, "a", remote.c_str(), "nobody", nullptr,
+                                                   0, id),
+                      0);
+            std::thread killer([&] {
+                sleepMs(300);
+                peer.signal(SIGKILL);
+            });
+            int code = 0;
+            unsigned int size = 0;
+            const Clock::time_point start = Clock::now();
+            EXPECT_EQ(apartment_node_read_response(nullptr, "a", id, code, nullptr, size, 2000), -4);
+            EXPECT_LT(msSince(start), 3000);
+            killer.join();
+            EXPECT_EQ(a->offline().size(), 1u);
+            break;
+        }
+        case LinkEnd::PeerKilledWhileReentryIsRefused:
+            ASSERT_TRUE(apartment_allow_reentry(nullptr, false));
+            peer.kill();
+            pumpFor(500);
+            EXPECT_TRUE(a->offline().empty());
+            EXPECT_TRUE(apartment_has_connect_remote(nullptr, remote.c_str(), false));
+            ASSERT_TRUE(apartment_allow_reentry(nullptr, true));
+            break;
         case LinkEnd::PeerStopsBothLinks:
             ASSERT_TRUE(apartment_connect_remote(nullptr, remote.c_str(), true));
             pumpFor(200);
@@ -147,61 +189,14 @@ TEST_P(LinkEndTest, EveryNodeHearsItOnceAndNothingSpins) {
     EXPECT_LT(cpuWhilePumping(500), 0.2);
 }
 
+#define ROW(end) LinkEndCase{#end, LinkEnd::end}
 INSTANTIATE_TEST_SUITE_P(
     Links, LinkEndTest,
-    ::testing::Values(LinkEndCase{"PeerDisconnects", LinkEnd::PeerDisconnects},
-                      LinkEndCase{"PeerKilledIdle", LinkEnd::PeerKilledIdle},
-                      LinkEndCase{"PeerKilledMidStream", LinkEnd::PeerKilledMidStream},
-                      LinkEndCase{"PeerStopsBothLinks", LinkEnd::PeerStopsBothLinks},
-                      LinkEndCase{"KilledMidFrame", LinkEnd::KilledMidFrame},
-                      LinkEndCase{"HalfHeaderThenClose", LinkEnd::HalfHeaderThenClose}),
+    ::testing::Values(ROW(PeerDisconnects), ROW(PeerKilledIdle), ROW(PeerKilledMidStream),
+                      ROW(PeerKilledDuringARead), ROW(PeerKilledWhileReentryIsRefused),
+                      ROW(PeerStopsBothLinks), ROW(KilledMidFrame), ROW(HalfHeaderThenClose)),
     [](const ::testing::TestParamInfo<LinkEndCase>& info) { return info.param.name; });
-
-// A link lost while re-entry is refused is noticed only once it is allowed
-// again.
-TEST_F(HostTest, ALostLinkWaitsForReentryToBeAllowed) {
-    Peer peer([] { return servePeer(); });
-    const std::string remote = peer.readLine(5000);
-    ASSERT_FALSE(startHost().empty());
-    CReference<Recorder> node = addNode("n");
-    ASSERT_EQ(requestAndRead("n", remote, "echo", "", 3000), "");
-    ASSERT_TRUE(apartment_allow_reentry(nullptr, false));
-    peer.kill();
-    pumpFor(500);
-    EXPECT_TRUE(node->offline().empty());
-    EXPECT_TRUE(apartment_has_connect_remote(nullptr, remote.c_str(), false));
-    ASSERT_TRUE(apartment_allow_reentry(nullptr, true));
-    EXPECT_TRUE(pumpUntil([&] { return !node->offline().empty(); }, 5000));
-    EXPECT_FALSE(apartment_has_connect_remote(nullptr, remote.c_str(), false));
-}
-
-// The requester is inside apartment_node_read_response (pumping its own
-// queue) when the responder dies: the read ends by its time-out, not later,
-// and the offline notice is dispatched during it.
-TEST_F(HostTest, APeerKilledDuringAReadEndsTheReadByItsTimeOut) {
-    Peer peer([] {
-        PeerOptions silent;
-        silent.answer = false;
-        return servePeer(silent);
-    });
-    const std::string remote = peer.readLine(5000);
-    ASSERT_FALSE(startHost().empty());
-    CReference<Recorder> node = addNode("client");
-    unsigned int id = 0;
-    char data[] = "silent";
-    ASSERT_EQ(apartment_node_write_request(nullptr, "client", remote.c_str(), "echo", data, 6, id), 0);
-    std::thread killer([&] {
-        sleepMs(300);
-        peer.signal(SIGKILL);
-    });
-    int code = 0;
-    unsigned int size = 0;
-    const Clock::time_point start = Clock::now();
-    EXPECT_EQ(apartment_node_read_response(nullptr, "client", id, code, nullptr, size, 2000), -4);
-    EXPECT_LT(msSince(start), 3000);
-    killer.join();
-    EXPECT_TRUE(node->heardOffline(remote));
-}
+#undef ROW
 
 // Once the close notice has been dispatched, the next request opens a new
 // link to whoever listens on the URL now.
@@ -309,16 +304,9 @@ TEST_F(HostTest, StalledHandshakesAreDroppedWhileAnotherRequesterIsServed) {
     }
     sleepMs(100);  // the listen thread queues the stalling links first
     requester.tell(url);
-    std::string answer;
     long long longest = 0;
-    for (const long long until = nowMs() + 8000; answer.empty() && nowMs() < until;) {
-        const long long start = nowMs();
-        apartment_dispatch_message(nullptr, deadlineIn(20));
-        longest = std::max(longest, nowMs() - start);
-        answer = requester.readLine(0);
-    }
+    EXPECT_EQ(lineAndLongestDispatch(requester, 8000, longest).substr(0, 5), "ping ");
     EXPECT_LT(longest, 1600);
-    EXPECT_EQ(answer.substr(0, 5), "ping ");
     EXPECT_EQ(requester.wait(3000), 0);
 }
 
@@ -570,14 +558,7 @@ TEST_F(HostTest, RepliesToUnreachableSourcesDoNotStallTheDispatcher) {
     ASSERT_FALSE(url.empty());
     flooder.tell(url);
     long long longest = 0;
-    std::string done;
-    for (const long long until = nowMs() + 15000; done.empty() && nowMs() < until;) {
-        const long long start = nowMs();
-        apartment_dispatch_message(nullptr, deadlineIn(20));
-        longest = std::max(longest, nowMs() - start);
-        done = flooder.readLine(0);
-    }
-    EXPECT_EQ(done, "done");
+    EXPECT_EQ(lineAndLongestDispatch(flooder, 15000, longest), "done");
     EXPECT_EQ(m_echo->requestCount(), 100u);
     // Far below the 1000 ms a connect on the dispatcher would cost, with
     // room for a shared machine and the sanitizers.

@@ -274,8 +274,6 @@ TEST(ApartmentSink, TheEndsOfOneLinkCompareEqual) {
 
 // --------------------------------------------------------------- TCP sinks
 
-Bytes header(unsigned int type, unsigned int size) { return frameHeader(type, size); }
-
 // Waits (bounded) for a whole frame: asks for its size, then takes it.
 bool receiveWhole(CTcpApartmentSink* sink, unsigned int& type, Bytes& out, long ms) {
     for (const Clock::time_point start = Clock::now(); msSince(start) < ms;) {
@@ -292,17 +290,7 @@ bool receiveWhole(CTcpApartmentSink* sink, unsigned int& type, Bytes& out, long 
 }
 
 // Sends raw bytes through a socket, waiting (bounded) while it is full.
-bool rawSendAll(CSocket& socket, const Bytes& bytes) {
-    size_t sent = 0;
-    for (const Clock::time_point start = Clock::now(); sent < bytes.size() && msSince(start) < 5000;) {
-        const int n = socket.send(bytes.data() + sent, static_cast<int>(bytes.size() - sent), 0);
-        if (n > 0)
-            sent += static_cast<size_t>(n);
-        else
-            socket.readyToWrite(50, nullptr);
-    }
-    return sent == bytes.size();
-}
+bool rawSendAll(CSocket& socket, const Bytes& bytes) { return sendAll(socket.getSockFd(), bytes, 5000); }
 
 // A listen sink on 127.0.0.1 with a random port (retried, since the one
 // drawn port may be taken), and links accepted through it.
@@ -513,7 +501,7 @@ TEST(TcpSinkWrites, EachFrameGoesOutInOneWrite) {
         return records;
     };
     auto frameOf = [](const Bytes& head, const Bytes& tail) {
-        Bytes bytes = header(9, static_cast<unsigned int>(head.size() + tail.size()));
+        Bytes bytes = frameHeader(9, static_cast<unsigned int>(head.size() + tail.size()));
         bytes.insert(bytes.end(), head.begin(), head.end());
         bytes.insert(bytes.end(), tail.begin(), tail.end());
         return std::vector<Bytes>{bytes};
@@ -535,7 +523,7 @@ TEST(TcpSinkBuffers, FramesCutAnywhereByTheTransportArriveWholeAndInOrder) {
     Bytes stream;
     std::vector<size_t> headerEnds;
     for (unsigned int i = 0; i < sizes.size(); ++i) {
-        const Bytes head = header(i, sizes[i]), body = pattern(sizes[i], i);
+        const Bytes head = frameHeader(i, sizes[i]), body = pattern(sizes[i], i);
         stream.insert(stream.end(), head.begin(), head.end());
         headerEnds.push_back(stream.size());
         stream.insert(stream.end(), body.begin(), body.end());
@@ -596,9 +584,9 @@ TEST(TcpSinkBuffers, AHeaderAboveTheMaximumIsRefusedBeforeAnythingIsAllocated) {
     SocketPair pair(SOCK_STREAM);
     ASSERT_TRUE(pair.ok());
     pair.sink->setMaxFrameSize(1000);
-    ASSERT_TRUE(rawSendAll(pair.peer, header(1, 1000)));  // at the maximum: fine
+    ASSERT_TRUE(rawSendAll(pair.peer, frameHeader(1, 1000)));  // at the maximum: fine
     ASSERT_TRUE(rawSendAll(pair.peer, pattern(1000, 1)));
-    ASSERT_TRUE(rawSendAll(pair.peer, header(1, 0x7FFFFFF0)));
+    ASSERT_TRUE(rawSendAll(pair.peer, frameHeader(1, 0x7FFFFFF0)));
     ASSERT_EQ(pair.sink->readAvailable(), CTcpApartmentSink::READ_DATA);
     unsigned int type = 0, size = 0;
     char* payload = nullptr;
@@ -613,7 +601,7 @@ TEST(TcpSinkBuffers, AHeaderAboveTheMaximumIsRefusedBeforeAnythingIsAllocated) {
     SocketPair rt(SOCK_STREAM);
     ASSERT_TRUE(rt.ok());
     rt.sink->setRTConnection(true);
-    ASSERT_TRUE(rawSendAll(rt.peer, header(7, CTcpApartmentSink::RT_MAX_FRAME_SIZE + 1)));
+    ASSERT_TRUE(rawSendAll(rt.peer, frameHeader(7, CTcpApartmentSink::RT_MAX_FRAME_SIZE + 1)));
     ASSERT_EQ(rt.sink->readAvailable(), CTcpApartmentSink::READ_DATA);
     EXPECT_EQ(rt.sink->nextFrame(type, payload, size), CTcpApartmentSink::FRAME_TOO_LARGE);
     // And a local write above a link's maximum fails before a byte leaves.
@@ -690,22 +678,6 @@ TEST_F(TcpSinkTest, TheLocalUrlNamesTheLinksConcreteAddress) {
     client->setLocalApartmentUrl("tcp://10.0.0.1:1");
     CApartmentSinkHelper::getLocalApartmentUrl(client, url);
     EXPECT_EQ(url, "tcp://10.0.0.1:1");
-}
-
-TEST(TcpSinkAddress, ResolveAndMake) {
-    std::string ip, out;
-    unsigned short port = 99;
-    CTcpApartmentSink::resolveSinkAddress("10.0.0.1", ip, port);
-    EXPECT_EQ(ip, "10.0.0.1");
-    EXPECT_EQ(port, 0);
-    CTcpApartmentSink::resolveSinkAddress("10.0.0.1:65537", ip, port);
-    EXPECT_EQ(port, 1);  // cut to 16 bits
-    CTcpApartmentSink::makeSinkAddress("", 0, out);
-    EXPECT_EQ(out, "127.0.0.1");
-    CTcpApartmentSink::makeSinkAddress("10.0.0.1", 80, out);
-    EXPECT_EQ(out, "10.0.0.1:80");
-    CTcpApartmentSink::makeSinkAddress(std::string(100, '1'), 80, out);
-    EXPECT_EQ(out.size(), 63u);
 }
 
 // Writers of one link are coalesced into shared writes: their bytes must
