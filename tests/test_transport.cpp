@@ -7,6 +7,7 @@
 
 #include "ApartmentSink.h"
 #include "FieldKit/BoundedStream/AbstractStream.h"
+#include "TcpApartment.h"
 #include "TcpApartmentSink.h"
 #include "support.h"
 
@@ -612,6 +613,38 @@ TEST(TcpSinkBuffers, AHeaderAboveTheMaximumIsRefusedBeforeAnythingIsAllocated) {
     EXPECT_EQ(rt.peer.receive(&peek, 1, MSG_DONTWAIT), -1);
     EXPECT_EQ(pair.peer.receive(&peek, 1, MSG_DONTWAIT), -1);
     EXPECT_FALSE(pair.sink->isExpectSinkClosed());
+}
+
+// One pass of a communication thread takes at most MAX_FRAMES_PER_PASS
+// frames from a link, so that a flooding link cannot starve the others;
+// the next passes serve the rest at once, without waiting on the socket,
+// where nothing more will come.
+TEST(TcpApartment, APassTakesABoundedShareOfALinkAndTheNextOnesTheRestAtOnce) {
+    struct Probe : CTcpApartment {
+        using CTcpApartment::waitFrameOnSinks;
+    };
+    CReference<Probe> apartment(new Probe);
+    SocketPair pair(SOCK_STREAM);
+    ASSERT_TRUE(pair.ok());
+    constexpr unsigned int frames = 2 * CTcpApartment::MAX_FRAMES_PER_PASS + 7;
+    Bytes burst;
+    for (unsigned int i = 0; i < frames; ++i) {
+        const Bytes one = frame(99, pattern(100, i).data(), 100);
+        burst.insert(burst.end(), one.begin(), one.end());
+    }
+    ASSERT_TRUE(rawSendAll(pair.peer, burst));
+    IApartmentSink* sinks[] = {pair.sink};
+    for (unsigned int left = frames; left > 0;) {
+        const Clock::time_point start = Clock::now();
+        apartment->waitFrameOnSinks(sinks, 1, 2000);
+        EXPECT_LT(msSince(start), 1000);
+        unsigned int taken = 0;
+        for (APARTMENT_TMSG msg; apartment->getMessage(msg, deadlineIn(0)); ++taken)
+            apartment->dispatchMessage(msg);
+        const unsigned int share = CTcpApartment::MAX_FRAMES_PER_PASS;
+        ASSERT_EQ(taken, std::min(left, share));
+        left -= taken;
+    }
 }
 
 TEST_F(TcpSinkTest, AListenSinkCarriesNoFrames) {
