@@ -7,6 +7,7 @@
 
 #include "FieldKit/BoundedStream/AbstractStream.h"
 #include "FieldKit/Environment/EndianType.h"
+#include "GroundKit/OS/OS_CLibrary.h"
 #include "GroundKit/OS/OS_UTF8Helper.h"
 
 namespace {
@@ -14,14 +15,6 @@ namespace {
 typedef CAbstractStream::CStreamException StreamException;
 
 [[noreturn]] void fail(int32_t iCode) { throw new StreamException(iCode); }
-
-bool isAsciiText(const char* pText, size_t length) {
-    for (size_t i = 0; i < length; ++i) {
-        const unsigned char byte = static_cast<unsigned char>(pText[i]);
-        if (byte == 0 || byte >= 0x80) return false;
-    }
-    return true;
-}
 
 // Fields are written straight into one exactly sized array and read straight
 // out of the received buffer, with the encodings of the serialisation
@@ -41,7 +34,7 @@ public:
     }
     // The sender's own URL: carried as UTF-8.
     void localText(std::string_view text) {
-        if (isAsciiText(text.data(), text.size())) {
+        if (OS::CLibrary::String::isAsciiText(text.data(), text.size())) {
             m_texts[m_count++] = Text{text.data(), text.size()};
         } else {
             m_converted = OS::UTF8Helper::oemToUTF8(std::string(text));
@@ -118,7 +111,7 @@ public:
     bool text(std::string& value) {
         uint32_t length = 0;
         if (!u32(length) || length > m_left) return false;
-        if (isAsciiText(m_p, length))
+        if (OS::CLibrary::String::isAsciiText(m_p, length))
             value.assign(m_p, length);
         else
             value = OS::UTF8Helper::oemFromUTF8(std::string(m_p, length).c_str());

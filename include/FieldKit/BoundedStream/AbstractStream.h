@@ -81,7 +81,7 @@ public:
     CAbstractStream& operator<<(const std::string& value) {
         // ASCII reads the same in every code page the conversion knows, so
         // the common case (URLs) skips it.
-        if (isAsciiText(value.data(), value.size())) return writeText(value.data(), value.size());
+        if (OS::CLibrary::String::isAsciiText(value.data(), value.size())) return writeText(value.data(), value.size());
         const std::string utf8 = OS::UTF8Helper::oemToUTF8(value);
         return writeText(utf8.data(), utf8.size());
     }
@@ -121,7 +121,7 @@ public:
         if (!enoughReadable(length)) throwException(CStreamException::NOT_ENOUGH_SPACE);
         std::string utf8(length, '\0');
         if (length != 0) readObject(&utf8[0], length);
-        if (isAsciiText(utf8.data(), utf8.size()))
+        if (OS::CLibrary::String::isAsciiText(utf8.data(), utf8.size()))
             value.swap(utf8);  // the same in every code page: no conversion
         else
             value = OS::UTF8Helper::oemFromUTF8(utf8.c_str());
@@ -144,16 +144,6 @@ protected:
     }
 
 private:
-    // No byte of 0x80 or above, and no zero byte (which the conversion
-    // would take as the end of the text).
-    static bool isAsciiText(const char* pText, size_t length) {
-        for (size_t i = 0; i < length; ++i) {
-            const unsigned char byte = static_cast<unsigned char>(pText[i]);
-            if (byte == 0 || byte >= 0x80) return false;
-        }
-        return true;
-    }
-
     template <class T>
     CAbstractStream& writeValue(T value) {
         if (!enoughWritable(sizeof value)) throwException(CStreamException::NOT_ENOUGH_SPACE);

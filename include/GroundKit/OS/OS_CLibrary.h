@@ -3,6 +3,7 @@
 #define GROUNDKIT_OS_OS_CLIBRARY_H
 
 #include <cstdarg>
+#include <cstddef>
 
 #include "os_text.h"
 
@@ -19,6 +20,16 @@ public:
     // True when every byte is below 0x80; false for null.
     static bool isAscii(const char* strVarName1) {
         return os_clibrary_string_is_ascii(strVarName1) != 0;
+    }
+    // True when the bytes are the same text in every code page: none of
+    // 0x80 or above, and no zero byte (which a conversion would take as the
+    // end of the text).
+    static bool isAsciiText(const char* pText, size_t length) {
+        for (size_t i = 0; i < length; ++i) {
+            const unsigned char byte = static_cast<unsigned char>(pText[i]);
+            if (byte == 0 || byte >= 0x80) return false;
+        }
+        return true;
     }
 };
 
