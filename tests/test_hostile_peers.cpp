@@ -279,12 +279,19 @@ TEST_F(HostileTest, ABurstLargerThanOnePassIsServedWithoutWaitingForMore) {
     });
     const std::string url = startHost();
     ASSERT_FALSE(url.empty());
+    // The data reaches the node where it lies in the frame, and aligned.
+    std::atomic<int> misaligned{0};
+    m_node->onRequest = [&](const char*, const char*, unsigned int, const void* data,
+                            unsigned int, bool) {
+        if (reinterpret_cast<uintptr_t>(data) % alignof(std::max_align_t) != 0) ++misaligned;
+    };
     peer.tell(url);
     const long long start = nowMs();
     const bool all = pumpUntil([&] { return m_node->requests.load() == frames; }, 2000);
     printf("[figure] burst of %d notifications in one write: %d served in %lld ms\n", frames,
            m_node->requests.load(), nowMs() - start);
     EXPECT_TRUE(all);
+    EXPECT_EQ(misaligned.load(), 0);
     peer.tell("done");
     EXPECT_EQ(peer.wait(3000), 0);
 }
