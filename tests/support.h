@@ -19,7 +19,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -376,6 +379,7 @@ public:
     void onRequestReceived(const char* srcApartment, const char* srcNode, const char* dstApartment,
                            const char* dstNode, unsigned int id, const void* data,
                            unsigned int size, bool needsAnswer) override {
+        if (reinterpret_cast<uintptr_t>(data) % alignof(std::max_align_t) != 0) ++misaligned;
         Request r{srcApartment, srcNode, dstApartment, dstNode, id,
                   data != nullptr ? std::string(static_cast<const char*>(data), size) : "",
                   needsAnswer};
@@ -394,6 +398,7 @@ public:
     std::vector<unsigned int> timers() const { return get(m_timers); }
     std::vector<Raw> raw() const { return get(m_raw); }
     size_t requestCount() const { return requests().size(); }
+    std::atomic<int> misaligned{0};  // requests whose data the host got unaligned
     bool heardOffline(const std::string& url) const {
         const std::vector<std::string> all = offline();
         return std::find(all.begin(), all.end(), url) != all.end();

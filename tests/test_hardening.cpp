@@ -482,6 +482,7 @@ TEST_F(HostTest, ABurstLargerThanOnePassIsServedWithoutWaitingForMore) {
     });
     peer.tell(startHost());
     EXPECT_TRUE(pumpUntil([&] { return m_echo->requestCount() == frames; }, 2000));
+    EXPECT_EQ(m_echo->misaligned.load(), 0);  // read where it lies in the frame, and aligned
     peer.tell("done");
     EXPECT_EQ(peer.wait(3000), 0);
 }

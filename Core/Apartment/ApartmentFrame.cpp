@@ -1,5 +1,7 @@
 #include "ApartmentFrame.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <new>
 
@@ -17,10 +19,10 @@ CApartmentFrame::CApartmentFrame(unsigned int uintFrameType, unsigned int uintFr
       m_bOwnsBuffer(true) {}
 
 CApartmentFrame::CApartmentFrame(unsigned int uintFrameType, unsigned int uintFrameSize,
-                                 InlinePayload)
+                                 InlinePayload, char* pPayload)
     : m_uintFrameType(uintFrameType),
       m_uintFrameSize(uintFrameSize),
-      m_pFrameBuffer(uintFrameSize != 0 ? reinterpret_cast<char*>(this + 1) : nullptr),
+      m_pFrameBuffer(uintFrameSize != 0 ? pPayload : nullptr),
       m_bOwnsBuffer(false) {}
 
 CApartmentFrame::~CApartmentFrame() {
@@ -28,10 +30,17 @@ CApartmentFrame::~CApartmentFrame() {
 }
 
 CApartmentFrame* CApartmentFrame::createCopy(unsigned int uintFrameType,
-                                             unsigned int uintFrameSize, const char* pPayload) {
-    void* memory = ::operator new(sizeof(CApartmentFrame) + uintFrameSize, std::nothrow);
+                                             unsigned int uintFrameSize, const char* pPayload,
+                                             unsigned int uintAlignedAt) {
+    const size_t alignment = alignof(std::max_align_t);
+    void* memory =
+        ::operator new(sizeof(CApartmentFrame) + alignment + uintFrameSize, std::nothrow);
     if (memory == nullptr) return nullptr;
-    CApartmentFrame* frame = new (memory) CApartmentFrame(uintFrameType, uintFrameSize, InlinePayload());
+    const uintptr_t end = reinterpret_cast<uintptr_t>(memory) + sizeof(CApartmentFrame);
+    const uintptr_t target = end + uintAlignedAt;
+    const uintptr_t payload = (target + alignment - 1) / alignment * alignment - uintAlignedAt;
+    CApartmentFrame* frame = new (memory) CApartmentFrame(
+        uintFrameType, uintFrameSize, InlinePayload(), reinterpret_cast<char*>(payload));
     if (uintFrameSize != 0) std::memcpy(frame->m_pFrameBuffer, pPayload, uintFrameSize);
     return frame;
 }

@@ -22,9 +22,11 @@ public:
 
     // A frame holding a copy of the uintFrameSize bytes at pPayload, in one
     // allocation with the object (what a small frame costs per arrival);
-    // null when there is no memory. Count 1, as from new.
+    // null when there is no memory. Count 1, as from new. The copy is placed
+    // so that its byte uintAlignedAt (a request's or response's data, say)
+    // sits on a max_align_t boundary, where a host may read it in place.
     static CApartmentFrame* createCopy(unsigned int uintFrameType, unsigned int uintFrameSize,
-                                       const char* pPayload);
+                                       const char* pPayload, unsigned int uintAlignedAt = 0);
     // Frames are deleted by their last releaseRef; createCopy's frames
     // share their allocation with the payload.
     static void operator delete(void* pFrame) { ::operator delete(pFrame); }
@@ -35,7 +37,8 @@ public:
 
 private:
     struct InlinePayload {};
-    CApartmentFrame(unsigned int uintFrameType, unsigned int uintFrameSize, InlinePayload);
+    CApartmentFrame(unsigned int uintFrameType, unsigned int uintFrameSize, InlinePayload,
+                    char* pPayload);
 
     unsigned int m_uintFrameType;
     unsigned int m_uintFrameSize;

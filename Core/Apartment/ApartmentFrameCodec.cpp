@@ -119,6 +119,12 @@ public:
         m_left -= length;
         return true;
     }
+    bool skip(uint32_t length) {
+        if (length > m_left) return false;
+        m_p += length;
+        m_left -= length;
+        return true;
+    }
     // The rest is the data, pointed at where it lies.
     template <class Payload>
     void rest(Payload& payload) {
@@ -284,6 +290,26 @@ bool CApartmentFrameCodec::parseAlivePayload(char* pFrameBuffer, unsigned int ui
     }
     payload = std::move(parsed);
     return true;
+}
+
+unsigned int CApartmentFrameCodec::dataOffset(unsigned int uintFrameType, const char* pPayload,
+                                              unsigned int uintFrameSize) {
+    // The four strings, then the id and a flag (request) or a code (response).
+    unsigned int fixed;
+    if (uintFrameType == 1)
+        fixed = 5;
+    else if (uintFrameType == 2)
+        fixed = 8;
+    else
+        return 0;
+    Reader reader(pPayload, uintFrameSize);
+    unsigned int offset = 0;
+    for (int i = 0; i < 4; ++i) {
+        uint32_t length = 0;
+        if (!reader.u32(length) || !reader.skip(length)) return 0;
+        offset += 4 + length;
+    }
+    return reader.skip(fixed) ? offset + fixed : 0;
 }
 
 void CApartmentFrameCodec::buildConnectionBlock(bool bRtConnection, const char* strApartmentUrl,

@@ -144,6 +144,12 @@ public:
     static bool parseAlivePayload(char* pFrameBuffer, unsigned int uintFrameSize,
                                   APARTMENT_ALIVE_PAYLOAD& payload);
 
+    // Where a request's or response's data begins in its payload (the size
+    // for a frame without data), or 0 for another type or a malformed
+    // payload: a receiver places the payload so that the data is aligned.
+    static unsigned int dataOffset(unsigned int uintFrameType, const char* pPayload,
+                                   unsigned int uintFrameSize);
+
     // Fills the APARTMENT_CONNECTION_BLOCK_SIZE bytes at pBlock: all zero,
     // then byte 0 = 1 for the real-time link, then at most 128 bytes of the
     // URL (null counts as empty; a longer URL is cut) from offset 1. The last

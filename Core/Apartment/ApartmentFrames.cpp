@@ -1,6 +1,8 @@
 // CApartment's frames: writing requests, responses and raw frames on the
 // caller's thread, and handling the frames that arrive, on the
 // dispatching thread.
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -202,13 +204,16 @@ void CApartment::onRequestFrameArrived(IApartmentFrame* pFrame) {
         return;
     CReference<IApartmentNode> node(findApartmentNode(request.m_strTargetNodeUrl.c_str()));
     if (node.nil()) return;
-    // The fields are copied out; the frame is this handler's until it
-    // returns, so the data moves to the buffer's (aligned) start instead of
-    // into a copy of its own.
+    // The host reads the data where it lies in the frame, which is this
+    // handler's until it returns. The receiver lays frames out with the data
+    // aligned; otherwise it moves to the buffer's (aligned) start.
     char* data = nullptr;
     if (request.m_uintDataSize != 0) {
-        data = pFrame->getFrameBuffer();
-        std::memmove(data, request.m_pData, request.m_uintDataSize);
+        data = const_cast<char*>(request.m_pData);
+        if (reinterpret_cast<uintptr_t>(data) % alignof(std::max_align_t) != 0) {
+            data = pFrame->getFrameBuffer();
+            std::memmove(data, request.m_pData, request.m_uintDataSize);
+        }
     }
     node->receiveRequest(request.m_strSourceApartmentUrl.c_str(),
                          request.m_strSourceNodeUrl.c_str(),

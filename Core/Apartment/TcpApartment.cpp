@@ -5,6 +5,7 @@
 #include <new>
 
 #include "ApartmentFrame.h"
+#include "ApartmentFrameCodec.h"
 #include "ApartmentGuard.h"
 #include "GroundKit/OS/Socket/OS_Socket.h"
 #include "TcpApartmentSink.h"
@@ -218,7 +219,13 @@ void CTcpApartment::deliverFrame(IApartmentSink* pSink, CTcpApartmentSink* pTcp,
         frame = new (std::nothrow) CApartmentFrame(uintType, uintSize, pPayload);
         pTcp->consumeFrame(frame != nullptr);
     } else {
-        frame = CApartmentFrame::createCopy(uintType, uintSize, pPayload);
+        // A request's data is handed to the host where it lies in the frame,
+        // so the frame is laid out with that data aligned.
+        const unsigned int dataAt =
+            pSink->getLoopbackType() == SERVER_LOOPBACK_TYPE
+                ? 0
+                : CApartmentFrameCodec::dataOffset(uintType, pPayload, uintSize);
+        frame = CApartmentFrame::createCopy(uintType, uintSize, pPayload, dataAt);
         pTcp->consumeFrame();
     }
     if (frame == nullptr) {
