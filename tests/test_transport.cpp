@@ -636,7 +636,7 @@ TEST(TcpApartment, APassTakesABoundedShareOfALinkAndTheNextOnesTheRestAtOnce) {
     IApartmentSink* sinks[] = {pair.sink};
     for (unsigned int left = frames; left > 0;) {
         const Clock::time_point start = Clock::now();
-        apartment->waitFrameOnSinks(sinks, 1, 2000);
+        apartment->waitFrameOnSinks(sinks, 1, 2000, false);
         EXPECT_LT(msSince(start), 1000);
         unsigned int taken = 0;
         for (APARTMENT_TMSG msg; apartment->getMessage(msg, deadlineIn(0)); ++taken)

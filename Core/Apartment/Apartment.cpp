@@ -355,7 +355,8 @@ void CApartment::receiveFrame(DWORD dwTimeout, bool bRtConnection) {
     }
     for (size_t first = 0; first < sinks.size(); first += MAX_SINKS_PER_WAIT) {
         const size_t count = std::min<size_t>(MAX_SINKS_PER_WAIT, sinks.size() - first);
-        waitFrameOnSinks(&sinks[first], static_cast<unsigned int>(count), dwTimeout);
+        waitFrameOnSinks(&sinks[first], static_cast<unsigned int>(count), dwTimeout,
+                         bRtConnection);
     }
     for (IApartmentSink* sink : sinks) sink->releaseRef();
     sinks.clear();

@@ -188,9 +188,15 @@ protected:
                                                 std::string& strApartmentUrl) = 0;
     // Waits up to dwTimeout ms for frames on at most MAX_SINKS_PER_WAIT
     // sinks and turns what arrived into messages (or, on real-time links,
-    // callbacks). Called by one communication thread with its own snapshot.
+    // callbacks). Called by one communication thread (the real-time one or
+    // not, as bRtConnection says) with its own snapshot; returns early when
+    // interruptWait is called for that thread.
     virtual void waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintCount,
-                                  DWORD dwTimeout) = 0;
+                                  DWORD dwTimeout, bool bRtConnection) = 0;
+    // Ends the wait of that communication thread now in progress (or its
+    // next one), so that a link filed meanwhile is read at once instead of
+    // after the pass. Any thread; called holding no apartment lock.
+    virtual void interruptWait(bool bRtConnection) = 0;
 
     // The host's callback as a counted reference, or empty. Any thread.
     CReference<IApartmentCallback> apartmentCallback();

@@ -121,7 +121,10 @@ bool CApartment::openLink(const LINK_KEY& key) {
         // Loopback sinks never pass through addApartmentSink, which starts
         // the non-real-time thread for ordinary links; without this an
         // apartment linked only to itself would never read its loopback.
-        if (stored) createNonRtCommunicationThread();
+        if (stored) {
+            createNonRtCommunicationThread();
+            interruptWait(false);
+        }
     } else {
         addApartmentSink(sink);
     }
@@ -250,32 +253,37 @@ void CApartment::addApartmentSink(IApartmentSink* pSink) {
     if (localUrl != remoteUrl) {
         SinkMap& map = sinkMap(bRtConnection);
         CReference<IApartmentSink> replaced;  // released after the unlock
-        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
         // Also when links are filed already: a thread that could not be
         // created before is tried again.
-        if (bRtConnection)
-            createRtCommunicationThread();
-        else
-            createNonRtCommunicationThread();
-        auto it = map.find(remoteUrl);
-        if (it != map.end()) {
-            // A peer opens a link only when it holds none to us, so a second
-            // accepted link under its URL means it dropped the first (a
-            // quick reconnect whose old close is not handled yet): the new
-            // one is kept. Links opened from both ends at once are settled
-            // by compareConnection, which both ends answer alike.
-            const bool reconnected =
-                pSink->sinkType() == SERVER_SINK && it->second->sinkType() == SERVER_SINK;
-            if (reconnected || pSink->compareConnection(it->second) > 0) {
+        {
+            TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+            // Also when links are filed already: a thread that could not be
+            // created before is tried again.
+            if (bRtConnection)
+                createRtCommunicationThread();
+            else
+                createNonRtCommunicationThread();
+            auto it = map.find(remoteUrl);
+            if (it == map.end()) {
+                pSink->addRef();
+                map.emplace(remoteUrl, CReference<IApartmentSink>(pSink));
+            } else {
+                // A peer opens a link only when it holds none to us, so a
+                // second accepted link under its URL means it dropped the
+                // first (a quick reconnect whose old close is not handled
+                // yet): the new one is kept. Links opened from both ends at
+                // once are settled by compareConnection, which both ends
+                // answer alike.
+                const bool reconnected =
+                    pSink->sinkType() == SERVER_SINK && it->second->sinkType() == SERVER_SINK;
+                if (!reconnected && pSink->compareConnection(it->second) <= 0) return;
                 replaced = it->second;
                 pSink->addRef();
                 it->second = pSink;
             }
-            return;
+            m_ConnectionNotEmptyCondition.notifyAll();
         }
-        pSink->addRef();
-        map.emplace(remoteUrl, CReference<IApartmentSink>(pSink));
-        m_ConnectionNotEmptyCondition.notifyAll();
+        interruptWait(bRtConnection);
         return;
     }
 
@@ -398,12 +406,15 @@ void CApartment::onAddConnection(IApartmentServerSink* pServerSink) {
     CApartmentSinkHelper::getRemoteApartmentUrl(sink, remoteUrl);
     if (localUrl == remoteUrl) {
         sink->setLoopbackType(SERVER_LOOPBACK_TYPE);
-        TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
-        if (m_LoopbackServerSink.nil()) {
+        {
+            TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
+            if (!m_LoopbackServerSink.nil()) return;
             m_LoopbackServerSink = sink;
+            m_ConnectionNotEmptyCondition.notifyAll();
             log_task_line("Detected server loopback interface changed(%s---->%s).",
                           localUrl.c_str(), remoteUrl.c_str());
         }
+        interruptWait(false);  // loopback sinks are read by the non-real-time thread
         return;
     }
     addApartmentSink(sink);

@@ -32,9 +32,18 @@ std::string peerOf(IApartmentSink* pSink) {
 CTcpApartment::CTcpApartment()
     : m_pRtRawBuffer(new (std::nothrow) char[RT_RAW_BUFFER_SIZE]()),
       m_uintRtRawBufferSize(m_pRtRawBuffer != nullptr ? RT_RAW_BUFFER_SIZE : 0),
-      m_pLoopbackRawBuffer(nullptr) {}
+      m_pLoopbackRawBuffer(nullptr) {
+    for (int* pair : m_WakeFds)
+        if (OS::Socket::socketPair(AF_UNIX, SOCK_STREAM, 0, pair, USE_DEFAULT) != 0)
+            pair[0] = pair[1] = -1;
+}
 
 CTcpApartment::~CTcpApartment() {
+    // The threads that poll the wake sockets were joined when the last
+    // reference went (onFinalRelease).
+    for (int* pair : m_WakeFds)
+        for (int i = 0; i < 2; ++i)
+            if (pair[i] >= 0) OS::Socket::close(pair[i], USE_DEFAULT);
     delete[] m_pRtRawBuffer;
     m_pRtRawBuffer = nullptr;
     delete[] m_pLoopbackRawBuffer;
@@ -80,15 +89,22 @@ bool CTcpApartment::getApartmentUrlFromPortAddress(const char* strAddress,
     return true;
 }
 
+void CTcpApartment::interruptWait(bool bRtConnection) {
+    const int fd = m_WakeFds[bRtConnection ? 1 : 0][1];
+    const char byte = 0;
+    // A full socket is already a wake-up waiting to be seen.
+    if (fd >= 0) OS::Socket::send(fd, &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL, USE_DEFAULT);
+}
+
 void CTcpApartment::waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintCount,
-                                     DWORD dwTimeout) {
+                                     DWORD dwTimeout, bool bRtConnection) {
     if (uintCount > MAX_SINKS_PER_WAIT) {
         log_task_line("Fatal Error: too many sink receive data at same time, only %u are working.",
                       MAX_SINKS_PER_WAIT);
         uintCount = MAX_SINKS_PER_WAIT;
     }
     CTcpApartmentSink* tcp[MAX_SINKS_PER_WAIT];
-    pollfd fds[MAX_SINKS_PER_WAIT];
+    pollfd fds[MAX_SINKS_PER_WAIT + 1];
     bool framesHeld = false;
     for (unsigned int i = 0; i < uintCount; ++i) {
         // The snapshot holds a reference to every sink for the whole pass.
@@ -100,12 +116,24 @@ void CTcpApartment::waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintC
         if (tcp[i] != nullptr && tcp[i]->hasFrameReady()) framesHeld = true;
     }
 
+    pollfd& wake = fds[uintCount];  // poll passes over a negative descriptor
+    wake.fd = m_WakeFds[bRtConnection ? 1 : 0][0];
+    wake.events = POLLIN;
+    wake.revents = 0;
+
     // Whole frames already held are served without waiting on the sockets.
     const int timeoutMs = framesHeld ? 0 : static_cast<int>(dwTimeout);
     int ready;
     do {
-        ready = OS::Socket::poll(fds, uintCount, timeoutMs, USE_DEFAULT);
+        ready = OS::Socket::poll(fds, uintCount + 1, timeoutMs, USE_DEFAULT);
     } while (ready < 0 && OS::Socket::getErrnoCode() == EINTR_CODE);
+    if (ready > 0 && wake.revents != 0) {
+        // Woken for a new link: the caller's next pass takes it in.
+        char drained[64];
+        while (OS::Socket::recv(wake.fd, drained, sizeof drained, MSG_DONTWAIT, USE_DEFAULT) > 0) {
+        }
+        --ready;
+    }
     if (ready < 0 || (ready == 0 && !framesHeld)) return;
 
     MessageBatch& batch = t_batch;

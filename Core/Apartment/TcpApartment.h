@@ -43,8 +43,11 @@ protected:
     // as for a peer's orderly close) when the peer has gone, when a header
     // announces more than the link's maximum (one line names the peer and
     // the size), and when no memory can be had for a frame.
-    void waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintCount,
-                          DWORD dwTimeout) override;
+    void waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintCount, DWORD dwTimeout,
+                          bool bRtConnection) override;
+    // Writes a byte to the thread's wake socket, which its poll watches
+    // beside the sinks.
+    void interruptWait(bool bRtConnection) override;
 
 public:
     static const unsigned int MAX_FRAMES_PER_PASS = 64;
@@ -68,6 +71,10 @@ private:
     // as the real-time thread fills m_pRtRawBuffer. Allocated on first use;
     // used only by the non-real-time communication thread.
     char* m_pLoopbackRawBuffer;
+    // A socket pair per communication thread (index 1: the real-time one):
+    // [0] is polled with the sinks, [1] written to wake it; -1 when none
+    // could be had (a new link then waits for the pass to end).
+    int m_WakeFds[2][2];
 };
 
 #endif
