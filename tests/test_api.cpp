@@ -468,20 +468,23 @@ TEST_F(Api, ARawFrameToTheOwnUrlReachesTheCallbackAtOnceOnTheWritersThread) {
 
 // Two nodes of one apartment talk through its own URL (the loopback link),
 // with no other link and then beside one; the answer is written from inside
-// the callback.
+// the callback. A null answer buffer sends no data, whatever its length.
 TEST_F(ApiWithPeer, NodesOfOneApartmentTalkThroughItsOwnUrl) {
     CReference<Recorder> server = addNode("server");
     server->onRequest([this](const Recorder::Request& r) {
         std::string answer(r.data.rbegin(), r.data.rend());
+        const bool none = r.data == "none";
         EXPECT_EQ(apartment_node_write_response(nullptr, "server", r.srcApartment.c_str(),
-                                                r.srcNode.c_str(), r.id, 7, &answer[0],
-                                                static_cast<unsigned int>(answer.size())),
+                                                r.srcNode.c_str(), r.id, 7,
+                                                none ? nullptr : &answer[0],
+                                                none ? 10 : static_cast<unsigned int>(answer.size())),
                   0);
         EXPECT_EQ(r.dstApartment, m_url);
     });
     for (int round = 1; round <= 4; ++round) {
         int code = 0;
-        EXPECT_EQ(requestAndRead("me", m_url, "server", "abc", 10000, &code), "cba");
+        EXPECT_EQ(requestAndRead("me", m_url, "server", round == 3 ? "none" : "abc", 10000, &code),
+                  round == 3 ? "" : "cba");
         EXPECT_EQ(code, 7);
         if (round == 2) {
             EXPECT_EQ(requestAndRead("me", m_peerUrl, "echo", "", 10000), "");
@@ -598,7 +601,7 @@ TEST_F(ApiWithPeer, ReadingAResponseInsideATimerDefersRequestsWhileReentryIsRefu
 // The heartbeat with counter 3 against a peer that never answers: expiries
 // at 0, 1 and 2 periods send alive frames, the fourth reports, and so does
 // every one after it; once the peer answers again the reports stop; with
-// the peer gone it reports on without a link.
+// the peer gone it reports on without a link, until the watch stops.
 TEST_F(ApiWithPeer, TheHeartbeatReportsASilentPeerEveryPeriodUntilItAnswersAgain) {
     const int period = 100;
     const char* peer = m_peerUrl.c_str();
@@ -634,6 +637,11 @@ TEST_F(ApiWithPeer, TheHeartbeatReportsASilentPeerEveryPeriodUntilItAnswersAgain
     EXPECT_TRUE(pumpUntil([&] { return apartment->offline().size() >= before + 2; }, 30 * period));
     EXPECT_TRUE(apartment_keepalive_with(nullptr, peer, 0, period));
     EXPECT_FALSE(apartment_keepalive_with(nullptr, peer, 0, period));
+    // Stopped, its timer is gone too: nothing more is heard.
+    const size_t reports = apartment->offline().size();
+    pumpFor(3 * period);
+    EXPECT_EQ(apartment->offline().size(), reports);
+    EXPECT_TRUE(apartment->timers().empty());
 }
 
 // ------------------------------------------------------------ host helpers

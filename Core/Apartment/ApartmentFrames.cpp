@@ -140,9 +140,10 @@ bool CApartment::sendReply(IApartmentSink* pLink, const char* strRemoteApartment
                                                     intResponseCode);
         }))
         return false;
-    // The data follows the fields as it is, without a copy.
+    // The data follows the fields as it is, without a copy (both callers
+    // give no size without data).
     return pLink->sendFrameParts(APARTMENT_RESPONSE_FRAME, head.data(), head.size(), pData,
-                                 pData != nullptr ? uintDataSize : 0);
+                                 uintDataSize);
 }
 
 bool CApartment::writeRawFrame(const char* strRemoteApartmentUrl, unsigned int uintFrameType,
