@@ -107,6 +107,9 @@ TEST_F(ReferenceTest, HoldersCountExactlyAndTheLastOneDestroysOnce) {
         EXPECT_EQ(second->refs(), 2u);
         b = new CCounted(3);  // adopting assignment releases the old one
         EXPECT_EQ(first->refs(), 1u);
+        CReference<ITestPrimary>& sole = b;
+        b = sole;  // the last holder onto itself keeps the object
+        EXPECT_EQ(g_destructions, 0);
         EXPECT_EQ(b->primary(), 3);
         EXPECT_EQ(c.release(), 1u);
         EXPECT_TRUE(c.nil());
