@@ -16,29 +16,31 @@
 #include "os_log.h"
 
 namespace {
-// The maximum frame size the environment asks for, or the default (with a
+// A count of the environment, from 1 to 4294967295, or the default (with a
 // line saying why) when the value is missing, not a number or out of range.
-unsigned int maxFrameSizeFromEnvironment() {
-    const char* text = std::getenv(CApartment::MAX_FRAME_BYTES_VARIABLE);
-    if (text == nullptr) return APARTMENT_DEFAULT_MAX_FRAME_SIZE;
+unsigned int countFromEnvironment(const char* variable, const char* what, unsigned int fallback) {
+    const char* text = std::getenv(variable);
+    if (text == nullptr) return fallback;
     char* end = nullptr;
     errno = 0;
     const unsigned long long value = std::strtoull(text, &end, 10);
     const bool digitsOnly = *text >= '0' && *text <= '9' && end != nullptr && *end == '\0';
     if (!digitsOnly || errno != 0 || value == 0 || value > 0xFFFFFFFFull) {
-        log_task_line("[Apartment Warning]: %s=\"%s\" is not a number of bytes from 1 to "
-                      "4294967295; the maximum frame size stays %u.",
-                      CApartment::MAX_FRAME_BYTES_VARIABLE, text, APARTMENT_DEFAULT_MAX_FRAME_SIZE);
-        return APARTMENT_DEFAULT_MAX_FRAME_SIZE;
+        log_task_line("[Apartment Warning]: %s=\"%s\" is not a number from 1 to 4294967295; "
+                      "the %s stays %u.",
+                      variable, text, what, fallback);
+        return fallback;
     }
     return static_cast<unsigned int>(value);
 }
 }  // namespace
 
 const char* const CApartment::MAX_FRAME_BYTES_VARIABLE = "APARTMENT_MAX_FRAME_BYTES";
+const char* const CApartment::MAX_LINKS_VARIABLE = "APARTMENT_MAX_LINKS";
 
 CApartment::CApartment()
     : m_uintMaxFrameSize(APARTMENT_DEFAULT_MAX_FRAME_SIZE),
+      m_uintMaxLinks(DEFAULT_MAX_LINKS),
       m_ConnectionManageMutex(MUTEX_NONE, USE_STD, nullptr),
       m_ConnectionNotEmptyCondition(nullptr, USE_STD),
       m_LinkOpenCondition(nullptr, USE_STD),
@@ -78,7 +80,9 @@ bool CApartment::initApartment(const char* strApartmentUrl, bool bListen) {
         log_task_line("Apartment url is too long: %s.", strApartmentUrl);
         return false;
     }
-    m_uintMaxFrameSize = maxFrameSizeFromEnvironment();
+    m_uintMaxFrameSize = countFromEnvironment(MAX_FRAME_BYTES_VARIABLE, "maximum frame size",
+                                              APARTMENT_DEFAULT_MAX_FRAME_SIZE);
+    m_uintMaxLinks = countFromEnvironment(MAX_LINKS_VARIABLE, "maximum of links", DEFAULT_MAX_LINKS);
     std::string url = strApartmentUrl != nullptr ? strApartmentUrl : "";
     std::string address;
     getPortAddressFromApartmentUrl(strApartmentUrl, address);
@@ -124,6 +128,10 @@ void CApartment::destroyApartment() {
         rtLinks.swap(m_RtCommunicationSinkMap);
         loopbackClient = m_LoopbackClientSink;
         loopbackServer = m_LoopbackServerSink;
+        for (SinkMap* links : {&nonRtLinks, &rtLinks})
+            for (auto& entry : *links) unwatchLink(entry.second);
+        if (!loopbackClient.nil()) unwatchLink(loopbackClient);
+        if (!loopbackServer.nil()) unwatchLink(loopbackServer);
         m_LoopbackClientSink = nullptr;
         m_LoopbackServerSink = nullptr;
         m_strLoopbackApartmentUrl.clear();
@@ -299,67 +307,25 @@ void* CApartment::apartmentReplyOpenerThreadFunc(void* pParam) {
 }
 
 void CApartment::listenConnection(DWORD dwTimeout) {
-    // Only this thread and destroyApartment (after joining it) touch the
-    // listen sink, so it needs no lock.
-    if (m_ListenSink.nil()) return;
-    IApartmentServerSink* serverSink = m_ListenSink->processConnectRequest(dwTimeout);
-    if (serverSink == nullptr) return;
-    APARTMENT_TMSG msg;
-    msg.m_intMsg = ADD_APARTMENT_CONNECTION;
-    msg.wParam = reinterpret_cast<WPARAM>(serverSink);
-    msg.lParam = 0;
-    // Straight into the main queue: this code is never deferred.
-    queueOrRelease(m_ApartmentMsgQueue, msg);
+    std::vector<IApartmentServerSink*> ready;
+    try {
+        acceptLinks(dwTimeout, ready);
+    } catch (...) {
+        for (IApartmentServerSink* server : ready) server->releaseRef();
+        throw;
+    }
+    for (IApartmentServerSink* server : ready) {
+        APARTMENT_TMSG msg;
+        msg.m_intMsg = ADD_APARTMENT_CONNECTION;
+        msg.wParam = reinterpret_cast<WPARAM>(server);  // the message carries the reference
+        msg.lParam = 0;
+        // Straight into the main queue: this code is never deferred.
+        queueOrRelease(m_ApartmentMsgQueue, msg);
+    }
 }
 
 void CApartment::receiveFrame(DWORD dwTimeout, bool bRtConnection) {
-    std::vector<IApartmentSink*>& sinks = bRtConnection ? m_RtReceiveSinks : m_NonRtReceiveSinks;
-    SinkMap& map = sinkMap(bRtConnection);
-    const timespec deadline = OS::Clock::monotonicDeadline(dwTimeout);
-
-    // A sink condemned by a stalled write is closed here; its nodes hear
-    // that the link went, as for a peer's close, and the entry is removed
-    // so that the next write opens a new link instead of failing for ever.
-    std::vector<IApartmentSink*> condemned;
-    auto take = [&sinks, &condemned](IApartmentSink* sink) {
-        if (sink == nullptr || sink->isSinkClosed()) return;
-        sink->addRef();
-        if (sink->isExpectSinkClosed()) {
-            sink->closeSink();
-            condemned.push_back(sink);
-            return;
-        }
-        sinks.push_back(sink);
-    };
-
-    m_ConnectionManageMutex.lock();
-    if (!bRtConnection) {
-        take(m_LoopbackClientSink);
-        take(m_LoopbackServerSink);
-    }
-    for (auto& entry : map) take(entry.second);
-
-    if (sinks.empty() && condemned.empty()) {
-        m_ConnectionNotEmptyCondition.wait(deadline);
-        m_ConnectionManageMutex.unlock();
-        return;
-    }
-    m_ConnectionManageMutex.unlock();
-
-    for (IApartmentSink* sink : condemned) {
-        APARTMENT_TMSG msg;
-        msg.m_intMsg = APARTMENT_CONNECTION_CLOSED;
-        msg.wParam = reinterpret_cast<WPARAM>(sink);  // the message carries the reference
-        msg.lParam = 0;
-        postMessage(msg);
-    }
-    for (size_t first = 0; first < sinks.size(); first += MAX_SINKS_PER_WAIT) {
-        const size_t count = std::min<size_t>(MAX_SINKS_PER_WAIT, sinks.size() - first);
-        waitFrameOnSinks(&sinks[first], static_cast<unsigned int>(count), dwTimeout,
-                         bRtConnection);
-    }
-    for (IApartmentSink* sink : sinks) sink->releaseRef();
-    sinks.clear();
+    serveLinks(dwTimeout, bRtConnection);
 }
 
 // ------------------------------------------------------------- message loop

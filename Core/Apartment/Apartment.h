@@ -11,8 +11,11 @@
 //
 // Threads of an apartment: the listen thread (when it listens), two
 // communication threads, real-time and non-real-time, and the reply opener,
-// each a 100 ms polling loop started on first use and stopped by
-// destroyApartment. The reply opener opens, one at a time, the links that
+// each a loop of passes of at most 100 ms, started on first use and
+// stopped by destroyApartment. The listen thread accepts connections and
+// reads each one's connection frame (the dispatching thread only files a
+// link whose peer is known); each communication thread waits on all of its
+// links at once. The reply opener opens, one at a time, the links that
 // answers to unlinked requesters wait for, so that an answer never waits
 // for a connect on the dispatching thread.
 //
@@ -86,16 +89,20 @@ public:
     static const DWORD THREAD_PASS_MS = 100;
     // The most URL characters an apartment accepts.
     static const size_t MAX_APARTMENT_URL_LENGTH = 128;
-    // The most sinks one waitFrameOnSinks call serves.
-    static const unsigned int MAX_SINKS_PER_WAIT = 64;
     // The environment variable that sets the maximum frame size.
     static const char* const MAX_FRAME_BYTES_VARIABLE;
+    static const char* const MAX_LINKS_VARIABLE;
+    // The most links an apartment holds (filed, and accepted connections
+    // whose connection frame is awaited), unless APARTMENT_MAX_LINKS says
+    // otherwise: a connection beyond it is closed at once.
+    static const unsigned int DEFAULT_MAX_LINKS = 65536;
 
     CApartment();
     virtual ~CApartment();
 
     // Lifecycle and identity. initApartment also reads the maximum frame
-    // size from the environment (see maxFrameSize).
+    // size and the maximum of links from the environment (see maxFrameSize
+    // and maxLinks).
     bool initApartment(const char* strApartmentUrl, bool bListen) override;
     void destroyApartment() override;
     bool getApartmentUrl(char* strApartmentUrl, DWORD& dwLen) const override;
@@ -177,6 +184,9 @@ public:
     // one. A frame announced above it closes its link at the header; a
     // write above it fails at once and leaves the link untouched.
     unsigned int maxFrameSize() const { return m_uintMaxFrameSize; }
+    // DEFAULT_MAX_LINKS, or the value of APARTMENT_MAX_LINKS (1 to
+    // 4294967295) when initApartment read one.
+    unsigned int maxLinks() const { return m_uintMaxLinks; }
 
 protected:
     // The transport. createSink returns an uninitialised sink with one
@@ -186,17 +196,30 @@ protected:
                                                 std::string& strAddress) = 0;
     virtual bool getApartmentUrlFromPortAddress(const char* strAddress,
                                                 std::string& strApartmentUrl) = 0;
-    // Waits up to dwTimeout ms for frames on at most MAX_SINKS_PER_WAIT
-    // sinks and turns what arrived into messages (or, on real-time links,
-    // callbacks). Called by one communication thread (the real-time one or
-    // not, as bRtConnection says) with its own snapshot; returns early when
-    // interruptWait is called for that thread.
-    virtual void waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintCount,
-                                  DWORD dwTimeout, bool bRtConnection) = 0;
+    // The links a communication thread serves. watchLink adds a filed link
+    // to the set of the real-time thread or the other (loopback links
+    // always go to the non-real-time one); unwatchLink forgets it before
+    // the apartment's reference goes. Both are called under
+    // m_ConnectionManageMutex, so that filing and removal keep their order;
+    // the transport takes only leaf locks of its own. watchLink's false
+    // means the link cannot be served (it is then not filed).
+    virtual bool watchLink(IApartmentSink* pSink, bool bRtThread) = 0;
+    virtual void unwatchLink(IApartmentSink* pSink) = 0;
+    // One pass of a communication thread: waits up to dwTimeout ms for
+    // frames on its links and turns what arrived into messages (or, on
+    // real-time links, callbacks). Returns early when interruptWait is
+    // called for that thread.
+    virtual void serveLinks(DWORD dwTimeout, bool bRtConnection) = 0;
     // Ends the wait of that communication thread now in progress (or its
-    // next one), so that a link filed meanwhile is read at once instead of
-    // after the pass. Any thread; called holding no apartment lock.
+    // next one). Any thread; called holding no apartment lock.
     virtual void interruptWait(bool bRtConnection) = 0;
+    // One pass of the listen thread: waits up to dwTimeout ms and appends
+    // to `ready` the accepted server sinks whose connection frame has
+    // arrived, each with a reference for the caller.
+    virtual void acceptLinks(DWORD dwTimeout, std::vector<IApartmentServerSink*>& ready) = 0;
+    // The listening sink (null when the apartment does not listen). Only
+    // the listen thread and destroyApartment touch it.
+    IApartmentListenSink* listenSink() const { return m_ListenSink; }
 
     // The host's callback as a counted reference, or empty. Any thread.
     CReference<IApartmentCallback> apartmentCallback();
@@ -343,6 +366,7 @@ private:
     CReference<IApartmentListenSink> m_ListenSink;
     // Set by initApartment before any sink exists; read-only afterwards.
     unsigned int m_uintMaxFrameSize;
+    unsigned int m_uintMaxLinks;
 
     // Guards the two sink maps, the loopback URL, both loopback slots and
     // m_LinkOpens. m_ConnectionNotEmptyCondition wakes an idle communication
@@ -415,11 +439,6 @@ private:
     OS::TBaseMutex m_HeartbeatMutex;
     std::map<std::string, unsigned int> m_HeartbeatTimerIdMap;
     std::map<unsigned int, _HEARTBEAT_INFO> m_HeartbeatTimerInfoMap;
-
-    // Sink snapshots of the two communication threads, kept across passes
-    // so that no list is allocated per pass; each used by its thread alone.
-    std::vector<IApartmentSink*> m_RtReceiveSinks;
-    std::vector<IApartmentSink*> m_NonRtReceiveSinks;
 };
 
 #endif

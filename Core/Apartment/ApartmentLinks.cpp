@@ -13,7 +13,8 @@
 #include "os_log.h"
 
 namespace {
-// How long dispatch waits, per readable event, for a new link's first frame.
+// The connection frame of a link handed to dispatch has been read already
+// (by the listen thread): its wait ends at once.
 const DWORD CONNECTION_INFO_TIMEOUT_MS = 100;
 // Bounds of the answers waiting for the reply opener, so that a peer
 // naming return addresses nobody answers cannot pile up memory: at most
@@ -107,12 +108,10 @@ bool CApartment::openLink(const LINK_KEY& key) {
         bool stored = false;
         {
             TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
-            if (m_LoopbackClientSink.nil()) {
+            // Loopback sinks are read by the non-real-time thread.
+            if (m_LoopbackClientSink.nil() && watchLink(sink, false)) {
                 m_strLoopbackApartmentUrl = key.first;
                 m_LoopbackClientSink = sink;
-                // Both communication threads may idle on this condition: wake
-                // both rather than risk waking the one this sink is not for.
-                m_ConnectionNotEmptyCondition.notifyAll();
                 log_task_line("Detected client loopback interface changed(%s---->%s).",
                               localUrl.c_str(), strRemoteApartmentUrl);
                 stored = true;
@@ -121,10 +120,7 @@ bool CApartment::openLink(const LINK_KEY& key) {
         // Loopback sinks never pass through addApartmentSink, which starts
         // the non-real-time thread for ordinary links; without this an
         // apartment linked only to itself would never read its loopback.
-        if (stored) {
-            createNonRtCommunicationThread();
-            interruptWait(false);
-        }
+        if (stored) createNonRtCommunicationThread();
     } else {
         addApartmentSink(sink);
     }
@@ -265,6 +261,7 @@ void CApartment::addApartmentSink(IApartmentSink* pSink) {
                 createNonRtCommunicationThread();
             auto it = map.find(remoteUrl);
             if (it == map.end()) {
+                if (!watchLink(pSink, bRtConnection)) return;  // dropped: nothing would read it
                 pSink->addRef();
                 map.emplace(remoteUrl, CReference<IApartmentSink>(pSink));
             } else {
@@ -277,13 +274,13 @@ void CApartment::addApartmentSink(IApartmentSink* pSink) {
                 const bool reconnected =
                     pSink->sinkType() == SERVER_SINK && it->second->sinkType() == SERVER_SINK;
                 if (!reconnected && pSink->compareConnection(it->second) <= 0) return;
+                if (!watchLink(pSink, bRtConnection)) return;
                 replaced = it->second;
+                unwatchLink(replaced);
                 pSink->addRef();
                 it->second = pSink;
             }
-            m_ConnectionNotEmptyCondition.notifyAll();
         }
-        interruptWait(bRtConnection);
         return;
     }
 
@@ -320,6 +317,8 @@ void CApartment::removeApartmentSink(IApartmentSink* pSink) {
             m_strLoopbackApartmentUrl.clear();
             client = m_LoopbackClientSink;
             server = m_LoopbackServerSink;
+            if (!client.nil()) unwatchLink(client);
+            if (!server.nil()) unwatchLink(server);
             m_LoopbackClientSink = nullptr;
             m_LoopbackServerSink = nullptr;
         }
@@ -333,6 +332,7 @@ void CApartment::removeApartmentSink(IApartmentSink* pSink) {
     auto it = map.find(remoteUrl);
     if (it == map.end() || it->second != pSink) return;
     removed = it->second;
+    unwatchLink(removed);
     map.erase(it);
 }
 
@@ -351,6 +351,8 @@ bool CApartment::disconnectApartment(const char* strRemoteApartmentUrl, bool bRt
         m_strLoopbackApartmentUrl.clear();
         first = m_LoopbackClientSink;
         second = m_LoopbackServerSink;
+        if (!first.nil()) unwatchLink(first);
+        if (!second.nil()) unwatchLink(second);
         m_LoopbackClientSink = nullptr;
         m_LoopbackServerSink = nullptr;
         return true;
@@ -359,6 +361,7 @@ bool CApartment::disconnectApartment(const char* strRemoteApartmentUrl, bool bRt
     auto it = map.find(strRemoteApartmentUrl);
     if (it == map.end()) return false;
     first = it->second;
+    unwatchLink(first);
     map.erase(it);
     return true;
 }
@@ -408,13 +411,12 @@ void CApartment::onAddConnection(IApartmentServerSink* pServerSink) {
         sink->setLoopbackType(SERVER_LOOPBACK_TYPE);
         {
             TAutoMutex<OS::TBaseMutex> lock(&m_ConnectionManageMutex);
-            if (!m_LoopbackServerSink.nil()) return;
+            // Loopback sinks are read by the non-real-time thread.
+            if (!m_LoopbackServerSink.nil() || !watchLink(sink, false)) return;
             m_LoopbackServerSink = sink;
-            m_ConnectionNotEmptyCondition.notifyAll();
             log_task_line("Detected server loopback interface changed(%s---->%s).",
                           localUrl.c_str(), remoteUrl.c_str());
         }
-        interruptWait(false);  // loopback sinks are read by the non-real-time thread
         return;
     }
     addApartmentSink(sink);

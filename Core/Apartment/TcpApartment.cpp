@@ -2,11 +2,13 @@
 
 #include <cstdio>
 #include <cstring>
+#include <algorithm>
 #include <new>
 
 #include "ApartmentFrame.h"
 #include "ApartmentFrameCodec.h"
 #include "ApartmentGuard.h"
+#include "GroundKit/OS/OS_Clock.h"
 #include "GroundKit/OS/Socket/OS_Socket.h"
 #include "TcpApartmentSink.h"
 #include "os_log.h"
@@ -32,22 +34,19 @@ std::string peerOf(IApartmentSink* pSink) {
 CTcpApartment::CTcpApartment()
     : m_pRtRawBuffer(new (std::nothrow) char[RT_RAW_BUFFER_SIZE]()),
       m_uintRtRawBufferSize(m_pRtRawBuffer != nullptr ? RT_RAW_BUFFER_SIZE : 0),
-      m_pLoopbackRawBuffer(nullptr) {
-    for (int* pair : m_WakeFds)
-        if (OS::Socket::socketPair(AF_UNIX, SOCK_STREAM, 0, pair, USE_DEFAULT) != 0)
-            pair[0] = pair[1] = -1;
-}
+      m_pLoopbackRawBuffer(nullptr),
+      m_bListenWatched(false) {}
 
 CTcpApartment::~CTcpApartment() {
-    // The threads that poll the wake sockets were joined when the last
-    // reference went (onFinalRelease).
-    for (int* pair : m_WakeFds)
-        for (int i = 0; i < 2; ++i)
-            if (pair[i] >= 0) OS::Socket::close(pair[i], USE_DEFAULT);
     delete[] m_pRtRawBuffer;
     m_pRtRawBuffer = nullptr;
     delete[] m_pLoopbackRawBuffer;
     m_pLoopbackRawBuffer = nullptr;
+}
+
+void CTcpApartment::destroyApartment() {
+    CApartment::destroyApartment();  // the listen thread has stopped when it returns
+    while (!m_Handshakes.empty()) dropHandshake(m_Handshakes.begin());
 }
 
 IApartmentSink* CTcpApartment::createSink(APARTMENT_SINK_TYPE type) {
@@ -89,78 +88,90 @@ bool CTcpApartment::getApartmentUrlFromPortAddress(const char* strAddress,
     return true;
 }
 
-void CTcpApartment::interruptWait(bool bRtConnection) {
-    const int fd = m_WakeFds[bRtConnection ? 1 : 0][1];
-    const char byte = 0;
-    // A full socket is already a wake-up waiting to be seen.
-    if (fd >= 0) OS::Socket::send(fd, &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL, USE_DEFAULT);
+bool CTcpApartment::watchLink(IApartmentSink* pSink, bool bRtThread) {
+    CReference<ITcpApartmentSink> tcp(asITcpApartmentSink(pSink));
+    return !tcp.nil() && m_Comm[bRtThread ? 1 : 0].poller.watch(pSink, tcp->getSocketFd());
 }
 
-void CTcpApartment::waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintCount,
-                                     DWORD dwTimeout, bool bRtConnection) {
-    if (uintCount > MAX_SINKS_PER_WAIT) {
-        log_task_line("Fatal Error: too many sink receive data at same time, only %u are working.",
-                      MAX_SINKS_PER_WAIT);
-        uintCount = MAX_SINKS_PER_WAIT;
-    }
-    CTcpApartmentSink* tcp[MAX_SINKS_PER_WAIT];
-    pollfd fds[MAX_SINKS_PER_WAIT + 1];
-    bool framesHeld = false;
-    for (unsigned int i = 0; i < uintCount; ++i) {
-        // The snapshot holds a reference to every sink for the whole pass.
-        CReference<ITcpApartmentSink> view(asITcpApartmentSink(pSinks[i]));
-        tcp[i] = view.nil() ? nullptr : static_cast<CTcpApartmentSink*>(view.operator->());
-        fds[i].fd = tcp[i] != nullptr ? tcp[i]->getSocketFd() : -1;
-        fds[i].events = POLLIN;
-        fds[i].revents = 0;
-        if (tcp[i] != nullptr && tcp[i]->hasFrameReady()) framesHeld = true;
-    }
+void CTcpApartment::unwatchLink(IApartmentSink* pSink) {
+    for (CommThread& thread : m_Comm) thread.poller.unwatch(pSink);
+}
 
-    pollfd& wake = fds[uintCount];  // poll passes over a negative descriptor
-    wake.fd = m_WakeFds[bRtConnection ? 1 : 0][0];
-    wake.events = POLLIN;
-    wake.revents = 0;
+void CTcpApartment::interruptWait(bool bRtConnection) {
+    m_Comm[bRtConnection ? 1 : 0].poller.wake();
+}
 
-    // Whole frames already held are served without waiting on the sockets.
-    const int timeoutMs = framesHeld ? 0 : static_cast<int>(dwTimeout);
-    int ready;
-    do {
-        ready = OS::Socket::poll(fds, uintCount + 1, timeoutMs, USE_DEFAULT);
-    } while (ready < 0 && OS::Socket::getErrnoCode() == EINTR_CODE);
-    if (ready > 0 && wake.revents != 0) {
-        // Woken for a new link: the caller's next pass takes it in.
-        char drained[64];
-        while (OS::Socket::recv(wake.fd, drained, sizeof drained, MSG_DONTWAIT, USE_DEFAULT) > 0) {
+void CTcpApartment::serveLinks(DWORD dwTimeout, bool bRtConnection) {
+    CommThread& thread = m_Comm[bRtConnection ? 1 : 0];
+    std::vector<CLinkPoller::Link>& links = thread.ready;
+    links.clear();
+    // Whole frames already read are served without waiting on the sockets.
+    for (uint64_t key : thread.carried) {
+        CLinkPoller::Link link;
+        if (thread.poller.lookup(key, link)) links.push_back(link);
+    }
+    thread.carried.clear();
+    const size_t carried = links.size();
+    thread.poller.wait(carried != 0 ? 0 : static_cast<int>(dwTimeout), links);
+    if (carried != 0 && links.size() > carried) {
+        // A link both carried and ready is served once.
+        std::sort(links.begin(), links.end(),
+                  [](const CLinkPoller::Link& a, const CLinkPoller::Link& b) { return a.key < b.key; });
+        size_t kept = 0;
+        for (size_t i = 0; i < links.size(); ++i) {
+            if (kept != 0 && links[kept - 1].key == links[i].key)
+                links[i].sink->releaseRef();
+            else
+                links[kept++] = links[i];
         }
-        --ready;
+        links.resize(kept);
     }
-    if (ready < 0 || (ready == 0 && !framesHeld)) return;
+    if (links.empty()) return;
 
     MessageBatch& batch = t_batch;
     batch.clear();
-    for (unsigned int i = 0; i < uintCount; ++i) {
-        if (tcp[i] == nullptr || fds[i].fd < 0) continue;
-        if (fds[i].revents == 0 && !tcp[i]->hasFrameReady()) continue;
+    for (const CLinkPoller::Link& link : links) {
         // What goes wrong while serving one link (no memory, say) closes
         // that link only; what the others brought is still posted.
-        if (!guarded("receiving, link closed", false, [&] {
-                serveSink(pSinks[i], tcp[i], batch);
-                return true;
-            })) {
-            pSinks[i]->closeSink();
-            pSinks[i]->addRef();  // the message carries it
-            APARTMENT_TMSG msg;
-            msg.m_intMsg = APARTMENT_CONNECTION_CLOSED;
-            msg.wParam = reinterpret_cast<WPARAM>(pSinks[i]);
-            msg.lParam = 0;
-            postMessage(msg);
-        }
+        const bool framesLeft = guarded("receiving, link closed", false, [&] {
+            return serveLink(thread, link.sink, batch);
+        });
+        if (framesLeft) thread.carried.push_back(link.key);
     }
     if (!batch.empty()) postMessages(batch.data(), batch.size());
     batch.clear();
+    for (const CLinkPoller::Link& link : links) link.sink->releaseRef();
+    links.clear();
 }
 
-void CTcpApartment::serveSink(IApartmentSink* pSink, CTcpApartmentSink* pTcp,
+bool CTcpApartment::serveLink(CommThread& thread, IApartmentSink* pSink, MessageBatch& batch) {
+    CTcpApartmentSink* tcp = dynamic_cast<CTcpApartmentSink*>(pSink);
+    if (tcp == nullptr || pSink->isSinkClosed()) return false;
+    // A write condemned it (and shut it down, which is what woke us).
+    if (pSink->isExpectSinkClosed()) {
+        closeLink(thread, pSink, batch);
+        return false;
+    }
+    bool ok = false;
+    try {
+        serveSink(thread, pSink, tcp, batch);
+        ok = true;
+    } catch (...) {
+        tcp->settleReadBuffer();  // the thread's buffer must not stay lent
+        if (!pSink->isSinkClosed()) closeLink(thread, pSink, batch);
+        throw;
+    }
+    if (pSink->isSinkClosed()) return false;
+    if (ok && !tcp->settleReadBuffer()) {
+        log_task_line("[TcpApartment Error]: no memory to read from %s; link closed.",
+                      peerOf(pSink).c_str());
+        closeLink(thread, pSink, batch);
+        return false;
+    }
+    return tcp->hasFrameReady();
+}
+
+void CTcpApartment::serveSink(CommThread& thread, IApartmentSink* pSink, CTcpApartmentSink* pTcp,
                               MessageBatch& batch) {
     unsigned int frames = 0;
     unsigned long bytes = 0;
@@ -181,14 +192,14 @@ void CTcpApartment::serveSink(IApartmentSink* pSink, CTcpApartmentSink* pTcp,
                           peerOf(pSink).c_str(), size,
                           pSink->getRTConnection() ? CTcpApartmentSink::RT_MAX_FRAME_SIZE
                                                    : pTcp->maxFrameSize());
-            closeLink(pSink, batch);
+            closeLink(thread, pSink, batch);
             return;
         }
         if (status == CTcpApartmentSink::FRAME_NO_MEMORY) {
             log_task_line("[TcpApartment Error]: no memory for a frame of %u bytes from %s; link "
                           "closed.",
                           size, peerOf(pSink).c_str());
-            closeLink(pSink, batch);
+            closeLink(thread, pSink, batch);
             return;
         }
         switch (pTcp->readAvailable()) {
@@ -199,12 +210,12 @@ void CTcpApartment::serveSink(IApartmentSink* pSink, CTcpApartmentSink* pTcp,
             case CTcpApartmentSink::READ_NO_MEMORY:
                 log_task_line("[TcpApartment Error]: no memory to read from %s; link closed.",
                               peerOf(pSink).c_str());
-                closeLink(pSink, batch);
+                closeLink(thread, pSink, batch);
                 return;
             default:
                 // The peer has gone: what it sent is all here, so a frame
                 // still incomplete never completes.
-                closeLink(pSink, batch);
+                closeLink(thread, pSink, batch);
                 return;
         }
     }
@@ -284,7 +295,9 @@ void CTcpApartment::deliverFrame(IApartmentSink* pSink, CTcpApartmentSink* pTcp,
     }
 }
 
-void CTcpApartment::closeLink(IApartmentSink* pSink, MessageBatch& batch) {
+void CTcpApartment::closeLink(CommThread& thread, IApartmentSink* pSink, MessageBatch& batch) {
+    // Forgotten while its descriptor is still open (see CLinkPoller).
+    thread.poller.unwatch(pSink);
     pSink->closeSink();
     APARTMENT_TMSG msg;
     msg.m_intMsg = APARTMENT_CONNECTION_CLOSED;
@@ -292,4 +305,104 @@ void CTcpApartment::closeLink(IApartmentSink* pSink, MessageBatch& batch) {
     msg.lParam = 0;
     batch.push_back(msg);
     pSink->addRef();  // the message carries it
+}
+
+// ------------------------------------------------------------- listen thread
+
+void CTcpApartment::acceptLinks(DWORD dwTimeout, std::vector<IApartmentServerSink*>& ready) {
+    IApartmentListenSink* listen = listenSink();
+    if (listen == nullptr) return;
+    CReference<IApartmentSink> listenView(asIApartmentSink(listen));
+    if (!m_bListenWatched) {
+        CReference<ITcpApartmentSink> tcp(asITcpApartmentSink(listen));
+        if (tcp.nil() || !m_ListenPoller.watch(listenView, tcp->getSocketFd())) {
+            // No readiness set: accept as connections come, one wait at a time.
+            IApartmentServerSink* server = listen->processConnectRequest(dwTimeout);
+            if (server != nullptr) server->releaseRef();
+            return;
+        }
+        m_bListenWatched = true;
+    }
+
+    // The wait ends in time for the first handshake that runs out.
+    int timeoutMs = static_cast<int>(dwTimeout);
+    const timespec now = OS::Clock::monotonicNow();
+    for (const auto& entry : m_Handshakes) {
+        for (const timespec& deadline : {entry.second.progressDeadline, entry.second.totalDeadline}) {
+            const long long ms = (deadline.tv_sec - now.tv_sec) * 1000LL +
+                                 (deadline.tv_nsec - now.tv_nsec) / 1000000 + 1;
+            if (ms < timeoutMs) timeoutMs = ms < 0 ? 0 : static_cast<int>(ms);
+        }
+    }
+
+    std::vector<CLinkPoller::Link> links;
+    m_ListenPoller.wait(timeoutMs, links);
+    for (const CLinkPoller::Link& link : links) {
+        if (link.sink == listenView.operator->())
+            acceptConnections();
+        else
+            stepHandshake(link.sink, ready);
+    }
+    for (const CLinkPoller::Link& link : links) link.sink->releaseRef();
+
+    // Silent or slow peers are given up without notice.
+    for (auto it = m_Handshakes.begin(); it != m_Handshakes.end();) {
+        auto next = std::next(it);
+        if (OS::Clock::hasPassed(it->second.progressDeadline) ||
+            OS::Clock::hasPassed(it->second.totalDeadline))
+            dropHandshake(it);
+        it = next;
+    }
+}
+
+void CTcpApartment::acceptConnections() {
+    // A bounded number per wake-up, so that a storm does not starve the
+    // handshakes under way; the rest are taken on the next pass.
+    for (int taken = 0; taken < 64; ++taken) {
+        CReference<IApartmentServerSink> server(listenSink()->processConnectRequest(0));
+        if (server.nil()) return;
+        CReference<IApartmentSink> sink(asIApartmentSink(server));
+        CTcpServerSink* tcp = dynamic_cast<CTcpServerSink*>(sink.operator->());
+        if (tcp == nullptr) continue;
+        const size_t links = m_Comm[0].poller.size() + m_Comm[1].poller.size() + m_Handshakes.size();
+        if (links >= maxLinks()) {
+            std::string peer;
+            CApartmentSinkHelper::getRemoteAddress(sink, peer);
+            log_task_line("[TcpApartment Warning]: connection from %s refused: the apartment "
+                          "holds its maximum of %u links (%s).",
+                          peer.c_str(), maxLinks(), MAX_LINKS_VARIABLE);
+            continue;  // closed with the last reference
+        }
+        if (!m_ListenPoller.watch(sink, tcp->getSocketFd())) continue;
+        Handshake& handshake = m_Handshakes[sink.operator->()];
+        handshake.server = server;
+        handshake.sink = tcp;
+        handshake.progressDeadline = OS::Clock::monotonicDeadline(CONNECTION_INFO_TIMEOUT_MS);
+        handshake.totalDeadline =
+            OS::Clock::monotonicDeadline(CTcpServerSink::CONNECTION_INFO_TOTAL_TIMEOUT_MS);
+    }
+}
+
+void CTcpApartment::stepHandshake(IApartmentSink* pSink,
+                                  std::vector<IApartmentServerSink*>& ready) {
+    auto it = m_Handshakes.find(pSink);
+    if (it == m_Handshakes.end()) return;
+    bool rt = false;
+    bool progress = false;
+    const CTcpServerSink::CONNECTION_INFO info = it->second.sink->takeConnectionInfo(rt, progress);
+    if (info == CTcpServerSink::INFO_PENDING) {
+        if (progress)
+            it->second.progressDeadline = OS::Clock::monotonicDeadline(CONNECTION_INFO_TIMEOUT_MS);
+        return;
+    }
+    if (info == CTcpServerSink::INFO_RECEIVED) {
+        ready.push_back(it->second.server);
+        it->second.server->addRef();  // the caller's
+    }
+    dropHandshake(it);
+}
+
+void CTcpApartment::dropHandshake(std::map<IApartmentSink*, Handshake>::iterator it) {
+    m_ListenPoller.unwatch(it->first);
+    m_Handshakes.erase(it);  // the last reference of a connection given up closes it
 }

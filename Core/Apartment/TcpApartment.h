@@ -1,14 +1,23 @@
 // CTcpApartment: the apartment of the TCP transport. It makes TCP sinks
 // (each with the apartment's maximum frame size), converts between
 // apartment URLs ("tcp://" + address) and transport addresses
-// ("<IPv4>:<port>"), and waits for frames on up to MAX_SINKS_PER_WAIT sinks
-// at once for the communication threads.
+// ("<IPv4>:<port>"), and serves the links for the apartment's threads:
+//   - each communication thread waits on one readiness set that holds all
+//     of its links (CLinkPoller), kept across passes: a link is added when
+//     it is filed and removed when it goes, and a pass costs what its ready
+//     links cost;
+//   - the listen thread accepts connections and reads each one's
+//     connection frame itself, with the handshake's bounds, so that a slow
+//     or silent peer never holds the dispatching thread or another link;
+//     only a connection whose peer is known is handed on to be filed.
 #ifndef APARTMENT_TCPAPARTMENT_H
 #define APARTMENT_TCPAPARTMENT_H
 
+#include <map>
 #include <vector>
 
 #include "Apartment.h"
+#include "LinkPoller.h"
 #include "TcpApartmentSink.h"
 
 class CTcpApartment : public CApartment {
@@ -16,11 +25,23 @@ public:
     // Size of the buffer that receives frames on real-time links: the
     // largest frame such a link carries.
     static const unsigned int RT_RAW_BUFFER_SIZE = CTcpApartmentSink::RT_MAX_FRAME_SIZE;
+    // The per-pass bound of one link, so that one flooding link cannot
+    // starve the others: what is left is served on the next pass, without
+    // waiting on the socket.
+    static const unsigned int MAX_FRAMES_PER_PASS = 64;
+    static const unsigned int MAX_BYTES_PER_PASS = 256 * 1024;
+    // The bounds of reading a new connection's connection frame: a peer
+    // that sends nothing for CONNECTION_INFO_TIMEOUT_MS, or has not sent it
+    // whole within CTcpServerSink::CONNECTION_INFO_TOTAL_TIMEOUT_MS, is
+    // dropped without notice.
+    static const DWORD CONNECTION_INFO_TIMEOUT_MS = 100;
 
     CTcpApartment();
     virtual ~CTcpApartment();
 
     APARTMENT_TYPE apartmentType() const override { return TCP_APARTMENT; }
+    // Also drops the connections whose connection frame is still awaited.
+    void destroyApartment() override;
 
 protected:
     IApartmentSink* createSink(APARTMENT_SINK_TYPE type) override;
@@ -31,38 +52,59 @@ protected:
     // A null or empty address gives "tcp://0.0.0.0:0". Always true.
     bool getApartmentUrlFromPortAddress(const char* strAddress,
                                         std::string& strApartmentUrl) override;
-    // One pass: poll the sinks' descriptors (any value), then serve every
-    // sink that is readable or already holds a whole frame: read what is
-    // waiting and take the whole frames, at most MAX_FRAMES_PER_PASS frames
-    // or MAX_BYTES_PER_PASS payload bytes per sink, so that one flooding
-    // link cannot starve the others (what is left is served on the next
-    // pass, without waiting on the socket). Frames on a real-time link go
-    // straight to the callback on this thread; any other frame becomes a
-    // CApartmentFrame message, and the messages of the pass are posted
-    // together. A link is treated as closed (APARTMENT_CONNECTION_CLOSED,
-    // as for a peer's orderly close) when the peer has gone, when a header
-    // announces more than the link's maximum (one line names the peer and
-    // the size), and when no memory can be had for a frame.
-    void waitFrameOnSinks(IApartmentSink** pSinks, unsigned int uintCount, DWORD dwTimeout,
-                          bool bRtConnection) override;
-    // Writes a byte to the thread's wake socket, which its poll watches
-    // beside the sinks.
+    bool watchLink(IApartmentSink* pSink, bool bRtThread) override;
+    void unwatchLink(IApartmentSink* pSink) override;
+    // One pass of a communication thread: waits up to dwTimeout ms for its
+    // links (not at all while frames already read wait to be taken), then
+    // serves every ready link up to the per-pass bound. Frames on a
+    // real-time link go straight to the callback on this thread; any other
+    // frame becomes a CApartmentFrame message, and the messages of the pass
+    // are posted together. A link is treated as closed
+    // (APARTMENT_CONNECTION_CLOSED, as for a peer's orderly close) when the
+    // peer has gone, when a write condemned it, when a header announces more
+    // than the link's maximum (one line names the peer and the size), and
+    // when no memory can be had for a frame.
+    void serveLinks(DWORD dwTimeout, bool bRtConnection) override;
     void interruptWait(bool bRtConnection) override;
-
-public:
-    static const unsigned int MAX_FRAMES_PER_PASS = 64;
-    static const unsigned int MAX_BYTES_PER_PASS = 256 * 1024;
+    // One pass of the listen thread: waits up to dwTimeout ms for new
+    // connections and for the connection frames awaited, and hands over
+    // the server sinks whose peer is now known. A connection beyond the
+    // apartment's maximum of links is closed at once with one line.
+    void acceptLinks(DWORD dwTimeout, std::vector<IApartmentServerSink*>& ready) override;
 
 private:
     typedef std::vector<APARTMENT_TMSG> MessageBatch;
-    void serveSink(IApartmentSink* pSink, CTcpApartmentSink* pTcp, MessageBatch& batch);
+    // What a communication thread keeps across passes; its own alone.
+    struct CommThread {
+        CLinkPoller poller;
+        std::vector<CLinkPoller::Link> ready;  // the links of the pass
+        std::vector<uint64_t> carried;         // links with whole frames left over
+    };
+    // A connection whose connection frame is awaited.
+    struct Handshake {
+        CReference<IApartmentServerSink> server;
+        CTcpServerSink* sink;
+        timespec progressDeadline;
+        timespec totalDeadline;
+    };
+
+    // Serves one ready link of a communication thread; true when whole
+    // frames are left for the next pass.
+    bool serveLink(CommThread& thread, IApartmentSink* pSink, MessageBatch& batch);
+    void serveSink(CommThread& thread, IApartmentSink* pSink, CTcpApartmentSink* pTcp,
+                   MessageBatch& batch);
     // Takes the whole frame the sink holds: a callback for a real-time
     // link, else a message appended to `batch`.
     void deliverFrame(IApartmentSink* pSink, CTcpApartmentSink* pTcp, unsigned int uintType,
                       char* pPayload, unsigned int uintSize, MessageBatch& batch);
-    // Closes the sink and appends APARTMENT_CONNECTION_CLOSED with a
-    // reference to `batch`, after the frames that came before the close.
-    void closeLink(IApartmentSink* pSink, MessageBatch& batch);
+    // Forgets the link, closes it and appends APARTMENT_CONNECTION_CLOSED
+    // with a reference to `batch`, after the frames that came before it.
+    void closeLink(CommThread& thread, IApartmentSink* pSink, MessageBatch& batch);
+
+    // The listen thread's side.
+    void acceptConnections();
+    void stepHandshake(IApartmentSink* pSink, std::vector<IApartmentServerSink*>& ready);
+    void dropHandshake(std::map<IApartmentSink*, Handshake>::iterator it);
 
     char* m_pRtRawBuffer;  // used only by the real-time communication thread
     unsigned int m_uintRtRawBufferSize;
@@ -71,10 +113,13 @@ private:
     // as the real-time thread fills m_pRtRawBuffer. Allocated on first use;
     // used only by the non-real-time communication thread.
     char* m_pLoopbackRawBuffer;
-    // A socket pair per communication thread (index 1: the real-time one):
-    // [0] is polled with the sinks, [1] written to wake it; -1 when none
-    // could be had (a new link then waits for the pass to end).
-    int m_WakeFds[2][2];
+    CommThread m_Comm[2];  // [1]: the real-time thread's
+
+    // The listen thread's alone: its readiness set (the listening socket
+    // and the connections being set up) and those connections.
+    CLinkPoller m_ListenPoller;
+    bool m_bListenWatched;
+    std::map<IApartmentSink*, Handshake> m_Handshakes;
 };
 
 #endif

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <new>
 #include <random>
 
@@ -41,6 +42,12 @@ void pauseMicroseconds(long us) {
     timeval pause{0, us};
     OS::Socket::select(0, nullptr, nullptr, nullptr, &pause, USE_DEFAULT);
 }
+
+// The read buffer of the calling thread, lent to one link at a time (see
+// settleReadBuffer), and the link that holds it; null when none could be
+// had.
+thread_local std::unique_ptr<char[]> t_readBuffer;
+thread_local CTcpApartmentSink* t_readBufferHolder = nullptr;
 
 unsigned int readU32(const char* p) {
     unsigned int value;
@@ -78,6 +85,7 @@ CTcpApartmentSink::CTcpApartmentSink()
       m_uintReceiveFrameSize(0),
       m_pReceiveBuffer(nullptr),
       m_uintReceiveBufferSize(0),
+      m_bBorrowedBuffer(false),
       m_uintReadBegin(0),
       m_uintReadEnd(0),
       m_pLargePayload(nullptr),
@@ -273,7 +281,14 @@ bool CTcpApartmentSink::_writeFrames(int fd, PendingFrame* pFirst, PendingFrame*
     return sent == total;
 }
 
-CTcpApartmentSink::READ_RESULT CTcpApartmentSink::readAvailable() {
+void CTcpApartmentSink::setExpectSinkClosed(bool bExpect) {
+    CApartmentSink::setExpectSinkClosed(bExpect);
+    // Only shut down, never closed here: a writer or the poller may still
+    // use the descriptor's number.
+    if (bExpect) OS::Socket::shutdown(m_Socket.getSockFd(), SHUT_RDWR, USE_DEFAULT);
+}
+
+CTcpApartmentSink::READ_RESULT CTcpApartmentSink::readAvailable(unsigned int uintMost) {
     if (sinkType() == LISTEN_SINK) return READ_NOTHING;
     char* into;
     unsigned int room;
@@ -296,6 +311,7 @@ CTcpApartmentSink::READ_RESULT CTcpApartmentSink::readAvailable() {
         room = m_uintReceiveBufferSize - m_uintReadEnd;
     }
     if (room == 0) return READ_NOTHING;  // whole frames wait to be taken first
+    if (room > uintMost) room = uintMost;
     if (room > MAX_RECEIVE_CHUNK) room = MAX_RECEIVE_CHUNK;
     const int received = m_Socket.receive(into, static_cast<int>(room), 0);
     if (received == 0) return READ_CLOSED;
@@ -395,18 +411,22 @@ bool CTcpApartmentSink::receiveFrame(unsigned int& uintFrameType, void* pBuffer,
     FRAME_STATUS status = nextFrame(type, payload, size);
     if (status == FRAME_INCOMPLETE && readAvailable() == READ_DATA)
         status = nextFrame(type, payload, size);
-    if (status != FRAME_READY) return false;
-    if (pBuffer == nullptr) {
+    bool delivered = false;
+    if (status == FRAME_READY && pBuffer == nullptr) {
         uintFrameType = type;
         uintSize = size;
-        return true;
+        delivered = true;
+    } else if (status == FRAME_READY && uintSize >= size) {
+        if (size > 0) std::memcpy(pBuffer, payload, size);
+        uintFrameType = type;
+        uintSize = size;
+        consumeFrame();
+        delivered = true;
     }
-    if (uintSize < size) return false;
-    if (size > 0) std::memcpy(pBuffer, payload, size);
-    uintFrameType = type;
-    uintSize = size;
-    consumeFrame();
-    return true;
+    // What is left (a frame reported and kept, or one begun) is the link's
+    // own until the next call.
+    settleReadBuffer();
+    return delivered;
 }
 
 int CTcpApartmentSink::getSocketFd() const { return m_Socket.getSockFd(); }
@@ -473,19 +493,64 @@ void CTcpApartmentSink::onSinkClose() {
 }
 
 bool CTcpApartmentSink::_ensureReceiveBuffer() {
-    if (m_pReceiveBuffer != nullptr) return true;
-    m_pReceiveBuffer = new (std::nothrow) char[READ_BUFFER_SIZE];
-    if (m_pReceiveBuffer == nullptr) return false;
+    if (m_pReceiveBuffer != nullptr && (m_bBorrowedBuffer || m_uintReadEnd != m_uintReadBegin))
+        return true;
+    if (m_pReceiveBuffer != nullptr) _releaseReadBuffer();  // its frame is taken: borrow again
+    if (!t_readBuffer) t_readBuffer.reset(new (std::nothrow) char[READ_BUFFER_SIZE]);
+    if (!t_readBuffer) return false;
+    // Another link of this thread that was not settled gives it back first.
+    if (t_readBufferHolder != nullptr && t_readBufferHolder != this &&
+        !t_readBufferHolder->settleReadBuffer())
+        return false;
+    t_readBufferHolder = this;
+    m_pReceiveBuffer = t_readBuffer.get();
+    m_bBorrowedBuffer = true;
     m_uintReceiveBufferSize = READ_BUFFER_SIZE;
     m_uintReadBegin = m_uintReadEnd = 0;
     return true;
 }
 
-void CTcpApartmentSink::_clearReceiveBuffer() {
+bool CTcpApartmentSink::settleReadBuffer() {
+    if (m_pReceiveBuffer == nullptr) return true;
+    const unsigned int held = m_uintReadEnd - m_uintReadBegin;
+    if (held == 0 || !m_bBorrowedBuffer) {
+        if (held == 0) _releaseReadBuffer();
+        return true;
+    }
+    // Room for the whole of the frame begun (its header, when that is all
+    // there is), so that the next read completes it.
+    unsigned int capacity = FRAME_HEADER_SIZE;
+    if (held >= FRAME_HEADER_SIZE) {
+        const unsigned int size = readU32(m_pReceiveBuffer + m_uintReadBegin + 4);
+        if (size <= READ_BUFFER_SIZE - FRAME_HEADER_SIZE) capacity = FRAME_HEADER_SIZE + size;
+    }
+    if (capacity < held) capacity = held;
+    char* own = new (std::nothrow) char[capacity];
+    if (own == nullptr) return false;
+    std::memcpy(own, m_pReceiveBuffer + m_uintReadBegin, held);
+    if (t_readBufferHolder == this) t_readBufferHolder = nullptr;
+    m_pReceiveBuffer = own;
+    m_bBorrowedBuffer = false;
+    m_uintReceiveBufferSize = capacity;
+    m_uintReadBegin = 0;
+    m_uintReadEnd = held;
+    return true;
+}
+
+void CTcpApartmentSink::_releaseReadBuffer() {
+    if (m_bBorrowedBuffer) {
+        if (t_readBufferHolder == this) t_readBufferHolder = nullptr;
+        m_pReceiveBuffer = nullptr;
+        m_bBorrowedBuffer = false;
+    }
     delete[] m_pReceiveBuffer;
     m_pReceiveBuffer = nullptr;
     m_uintReceiveBufferSize = 0;
     m_uintReadBegin = m_uintReadEnd = 0;
+}
+
+void CTcpApartmentSink::_clearReceiveBuffer() {
+    _releaseReadBuffer();
     delete[] m_pLargePayload;
     m_pLargePayload = nullptr;
     m_uintLargePayloadFill = 0;
@@ -599,44 +664,73 @@ bool CTcpServerSink::onSinkInited(const char* localAddress, const char* remoteAd
     return true;
 }
 
-bool CTcpServerSink::waitRemoteConnectionInfo(DWORD dwTimeoutMs, bool& bRtConnection) {
-    // Deliberately not reset after a frame of another type is dropped: the
-    // next frame may then be no larger than that one.
-    unsigned int capacity = APARTMENT_CONNECTION_BLOCK_SIZE;
-    timespec giveUpAt = OS::Clock::monotonicDeadline(dwTimeoutMs);
-    const timespec totalGiveUpAt = OS::Clock::monotonicDeadline(CONNECTION_INFO_TOTAL_TIMEOUT_MS);
+CTcpServerSink::CONNECTION_INFO CTcpServerSink::takeConnectionInfo(bool& bRtConnection,
+                                                                    bool& bProgress) {
+    bProgress = false;
+    if (m_bConnectionInfoKnown) {
+        bRtConnection = m_bInfoRt;
+        return INFO_RECEIVED;
+    }
+    CONNECTION_INFO result = INFO_PENDING;
     for (;;) {
         unsigned int type = 0;
         unsigned int size = 0;
         char* payload = nullptr;
-        const FRAME_STATUS status = nextFrame(type, payload, size, capacity);
-        // A frame that can never be taken is refused at its header, before
-        // the rest of it is waited for.
-        if (status == FRAME_TOO_LARGE || status == FRAME_NO_MEMORY) return false;
+        // Deliberately not reset after a frame of another type is dropped:
+        // the next frame may then be no larger than that one. A frame that
+        // can never be taken is refused at its header, before the rest of
+        // it is waited for.
+        const FRAME_STATUS status = nextFrame(type, payload, size, m_uintInfoCapacity);
+        if (status == FRAME_TOO_LARGE || status == FRAME_NO_MEMORY) {
+            result = INFO_REFUSED;
+            break;
+        }
         if (status == FRAME_READY) {
+            bProgress = true;
             if (type == APARTMENT_CONNECTION_FRAME) {
                 std::string url;
-                if (!CApartmentFrameCodec::parseConnectionBlock(payload, size, bRtConnection, url))
-                    return false;
+                if (!CApartmentFrameCodec::parseConnectionBlock(payload, size, bRtConnection,
+                                                                url)) {
+                    result = INFO_REFUSED;
+                    break;
+                }
                 setRemoteApartmentUrl(url.c_str());
                 consumeFrame();
-                return true;
+                m_bInfoRt = bRtConnection;
+                m_bConnectionInfoKnown = true;
+                result = INFO_RECEIVED;
+                break;
             }
-            capacity = size;
+            m_uintInfoCapacity = size;
             consumeFrame();
-            giveUpAt = OS::Clock::monotonicDeadline(dwTimeoutMs);  // a frame dropped is progress
             continue;
         }
-
-        if (OS::Clock::hasPassed(totalGiveUpAt)) return false;
-        if (!m_Socket.readyToRead(dwTimeoutMs, nullptr)) return false;
-        const READ_RESULT read = readAvailable();
+        // No more than the frame being waited for can still need: what
+        // follows the connection frame is the communication thread's.
+        const unsigned int held = m_uintReadEnd - m_uintReadBegin;
+        const unsigned int need = FRAME_HEADER_SIZE + m_uintInfoCapacity;
+        const READ_RESULT read = readAvailable(need > held ? need - held : 1);
         if (read == READ_DATA) {
-            giveUpAt = OS::Clock::monotonicDeadline(dwTimeoutMs);
+            bProgress = true;
             continue;
         }
-        if (read != READ_NOTHING) return false;  // closed, broken, or no memory
-        if (OS::Clock::hasPassed(giveUpAt)) return false;
-        pauseMicroseconds(NO_PROGRESS_PAUSE_US);
+        if (read != READ_NOTHING) result = INFO_REFUSED;  // closed, broken, or no memory
+        break;
+    }
+    if (!settleReadBuffer()) return INFO_REFUSED;
+    return result;
+}
+
+bool CTcpServerSink::waitRemoteConnectionInfo(DWORD dwTimeoutMs, bool& bRtConnection) {
+    timespec giveUpAt = OS::Clock::monotonicDeadline(dwTimeoutMs);
+    const timespec totalGiveUpAt = OS::Clock::monotonicDeadline(CONNECTION_INFO_TOTAL_TIMEOUT_MS);
+    for (;;) {
+        bool progress = false;
+        const CONNECTION_INFO info = takeConnectionInfo(bRtConnection, progress);
+        if (info != INFO_PENDING) return info == INFO_RECEIVED;
+        if (progress) giveUpAt = OS::Clock::monotonicDeadline(dwTimeoutMs);
+        if (OS::Clock::hasPassed(totalGiveUpAt) || OS::Clock::hasPassed(giveUpAt)) return false;
+        if (!m_Socket.readyToRead(dwTimeoutMs, nullptr)) return false;
+        if (!progress) pauseMicroseconds(NO_PROGRESS_PAUSE_US);
     }
 }

@@ -15,13 +15,17 @@
 // caller still returns only once its own frame has been handed to the
 // kernel, or the link has failed.
 //
-// Receiving: the single communication thread that owns the sink (for a
-// fresh server sink, the dispatching thread that reads its connection frame
-// before sharing it). One read takes whatever is waiting into the sink's
-// read buffer, from which complete frames are taken in place; a payload
-// larger than the buffer is read straight into a buffer of its own, which
-// the taker may keep. A header that announces more than the link's maximum
-// is refused before anything is allocated for it.
+// Receiving: the single thread that owns the sink (a communication thread;
+// for a fresh server sink, the listen thread that reads its connection
+// frame before the link is filed). One read takes whatever is waiting into
+// the reading thread's read buffer, borrowed for the call, from which
+// complete frames are taken in place; only the bytes of a frame still
+// incomplete when the reader is done are kept in a buffer of the link's
+// own, sized to that frame (settleReadBuffer), so that an idle link holds
+// no read buffer. A payload larger than the read buffer is read straight
+// into a buffer of its own, which the taker may keep. A header that
+// announces more than the link's maximum is refused before anything is
+// allocated for it.
 //
 // processConnectRequest runs on the listen thread; a client's initSink on
 // the thread that connects.
@@ -30,6 +34,7 @@
 
 #include <string>
 
+#include "ApartmentFrameCodec.h"
 #include "ApartmentSink.h"
 #include "FieldKit/Socket/Socket.h"
 #include "GroundKit/OS/OS_Condition.h"
@@ -110,8 +115,17 @@ public:
     void setMaxFrameSize(unsigned int uintMaxFrameSize);
     unsigned int maxFrameSize() const;
 
-    // Owning thread only. One non-blocking read of what is waiting.
-    READ_RESULT readAvailable();
+    // Owning thread only. One non-blocking read of what is waiting, at most
+    // uintMost bytes. The bytes land in the thread's borrowed read buffer
+    // unless the link holds a partial frame of its own: a reader calls
+    // settleReadBuffer before it leaves the link.
+    READ_RESULT readAvailable(unsigned int uintMost = 0xFFFFFFFFu);
+    // Owning thread only. Gives back the borrowed read buffer: bytes of an
+    // incomplete frame still in it move to a buffer of the link's own, just
+    // large enough for that frame, and a buffer of its own that holds
+    // nothing is freed. False when no memory could be had (the link cannot
+    // go on).
+    bool settleReadBuffer();
     // Owning thread only. The next whole frame held, without taking it: its
     // type, size and payload (valid until the next call on this sink). A
     // header announcing more than min(maximum, uintLimit) bytes gives
@@ -127,6 +141,10 @@ public:
     // Whether a whole frame is already held, so that a wait for the socket
     // must not come first. Owning thread only.
     bool hasFrameReady() const;
+
+    // A condemned link is also shut down at once, so that the thread that
+    // serves it sees it end (and posts its close) without looking for it.
+    void setExpectSinkClosed(bool bExpect) override;
 
     // Sets the socket buffers to LINK_SOCKET_BUFFER_SIZE and turns off
     // Nagle's delay. False only when there is no socket.
@@ -156,8 +174,9 @@ protected:
     RECEIVE_FRAME_STEP m_intReceiveFrameStep;
     unsigned int m_uintReceiveFrameType;  // of the frame nextFrame reported
     unsigned int m_uintReceiveFrameSize;
-    char* m_pReceiveBuffer;               // the read buffer, allocated on first read
+    char* m_pReceiveBuffer;               // the read buffer: borrowed, or the link's own
     unsigned int m_uintReceiveBufferSize;  // its capacity
+    bool m_bBorrowedBuffer;               // m_pReceiveBuffer is the reading thread's
     unsigned int m_uintReadBegin;
     unsigned int m_uintReadEnd;
     char* m_pLargePayload;  // a payload too large for the read buffer
@@ -180,7 +199,13 @@ protected:
 
 private:
     unsigned int effectiveMaxFrameSize() const;
+    // Makes sure there is a read buffer to read into: the one holding a
+    // partial frame, else the thread's, borrowed.
     bool _ensureReceiveBuffer();
+    // Drops the read buffer (gives back a borrowed one); the large payload
+    // and the receive step stay.
+    void _releaseReadBuffer();
+    // Drops everything received and not taken.
     void _clearReceiveBuffer();
     // Marks the frames from pFirst up to (not including) pEnd done and wakes
     // their writers. m_SendMutex held.
@@ -210,7 +235,10 @@ class CTcpListenSink : public IApartmentListenSinkStub {
 public:
     static constexpr unsigned short RANDOM_PORT_MIN = 10000;
     static constexpr unsigned short RANDOM_PORT_MAX = 50000;
-    static constexpr int LISTEN_BACKLOG = 5;
+    // Deep enough for a storm of connections (the system caps it at
+    // net.core.somaxconn): the listen thread takes them in as fast as they
+    // come, but a short queue would refuse them while it does.
+    static constexpr int LISTEN_BACKLOG = 4096;
 
     APARTMENT_SINK_TYPE sinkType() const override;
     // Listen thread only. May throw (an allocation failure); the accepted
@@ -242,6 +270,13 @@ protected:
 // The accepted end, created by CTcpListenSink::processConnectRequest.
 class CTcpServerSink : public IApartmentServerSinkStub {
 public:
+    // What one step of reading the connection frame found.
+    enum CONNECTION_INFO {
+        INFO_RECEIVED,  // the peer is known: see waitRemoteConnectionInfo
+        INFO_PENDING,   // more bytes are needed
+        INFO_REFUSED    // the link broke, or its first frames can never be one
+    };
+
     // The whole handshake wait never lasts longer than this (plus one
     // readability wait): it runs on the host's dispatching thread, and a
     // peer feeding a huge first frame byte by byte would otherwise hold
@@ -249,7 +284,13 @@ public:
     static constexpr DWORD CONNECTION_INFO_TOTAL_TIMEOUT_MS = 1000;
 
     APARTMENT_SINK_TYPE sinkType() const override;
-    // Dispatching thread, before the sink is shared. Frames of other types
+    // Owning thread, before the link is filed. One step that never waits:
+    // reads no more than the connection frame can still need, so that the
+    // frames that follow it stay in the socket for the communication
+    // thread. bProgress tells whether anything was taken. Once received,
+    // every later call answers INFO_RECEIVED with the same flag.
+    CONNECTION_INFO takeConnectionInfo(bool& bRtConnection, bool& bProgress);
+    // Before the sink is shared. Frames of other types
     // are dropped while it waits; a frame too large ever to be the
     // connection block is refused at its header. Each wait for data lasts
     // up to dwTimeoutMs; a peer that sends nothing more is given up after
@@ -261,6 +302,13 @@ public:
 
     // The socket the listen sink accepts into; not yet attached before that.
     CSocket& innerSocket();
+
+private:
+    // The largest frame the connection frame may still come after: frames
+    // of other types are dropped, each making it its own size.
+    unsigned int m_uintInfoCapacity = APARTMENT_CONNECTION_BLOCK_SIZE;
+    bool m_bConnectionInfoKnown = false;
+    bool m_bInfoRt = false;  // the real-time flag the connection frame carried
 
 protected:
     bool onSinkInited(const char* localAddress, const char* remoteAddress) override;
