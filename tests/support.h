@@ -635,6 +635,43 @@ inline Bytes requestFrame(const std::string& srcUrl, const std::string& dstUrl,
     return frame(APARTMENT_REQUEST_FRAME, payload.data(), payload.size());
 }
 
+// Reads one whole frame from a raw peer's socket within timeoutMs: its
+// type and payload. False on time-out, or when the host closed the link
+// (then `closed` says so).
+inline bool receiveFrame(int fd, unsigned int& type, Bytes& payload, long timeoutMs = 2000,
+                         bool* closed = nullptr) {
+    Bytes got;
+    const long long until = nowMs() + timeoutMs;
+    auto need = [&](size_t n) {
+        while (got.size() < n) {
+            const long long left = until - nowMs();
+            int error = 0;
+            if (left <= 0 || os_socket_readable(fd, static_cast<unsigned long>(left), &error,
+                                                USE_DEFAULT) == 0)
+                return false;
+            char buffer[4096];
+            const int r = os_socket_recv(fd, buffer,
+                                         static_cast<int>(std::min(sizeof buffer, n - got.size())),
+                                         0, USE_DEFAULT);
+            if (r <= 0) {
+                if (closed != nullptr) *closed = true;
+                return false;
+            }
+            got.insert(got.end(), buffer, buffer + r);
+        }
+        return true;
+    };
+    if (!need(8)) return false;
+    auto u32 = [&](size_t at) {
+        return static_cast<unsigned int>(got[at]) << 24 | static_cast<unsigned int>(got[at + 1]) << 16 |
+               static_cast<unsigned int>(got[at + 2]) << 8 | got[at + 3];
+    };
+    type = u32(0);
+    if (!need(8 + static_cast<size_t>(u32(4)))) return false;
+    payload.assign(got.begin() + 8, got.end());
+    return true;
+}
+
 // The URL a raw peer announces: nothing listens there, so the host can only
 // reach it over the link the peer opened.
 inline const std::string kGhost = "tcp://127.0.0.1:9";
