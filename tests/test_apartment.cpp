@@ -14,6 +14,7 @@
 #include "MessageQueue.h"
 #include "TcpApartment.h"
 #include "TcpApartmentSink.h"
+#include "ApartmentNode.h"
 #include "support.h"
 
 using namespace aptest;
@@ -384,6 +385,12 @@ protected:
         for (const auto& request : recorder->requests()) ids.push_back(request.id);
         return ids;
     }
+    // The node, told that it wrote these request ids.
+    CApartmentNode* awaiting(std::initializer_list<unsigned int> ids) {
+        CApartmentNode* n = static_cast<CApartmentNode*>(node.operator->());
+        for (unsigned int id : ids) n->expectResponse(id);
+        return n;
+    }
 
     Registry registry;
     CReference<IApartment> apartment;
@@ -500,6 +507,7 @@ TEST_F(MessageLoop, StoredResponsesStayAndTheFirstWins) {
     EXPECT_TRUE(node->getResponse(9, code, nullptr, size, 0));
     EXPECT_EQ(size, 6u);
 
+    awaiting({4});
     EXPECT_EQ(apartment->dispatchMessage(responseMessage("node", 4, 0, "a")), 1);
     testing::internal::CaptureStdout();
     EXPECT_EQ(apartment->dispatchMessage(responseMessage("node", 4, 1, "b")), 1);
@@ -509,6 +517,76 @@ TEST_F(MessageLoop, StoredResponsesStayAndTheFirstWins) {
     ASSERT_TRUE(node->getResponse(4, code, buffer, size, 0));
     EXPECT_EQ(code, 0);
     EXPECT_EQ(std::string(buffer, size), "a");
+}
+
+// An answer from a link is kept only while its request is awaited: rows of
+// what requesters do, each with whether its answer can still be read.
+TEST_F(MessageLoop, OnlyAnswersThatSomeoneWaitsForAreKept) {
+    CApartmentNode* n = awaiting({});
+    n->setUnreadLimit(600);
+    int code = 0;
+    unsigned int size = 0;
+    char buffer[8];
+    auto answer = [&](unsigned int id) {
+        apartment->dispatchMessage(responseMessage("node", id, 0, "ok"));
+    };
+    auto read = [&](unsigned int id, int ms) {
+        size = sizeof buffer;
+        return node->getResponse(id, code, buffer, size, ms);
+    };
+    const long past = CApartmentNode::GIVE_UP_GRACE_MS + 100;
+    // Never written: dropped at once, one line for the burst.
+    testing::internal::CaptureStdout();
+    for (unsigned int id : {1, 2, 3}) answer(id);
+    const std::string burst = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(burst.find("answers no request"), burst.rfind("answers no request")) << burst;
+    EXPECT_NE(burst.find("Response 1 to node node"), std::string::npos) << burst;
+    EXPECT_FALSE(read(1, 0));
+    // Written, answered and read later in any order; once handed out, a
+    // second answer is not kept.
+    awaiting({10, 11, 12});
+    for (unsigned int id : {12, 10, 11}) answer(id);
+    for (unsigned int id : {11, 10, 12}) EXPECT_TRUE(read(id, 0)) << id;
+    EXPECT_TRUE(node->removeResponse(10));
+    answer(10);
+    EXPECT_FALSE(read(10, 0));
+    // Polled with time-out 0 for longer than the grace: never given up.
+    awaiting({20});
+    EXPECT_FALSE(read(20, 0));
+    sleepMs(past);
+    EXPECT_FALSE(read(20, 0));
+    answer(20);
+    EXPECT_TRUE(read(20, 0));
+    // A read made of shorter waits keeps the answer that came between two.
+    awaiting({30});
+    EXPECT_FALSE(read(30, 20));
+    answer(30);
+    EXPECT_TRUE(read(30, 20));
+    // A null buffer peeks and keeps the answer.
+    awaiting({40});
+    answer(40);
+    EXPECT_TRUE(node->getResponse(40, code, nullptr, size, 0));
+    EXPECT_TRUE(read(40, 0));
+    // Given up (a timed read ended without it) and answered after the
+    // grace: dropped; answered within it but never read: gone after it.
+    awaiting({50, 60});
+    EXPECT_FALSE(read(50, 20));
+    EXPECT_FALSE(read(60, 20));
+    answer(60);
+    sleepMs(past);
+    answer(50);
+    EXPECT_FALSE(read(50, 0));
+    EXPECT_FALSE(read(60, 0));
+    // Awaited, answered and never read: dropped after the unread limit,
+    // with a line.
+    awaiting({70});
+    answer(70);
+    sleepMs(700);
+    testing::internal::CaptureStdout();
+    answer(71);
+    const std::string late = testing::internal::GetCapturedStdout();
+    EXPECT_NE(late.find("response(s) dropped unread after 600 ms"), std::string::npos) << late;
+    EXPECT_FALSE(read(70, 0));
 }
 
 // Without a response, a zero time-out fails at once, also while another
@@ -530,6 +608,7 @@ TEST_F(MessageLoop, AReaderWithAZeroTimeOutFailsAtOnce) {
 // traffic ahead of it on its own thread; a message whose dispatch is not
 // 1 ends the wait.
 TEST_F(MessageLoop, AReaderThatDispatchesPumpsUntilTheResponseArrives) {
+    awaiting({31, 32, 33});
     post(apartment, requestMessage("node", 30));
     std::thread producer([&] {
         sleepMs(50);

@@ -500,7 +500,8 @@ TEST_F(ApiWithPeer, NodesOfOneApartmentTalkThroughItsOwnUrl) {
 
 // Apartment timers reach the apartment callback, node timers the node's:
 // a single timer fires once and is gone, a periodic one fires until
-// killed. Timers of a node that does not exist are refused.
+// killed, also when its first callback throws. Timers of a node that does
+// not exist are refused.
 class Timers : public Api, public ::testing::WithParamInterface<const char*> {};
 
 TEST_P(Timers, FireOnceOrPeriodicallyUntilKilled) {
@@ -516,6 +517,13 @@ TEST_P(Timers, FireOnceOrPeriodicallyUntilKilled) {
     ASSERT_NE(single, NO_TIMER);
     ASSERT_NE(periodic, NO_TIMER);
     ASSERT_NE(periodic, single);
+    bool thrown = false;
+    target->onTimerFired([&](unsigned int id) {
+        if (id == periodic && !thrown) {
+            thrown = true;
+            throw std::runtime_error("the first tick throws");
+        }
+    });
     auto count = [&](unsigned int id) {
         const std::vector<unsigned int> fired = target->timers();
         return std::count(fired.begin(), fired.end(), id);

@@ -37,10 +37,12 @@ unsigned int countFromEnvironment(const char* variable, const char* what, unsign
 
 const char* const CApartment::MAX_FRAME_BYTES_VARIABLE = "APARTMENT_MAX_FRAME_BYTES";
 const char* const CApartment::MAX_LINKS_VARIABLE = "APARTMENT_MAX_LINKS";
+const char* const CApartment::UNREAD_RESPONSE_MS_VARIABLE = "APARTMENT_UNREAD_RESPONSE_MS";
 
 CApartment::CApartment()
     : m_uintMaxFrameSize(APARTMENT_DEFAULT_MAX_FRAME_SIZE),
       m_uintMaxLinks(DEFAULT_MAX_LINKS),
+      m_uintUnreadResponseMs(CApartmentNode::DEFAULT_UNREAD_RESPONSE_MS),
       m_ConnectionManageMutex(MUTEX_NONE, USE_STD, nullptr),
       m_ConnectionNotEmptyCondition(nullptr, USE_STD),
       m_LinkOpenCondition(nullptr, USE_STD),
@@ -83,6 +85,9 @@ bool CApartment::initApartment(const char* strApartmentUrl, bool bListen) {
     m_uintMaxFrameSize = countFromEnvironment(MAX_FRAME_BYTES_VARIABLE, "maximum frame size",
                                               APARTMENT_DEFAULT_MAX_FRAME_SIZE);
     m_uintMaxLinks = countFromEnvironment(MAX_LINKS_VARIABLE, "maximum of links", DEFAULT_MAX_LINKS);
+    m_uintUnreadResponseMs = countFromEnvironment(UNREAD_RESPONSE_MS_VARIABLE,
+                                                  "time an unread response is kept (ms)",
+                                                  CApartmentNode::DEFAULT_UNREAD_RESPONSE_MS);
     std::string url = strApartmentUrl != nullptr ? strApartmentUrl : "";
     std::string address;
     getPortAddressFromApartmentUrl(strApartmentUrl, address);
@@ -153,7 +158,9 @@ bool CApartment::getApartmentUrl(char* strApartmentUrl, DWORD& dwLen) const {
 // -------------------------------------------------------------------- nodes
 
 bool CApartment::createApartmentNode(const char* strNodeUrl) {
-    CReference<IApartmentNode> node(new CApartmentNode(this));
+    CApartmentNode* made = new CApartmentNode(this);
+    CReference<IApartmentNode> node(made);
+    made->setUnreadLimit(m_uintUnreadResponseMs);
     const std::string name = strNodeUrl != nullptr ? strNodeUrl : "";
     TAutoMutex<OS::TRecursiveMutex> lock(&m_NodeManageMutex);
     return m_ApartmentNodeMap.emplace(name, node).second;

@@ -92,6 +92,7 @@ public:
     // The environment variable that sets the maximum frame size.
     static const char* const MAX_FRAME_BYTES_VARIABLE;
     static const char* const MAX_LINKS_VARIABLE;
+    static const char* const UNREAD_RESPONSE_MS_VARIABLE;
     // The most links an apartment holds (filed, and accepted connections
     // whose connection frame is awaited), unless APARTMENT_MAX_LINKS says
     // otherwise: a connection beyond it is closed at once.
@@ -367,6 +368,12 @@ private:
     // Set by initApartment before any sink exists; read-only afterwards.
     unsigned int m_uintMaxFrameSize;
     unsigned int m_uintMaxLinks;
+    unsigned int m_uintUnreadResponseMs;
+    // Answers that no request waits for are reported one line a second:
+    // when the last line went (s, monotonic; -1 before the first), and how
+    // many were dropped quietly since.
+    std::atomic<long long> m_llUnexpectedLineAt{-1};
+    std::atomic<unsigned long> m_ulUnexpectedSuppressed{0};
 
     // Guards the two sink maps, the loopback URL, both loopback slots and
     // m_LinkOpens. m_ConnectionNotEmptyCondition wakes an idle communication

@@ -8,6 +8,8 @@
 #include <string_view>
 
 #include "Apartment.h"
+#include "GroundKit/OS/OS_Clock.h"
+#include "ApartmentNode.h"
 #include "ApartmentFrameCodec.h"
 #include "ApartmentSink.h"
 #include "FieldKit/BoundedStream/AbstractStream.h"
@@ -73,11 +75,18 @@ bool CApartment::writeRequestFrame(const char* strApartmentNodeUrl,
                                                    strRemoteApartmentNodeUrl, id, bRequireResponse);
         }))
         return false;
+    // The node learns what to wait for before the answer can come back.
+    CReference<IApartmentNode> node;
+    if (bRequireResponse) node = findApartmentNode(strApartmentNodeUrl);
+    if (!node.nil()) static_cast<CApartmentNode*>(node.operator->())->expectResponse(id);
     // The caller's data follows the fields as it is, without a copy.
     const bool sent = link->sendFrameParts(APARTMENT_REQUEST_FRAME, head.data(), head.size(),
                                            pRequestBuffer,
                                            pRequestBuffer != nullptr ? uintBufLen : 0);
-    if (sent) uintRequestId = id;
+    if (sent)
+        uintRequestId = id;
+    else if (!node.nil())
+        static_cast<CApartmentNode*>(node.operator->())->forgetResponse(id);
     return sent;
 }
 
@@ -230,10 +239,33 @@ void CApartment::onResponseFrameArrived(IApartmentFrame* pFrame) {
         return;
     CReference<IApartmentNode> node(findApartmentNode(response.m_strTargetNodeUrl.c_str()));
     if (node.nil()) return;
-    if (!node->addResponse(response.m_uintRequestId, response.m_intResponseCode, response.m_pData,
-                           response.m_uintDataSize))
+    const CApartmentNode::ANSWER answer =
+        static_cast<CApartmentNode*>(node.operator->())
+            ->acceptResponse(response.m_uintRequestId, response.m_intResponseCode,
+                             response.m_pData, response.m_uintDataSize);
+    if (answer == CApartmentNode::ANSWER_DUPLICATE) {
         log_task_line("[Apartment Warning]: Request %u already have response.",
                       response.m_uintRequestId);
+    } else if (answer == CApartmentNode::ANSWER_UNEXPECTED) {
+        // One line for the first of a burst (a peer may send thousands):
+        // at most one a second, counting the ones it kept quiet about.
+        const long long now = OS::Clock::monotonicNow().tv_sec;
+        const long long last = m_llUnexpectedLineAt.load();
+        if (last >= 0 && now - last < 1) {
+            ++m_ulUnexpectedSuppressed;
+            return;
+        }
+        m_llUnexpectedLineAt = now;
+        const unsigned long quiet = m_ulUnexpectedSuppressed.exchange(0);
+        if (quiet == 0)
+            log_task_line("[Apartment Warning]: Response %u to node %s answers no request it "
+                          "waits for: dropped.",
+                          response.m_uintRequestId, response.m_strTargetNodeUrl.c_str());
+        else
+            log_task_line("[Apartment Warning]: Response %u to node %s answers no request it "
+                          "waits for: dropped (and %lu more since the last such line).",
+                          response.m_uintRequestId, response.m_strTargetNodeUrl.c_str(), quiet);
+    }
 }
 
 void CApartment::onNormalFrameArrived(IApartmentFrame* pFrame) {

@@ -50,6 +50,24 @@ R guarded(const char* where, R failure, F&& fn) {
     }
 }
 
+// Runs fn(), then after() whether fn threw or not; what fn threw is thrown
+// again once after() has run (so that it is still reported where it is
+// caught). A timer's callback runs this way: its next period is set even
+// when the host's callback throws.
+template <class F, class A>
+void runThenAlways(F&& fn, A&& after) {
+    std::exception_ptr thrown;
+    try {
+        fn();
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        thrown = std::current_exception();
+    }
+    after();
+    if (thrown) std::rethrow_exception(thrown);
+}
+
 // Starts one of the library's threads. A thread the system refuses is
 // reported the same way wherever it happens, with one line ("[Apartment
 // Error]: the <what> thread could not be created (error <errno>)."), and

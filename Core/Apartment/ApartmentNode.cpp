@@ -2,9 +2,19 @@
 
 #include <vector>
 
+#include "ApartmentGuard.h"
 #include "ApartmentTimerManager.h"
 #include "GroundKit/OS/OS_Clock.h"
 #include "GroundKit/OS/OS_Thread.h"
+#include "os_log.h"
+
+namespace {
+const long long NS_PER_MS = 1000000;
+long long nowNs() {
+    const timespec now = OS::Clock::monotonicNow();
+    return static_cast<long long>(now.tv_sec) * 1000 * NS_PER_MS + now.tv_nsec;
+}
+}  // namespace
 
 CApartmentNode::CApartmentNode(IApartment* pApartment)
     : m_QueueNotEmptyCondition(nullptr, USE_STD), m_pApartment(pApartment) {
@@ -38,9 +48,14 @@ void CApartmentNode::notifyApartmentOffline(const char* strSourceApartmentUrl) {
 
 void CApartmentNode::onApartmentTimer(unsigned int uintTimerId) {
     CReference<IApartmentNodeCallback> cb = callback();
-    if (!cb.nil()) cb->onTimer(uintTimerId);
-    CApartmentTimerManager* manager = CApartmentTimerManager::getUniqueApartmentTimerManager();
-    if (manager != nullptr && !manager->generateNextTimer(uintTimerId)) killTimer(uintTimerId);
+    // A callback that throws costs its tick, not the timer.
+    runThenAlways([&] { if (!cb.nil()) cb->onTimer(uintTimerId); },
+                  [&] {
+                      CApartmentTimerManager* manager =
+                          CApartmentTimerManager::getUniqueApartmentTimerManager();
+                      if (manager != nullptr && !manager->generateNextTimer(uintTimerId))
+                          killTimer(uintTimerId);
+                  });
 }
 
 void CApartmentNode::receiveRequest(const char* strSourceApartmentUrl,
@@ -75,9 +90,119 @@ CReference<IApartmentNodeResponseData> CApartmentNode::findResponse(unsigned int
     return it == m_responseDataMap.end() ? CReference<IApartmentNodeResponseData>() : it->second;
 }
 
+void CApartmentNode::expectResponse(unsigned int uintRequestId) {
+    TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
+    m_Awaited[uintRequestId].m_llSince = nowNs();
+}
+
+void CApartmentNode::forgetResponse(unsigned int uintRequestId) {
+    TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
+    m_Awaited.erase(uintRequestId);
+}
+
+CApartmentNode::ANSWER CApartmentNode::acceptResponse(unsigned int uintRequestId,
+                                                      int intResponseCode,
+                                                      const void* pResponseBuffer,
+                                                      unsigned int uintBufLen) {
+    std::vector<CReference<IApartmentNodeResponseData>> dropped;  // released after the mutex
+    TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
+    const long long now = nowNs();
+    sweepLocked(now, dropped);
+    if (m_responseDataMap.count(uintRequestId) != 0) return ANSWER_DUPLICATE;
+    auto awaited = m_Awaited.find(uintRequestId);
+    if (awaited == m_Awaited.end()) return ANSWER_UNEXPECTED;
+    long long expires = now + static_cast<long long>(m_uintUnreadLimitMs) * NS_PER_MS;
+    const bool givenUp = awaited->second.m_bGivenUp;
+    if (givenUp) {
+        expires = awaited->second.m_llSince + GIVE_UP_GRACE_MS * NS_PER_MS;
+        if (expires <= now) {
+            m_Awaited.erase(awaited);
+            return ANSWER_UNEXPECTED;
+        }
+    }
+    m_Awaited.erase(awaited);
+    m_responseDataMap.emplace(uintRequestId, CReference<IApartmentNodeResponseData>(
+                                                 new CApartmentNodeResponseData(
+                                                     intResponseCode, pResponseBuffer, uintBufLen)));
+    m_ExpiresAt[uintRequestId] = _EXPIRY{expires, givenUp};
+    m_Expiries.emplace(expires, uintRequestId);
+    m_QueueNotEmptyCondition.notifyAll();
+    return ANSWER_STORED;
+}
+
+void CApartmentNode::sweepLocked(long long llNow,
+                                 std::vector<CReference<IApartmentNodeResponseData>>& dropped) {
+    size_t unread = 0;
+    while (!m_Expiries.empty() && m_Expiries.begin()->first <= llNow) {
+        const long long expiry = m_Expiries.begin()->first;
+        const unsigned int id = m_Expiries.begin()->second;
+        m_Expiries.erase(m_Expiries.begin());
+        auto at = m_ExpiresAt.find(id);
+        if (at == m_ExpiresAt.end() || at->second.m_llAt != expiry) continue;  // removed since
+        const bool quiet = at->second.m_bQuiet;
+        m_ExpiresAt.erase(at);
+        auto data = m_responseDataMap.find(id);
+        if (data == m_responseDataMap.end()) continue;
+        dropped.push_back(data->second);
+        m_responseDataMap.erase(data);
+        // Answers to given-up requests go quietly: their requester moved on.
+        if (!quiet) ++unread;
+    }
+    if (unread != 0)
+        log_task_line("[Apartment Warning]: %zu response(s) dropped unread after %u ms "
+                      "(APARTMENT_UNREAD_RESPONSE_MS).",
+                      unread, m_uintUnreadLimitMs);
+
+    // The requests: looked over now and then, not per call.
+    if (llNow < m_llNextAwaitedSweep) return;
+    const long long limit = static_cast<long long>(m_uintUnreadLimitMs) * NS_PER_MS;
+    m_llNextAwaitedSweep = llNow + (limit / 4 > 1000 * NS_PER_MS ? 1000 * NS_PER_MS : limit / 4);
+    for (auto it = m_Awaited.begin(); it != m_Awaited.end();) {
+        const long long age = llNow - it->second.m_llSince;
+        const bool over = it->second.m_bGivenUp ? age > GIVE_UP_GRACE_MS * NS_PER_MS : age > limit;
+        if (over && it->second.m_uintReaders == 0)
+            it = m_Awaited.erase(it);
+        else
+            ++it;
+    }
+}
+
 bool CApartmentNode::getResponse(unsigned int uintRequestId, int& intResponseCode,
                                  void* pResponseBuffer, unsigned int& uintBufLen,
                                  int intTimeout) {
+    std::vector<CReference<IApartmentNodeResponseData>> dropped;  // released after the mutex
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
+        sweepLocked(nowNs(), dropped);
+        auto awaited = m_Awaited.find(uintRequestId);
+        if (awaited != m_Awaited.end()) {
+            ++awaited->second.m_uintReaders;
+            awaited->second.m_bGivenUp = false;  // a new read takes it up again
+        }
+    }
+    bool found = false;
+    struct ReadEnd {
+        CApartmentNode* node;
+        unsigned int id;
+        const bool& found;
+        bool givesUp;
+        ~ReadEnd() {
+            TAutoMutex<OS::TBaseMutex> lock(&node->m_DataMutex);
+            auto awaited = node->m_Awaited.find(id);
+            if (awaited == node->m_Awaited.end() || --awaited->second.m_uintReaders != 0) return;
+            if (!found && givesUp) {
+                awaited->second.m_bGivenUp = true;
+                awaited->second.m_llSince = nowNs();
+            }
+        }
+    } end{this, uintRequestId, found, intTimeout > 0};
+    found = waitResponse(uintRequestId, intResponseCode, pResponseBuffer, uintBufLen, intTimeout);
+    return found;
+}
+
+bool CApartmentNode::waitResponse(unsigned int uintRequestId, int& intResponseCode,
+                                  void* pResponseBuffer, unsigned int& uintBufLen,
+                                  int intTimeout) {
     const timespec deadline = OS::Clock::deadlineAfter(intTimeout);
 
     unsigned long lockedThreadId = 0;
@@ -119,6 +244,8 @@ bool CApartmentNode::getResponse(unsigned int uintRequestId, int& intResponseCod
 bool CApartmentNode::removeResponse(unsigned int uintRequestId) {
     CReference<IApartmentNodeResponseData> removed;
     TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
+    m_Awaited.erase(uintRequestId);  // handed out: a second answer is not awaited
+    m_ExpiresAt.erase(uintRequestId);
     auto it = m_responseDataMap.find(uintRequestId);
     if (it == m_responseDataMap.end()) return false;
     removed = it->second;  // released after the mutex, when `lock` has gone

@@ -8,11 +8,29 @@
 // Threads: requests, timer firings and offline notices arrive on the
 // apartment's dispatching thread; responses are stored there too. Any host
 // thread may wait for a response (getResponse) and set or kill timers.
+//
+// Answers nobody waits for are not kept. The node knows the request ids it
+// wrote (expectResponse) and, of the answers that arrive from a link
+// (acceptResponse), keeps only those: an answer to an id it never wrote,
+// or whose answer it already stored or handed out, is dropped at once. A
+// request is given up when a read of it with a time-out above 0 ends
+// without its answer and no other read of it is under way; its answer is
+// then kept only if it arrives, or a new read of it starts, within
+// GIVE_UP_GRACE_MS (so that a read made of several shorter waits loses
+// nothing between them), and for no longer than that unless read. Reads
+// with time-out 0 (polls) and reads without limit never give up. Every
+// answer kept is dropped, with one diagnostic line per batch, once it has
+// waited uncollected for the unread limit (APARTMENT_UNREAD_RESPONSE_MS,
+// read by the apartment). A request that is never answered is forgotten
+// after the same limit when nobody reads it. addResponse is the plain
+// store underneath, for any id.
 #ifndef APARTMENT_APARTMENTNODE_H
 #define APARTMENT_APARTMENTNODE_H
 
 #include <map>
 #include <set>
+#include <unordered_map>
+#include <vector>
 
 #include "ApartmentNodeResponseData.h"
 #include "GroundKit/Base/Stub.h"
@@ -26,6 +44,16 @@ class IApartmentNodeStub : public TRootStub<IApartmentNode> {};
 
 class CApartmentNode : public IApartmentNodeStub {
 public:
+    // How long an answer to a given-up request is still taken (see above).
+    static const unsigned int GIVE_UP_GRACE_MS = 250;
+    static const unsigned int DEFAULT_UNREAD_RESPONSE_MS = 60000;
+    // What became of an answer that arrived from a link.
+    enum ANSWER {
+        ANSWER_STORED,     // kept until read, removed or expired
+        ANSWER_DUPLICATE,  // its answer is stored already: the first one stays
+        ANSWER_UNEXPECTED  // no request of the node waits for it: dropped
+    };
+
     explicit CApartmentNode(IApartment* pApartment);
     // Kills the node's remaining timers first.
     virtual ~CApartmentNode();
@@ -46,14 +74,42 @@ public:
     bool getResponse(unsigned int uintRequestId, int& intResponseCode, void* pResponseBuffer,
                      unsigned int& uintBufLen, int intTimeout) override;
     bool removeResponse(unsigned int uintRequestId) override;
+    // Any thread, before the request leaves (its answer may come back at
+    // once); forgetResponse when it could not be sent.
+    void expectResponse(unsigned int uintRequestId);
+    void forgetResponse(unsigned int uintRequestId);
+    // Dispatching thread: an answer from a link, kept only when awaited.
+    ANSWER acceptResponse(unsigned int uintRequestId, int intResponseCode,
+                          const void* pResponseBuffer, unsigned int uintBufLen);
+    // Set by the apartment when it makes the node.
+    void setUnreadLimit(unsigned int uintMs) { m_uintUnreadLimitMs = uintMs; }
     unsigned int setTimer(unsigned int uintLagTime, unsigned int uintInterval) override;
     unsigned int setSingleTimer(unsigned int uintLagTime) override;
     bool killTimer(unsigned int uintTimerId) override;
     void killAllTimer();
 
 private:
+    // A request written and not yet answered.
+    struct _AWAITED {
+        long long m_llSince;           // when written, or given up (ns, monotonic)
+        bool m_bGivenUp = false;
+        unsigned int m_uintReaders = 0;  // reads of it under way
+    };
+
+    // When a kept answer expires; quietly for one to a given-up request.
+    struct _EXPIRY {
+        long long m_llAt;
+        bool m_bQuiet;
+    };
+
     CReference<IApartmentNodeCallback> callback();
     CReference<IApartmentNodeResponseData> findResponse(unsigned int uintRequestId);
+    bool waitResponse(unsigned int uintRequestId, int& intResponseCode, void* pResponseBuffer,
+                      unsigned int& uintBufLen, int intTimeout);
+    // Drops the answers whose time is up and forgets the requests given up
+    // or never answered past theirs. m_DataMutex held; what goes is moved
+    // into `dropped`, to be released after the mutex.
+    void sweepLocked(long long llNow, std::vector<CReference<IApartmentNodeResponseData>>& dropped);
 
     // Guards m_apartmentNodeCallback: setCallback may run on any host thread
     // while the dispatching thread calls out. Never held during a callback.
@@ -64,6 +120,15 @@ private:
     OS::TBaseMutex m_DataMutex;
     OS::TCondition m_QueueNotEmptyCondition;
     std::map<unsigned int, CReference<IApartmentNodeResponseData>> m_responseDataMap;
+    // Also under m_DataMutex: the requests awaited; when each answer that
+    // acceptResponse kept expires, and the same by time (entries whose
+    // answer went meanwhile are skipped); when the awaited requests are
+    // next looked over.
+    std::unordered_map<unsigned int, _AWAITED> m_Awaited;
+    std::unordered_map<unsigned int, _EXPIRY> m_ExpiresAt;
+    std::multimap<long long, unsigned int> m_Expiries;
+    long long m_llNextAwaitedSweep = 0;
+    unsigned int m_uintUnreadLimitMs = DEFAULT_UNREAD_RESPONSE_MS;
     // Guards m_timerIdSet (host threads set and kill timers while the
     // dispatching thread forgets finished ones).
     OS::TBaseMutex m_TimerIdMutex;

@@ -2,6 +2,7 @@
 // watches a remote apartment with alive frames.
 #include "Apartment.h"
 #include "ApartmentFrameCodec.h"
+#include "ApartmentGuard.h"
 #include "ApartmentSink.h"
 #include "ApartmentTimerManager.h"
 
@@ -93,24 +94,34 @@ void CApartment::onApartmentTimer(IApartmentNode* pNode, unsigned int uintTimerI
             remoteUrl = it->second.m_strRemoteApartmentUrl;
         }
     }
+    auto rearm = [this, uintTimerId] {
+        CApartmentTimerManager* manager = CApartmentTimerManager::getUniqueApartmentTimerManager();
+        if (manager == nullptr || !manager->generateNextTimer(uintTimerId))
+            killTimer(nullptr, uintTimerId);
+    };
     if (heartbeat && counterLeft) {
         heartbeatWithApartment(remoteUrl.c_str(), uintTimerId);
-        // Looked up again: the watch may have been stopped meanwhile.
-        TAutoMutex<OS::TBaseMutex> lock(&m_HeartbeatMutex);
-        auto it = m_HeartbeatTimerInfoMap.find(uintTimerId);
-        if (it != m_HeartbeatTimerInfoMap.end() && it->second.m_uintAliveCounter != 0)
-            --it->second.m_uintAliveCounter;
-    } else {
-        CReference<IApartmentCallback> cb = apartmentCallback();
-        if (!cb.nil()) {
+        {
+            // Looked up again: the watch may have been stopped meanwhile.
+            TAutoMutex<OS::TBaseMutex> lock(&m_HeartbeatMutex);
+            auto it = m_HeartbeatTimerInfoMap.find(uintTimerId);
+            if (it != m_HeartbeatTimerInfoMap.end() && it->second.m_uintAliveCounter != 0)
+                --it->second.m_uintAliveCounter;
+        }
+        rearm();
+        return;
+    }
+    CReference<IApartmentCallback> cb = apartmentCallback();
+    // A callback that throws costs its tick, not the timer.
+    runThenAlways(
+        [&] {
+            if (cb.nil()) return;
             if (heartbeat)
                 cb->onApartmentOffline(remoteUrl.c_str());
             else
                 cb->onTimer(uintTimerId);
-        }
-    }
-    CApartmentTimerManager* manager = CApartmentTimerManager::getUniqueApartmentTimerManager();
-    if (manager == nullptr || !manager->generateNextTimer(uintTimerId)) killTimer(nullptr, uintTimerId);
+        },
+        rearm);
 }
 
 bool CApartment::heartbeatWithApartment(const char* strRemoteApartmentUrl,

@@ -1,5 +1,7 @@
 // serve: a listening apartment that answers requests and prints what
 // arrives, until SIGINT or SIGTERM.
+#include <sys/resource.h>
+
 #include <atomic>
 #include <cstdio>
 #include <string>
@@ -26,7 +28,8 @@ const char SERVE_USAGE[] =
     "(--print). Notifications, raw frames and closed links are printed;\n"
     "--quiet prints nothing after the first line. The node _stats answers with\n"
     "counters. --verbose shows the library's own messages on stderr.\n"
-    "Stops cleanly on SIGINT or SIGTERM.\n";
+    "The soft limit on open descriptors is raised to the hard one: each link\n"
+    "holds one. Stops cleanly on SIGINT or SIGTERM.\n";
 
 // Counts of what arrived; raw frames are counted on the real-time thread.
 struct Counters {
@@ -35,6 +38,15 @@ struct Counters {
     std::atomic<unsigned long> rawFrames{0};
     std::atomic<unsigned long> rawBytes{0};
 };
+
+// A service holds a descriptor per link: as many as the system allows this
+// process, not the soft limit a shell happens to hand down.
+void raiseDescriptorLimit() {
+    rlimit files{};
+    if (getrlimit(RLIMIT_NOFILE, &files) != 0 || files.rlim_cur >= files.rlim_max) return;
+    files.rlim_cur = files.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &files);
+}
 
 }  // namespace
 
@@ -57,6 +69,7 @@ int runServe(const Words& words) {
     // Declared before the session: library threads use it until the
     // session's end has stopped them.
     Counters counters;
+    raiseDescriptorLimit();
     separateLibraryOutput(args.has("verbose"));
     installStopSignals();
     ApartmentSession session(url);
