@@ -25,6 +25,7 @@
 #include <functional>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -36,6 +37,8 @@ const char USAGE[] =
     "  storm ms, answered, closed: N links open at once, each sends its connection frame\n"
     "    and a --size B (32768) request to node echo: ms until each was answered once\n"
     "    (\">\": gave up at 60 s), links answered, links closed or never accepted;\n"
+    "  then links not answered are opened again, 16 connects at a time (60 s at most):\n"
+    "    what follows covers the links then open and answered (stderr: how many);\n"
     "  rtt p50, p99 us: --samples (2000) 64 B requests one at a time, each on a random\n"
     "    answered link while the rest idle (20 s at most each, then shown \">\"; 60 s in all);\n"
     "  RSS KiB/link: host VmRSS with the links answered and idle less VmRSS before them,\n"
@@ -49,7 +52,8 @@ const char USAGE[] =
     "mix), read through /proc/PID, never stopped. Progress goes to stderr.\n"
     "Exit code 0 when it ran, 2 on usage errors, 1 when the host did not start.\n";
 
-const int RTT_SAMPLE_LIMIT_MS = 20000, STORM_LIMIT_MS = 60000, RTT_BUDGET_MS = 60000;
+const int RTT_SAMPLE_LIMIT_MS = 20000, STORM_LIMIT_MS = 60000, RTT_BUDGET_MS = 60000,
+          TOP_UP_LIMIT_MS = 60000, TOP_UP_WINDOW = 16;
 const size_t SMALL = 64;                     // bytes of a round trip's request
 const size_t HEADER = 8, KEPT = 1024;        // of a frame read: enough for a response's fields
 const uint32_t CONNECTION = 0, REQUEST = 1, RESPONSE = 2;  // frame types
@@ -139,24 +143,27 @@ public:
     std::vector<Link> links;  // never beyond the capacity given
     // Called for each response frame (code INT32_MIN when unreadable).
     std::function<void(Link&, uint32_t id, int32_t code, uint32_t dataSize)> onResponse;
-    // Links the host closed, never accepted, and either before their storm
-    // request was answered.
-    int connected = 0, closed = 0, refused = 0, lost = 0;
+    // Links connected, connecting now, closed by the host, never accepted,
+    // and closed either way before their storm request was answered.
+    int connected = 0, connecting = 0, closed = 0, refused = 0, lost = 0;
 
-    // Starts a non-blocking connect; false (errno set) without a socket or room.
-    bool open(const std::string& url) {
-        if (links.size() == links.capacity()) return errno = ENOBUFS, false;
+    // Starts a non-blocking connect, as a new link or in place of the closed
+    // link `slot`; false (errno set) without a socket or room.
+    bool open(std::string url, size_t slot = SIZE_MAX) {  // a copy: it may be the slot's
+        if (slot == SIZE_MAX && links.size() == links.capacity()) return errno = ENOBUFS, false;
         const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         if (fd < 0) return false;
-        links.emplace_back();
-        links.back().fd = fd, links.back().url = url;
+        if (slot == SIZE_MAX) slot = links.size(), links.emplace_back();
+        Link& l = links[slot] = Link();
+        l.fd = fd, l.url = std::move(url);
         // Edge-triggered: each direction is drained or filled until it would block.
         epoll_event e{EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET, {}};
-        e.data.u64 = links.size() - 1;
+        e.data.u64 = slot;
         epoll_ctl(m_epoll, EPOLL_CTL_ADD, fd, &e);
+        ++connecting;
         if (connect(fd, reinterpret_cast<sockaddr*>(&m_address), sizeof m_address) != 0 &&
             errno != EINPROGRESS)
-            shut(links.back());
+            shut(l);
         return true;
     }
     // Queues `bytes` then `body` (which must outlive the write), and writes
@@ -183,24 +190,28 @@ public:
                 if (error != 0) shut(l);
                 if (error != 0 || !(events[i].events & EPOLLOUT)) continue;
                 l.state = Link::OPEN;
-                ++connected;
+                ++connected, --connecting;
             }
             if (l.state == Link::OPEN && (events[i].events & EPOLLOUT)) flush(l);
             if (l.state == Link::OPEN && (events[i].events & ~EPOLLOUT)) readAll(l);
         }
     }
 
+    // Closes this end: for the host's close, or when this side gives up on the
+    // link (counted alike).
+    void shut(Link& l) {
+        close(l.fd);
+        l.fd = -1;
+        if (l.state == Link::CONNECTING) --connecting, ++refused;
+        else ++closed;
+        l.state = Link::CLOSED;
+        lost += !l.answered;
+    }
+
 private:
     sockaddr_in m_address{};
     int m_epoll;
 
-    void shut(Link& l) {
-        close(l.fd);
-        l.fd = -1;
-        ++(l.state == Link::CONNECTING ? refused : closed);
-        l.state = Link::CLOSED;
-        lost += !l.answered;
-    }
     void flush(Link& l) {
         while (l.sent < l.out.size() + l.bodySize) {
             iovec parts[2];
@@ -366,6 +377,10 @@ void measureLinks(const Options& o, Host& h, size_t n) {
     const long rssBefore = rssKb(h.pid);
     Net net(h.ip, h.port, n);
     const std::string data(size_t(o.size), 'x');
+    auto introduce = [&](Link& l) {
+        net.send(l, connectionFrame(l.url) + requestHead(l.url, h.url, 1, data.size()),
+                 data.data(), data.size());
+    };
     size_t answered = 0, bad = 0;
     net.onResponse = [&](Link& l, uint32_t id, int32_t code, uint32_t dataSize) {
         if (l.answered || id != 1) return;
@@ -378,9 +393,7 @@ void measureLinks(const Options& o, Host& h, size_t n) {
             fprintf(stderr, "links %zu: only %zu opened: %s\n", n, i, strerror(errno));
             break;
         }
-        Link& l = net.links.back();
-        net.send(l, connectionFrame(l.url) + requestHead(l.url, h.url, 1, data.size()),
-                 data.data(), data.size());
+        introduce(net.links.back());
     }
     auto settled = [&] { return answered + bad + size_t(net.lost) == net.links.size(); };
     for (double report = start + 5000; !settled() && nowMs() - start < STORM_LIMIT_MS;) {
@@ -397,21 +410,58 @@ void measureLinks(const Options& o, Host& h, size_t n) {
     if (bad) fprintf(stderr, "links %zu: %zu answers with an error or the wrong size\n", n, bad);
     if (net.refused) fprintf(stderr, "links %zu: %d never accepted\n", n, net.refused);
 
+    // Today's host loses links in a storm: it drops those whose connection
+    // frame comes later than it waits, and its short listen queue leaves
+    // others half-open. Links not answered are opened again, TOP_UP_WINDOW
+    // connects at a time, for three rounds at most (each waiting 10 s for the
+    // answers, 60 s in all), so that what follows is measured over as many of
+    // the N links as the host keeps.
+    const double topUpStart = nowMs();
+    auto topping = [&] { return nowMs() - topUpStart < TOP_UP_LIMIT_MS; };
+    auto linksWhere = [&](bool (*test)(const Link&)) {
+        std::vector<size_t> found;
+        for (size_t i = 0; i < net.links.size(); ++i)
+            if (test(net.links[i])) found.push_back(i);
+        return found;
+    };
+    auto notAnswered = [](const Link& l) { return !l.answered; };
+    auto awaitingAnswer = [](const Link& l) { return !l.answered && l.state != Link::CLOSED; };
+    auto standing = [](const Link& l) { return l.answered && l.state == Link::OPEN; };
+    size_t reopened = 0;
+    std::vector<size_t> again = linksWhere(notAnswered);
+    for (int round = 0; round < 3 && !again.empty() && topping(); ++round) {
+        for (size_t i : again)
+            if (net.links[i].state != Link::CLOSED) net.shut(net.links[i]);
+        for (size_t i : again) {
+            while (net.connecting >= TOP_UP_WINDOW && topping()) net.pump(10);
+            if (!topping()) break;
+            if (net.open(net.links[i].url, i)) introduce(net.links[i]), ++reopened;
+        }
+        for (const double end = nowMs() + 10000; nowMs() < end && topping();) {
+            net.pump(100);
+            if (linksWhere(awaitingAnswer).empty()) break;
+        }
+        again = linksWhere(notAnswered);
+    }
+    const long held = long(linksWhere(standing).size());
+    if (reopened)
+        fprintf(stderr, "links %zu: %zu opened again in %.0f s; %ld open and answered\n", n,
+                reopened, (nowMs() - topUpStart) / 1e3, held);
+
     // Memory and CPU with the links idle, once what is in flight has drained.
     for (const double end = nowMs() + 500; nowMs() < end;) net.pump(50);
-    const long open = long(net.links.size()) - net.closed - net.refused, rssAfter = rssKb(h.pid);
+    const size_t answeredBeforeIdle = answered;
+    const long rssAfter = rssKb(h.pid);
     fprintf(stderr, "links %zu: idle for %ld s\n", n, o.idleSeconds);
     const double cpuBefore = cpuSeconds(h.pid), idleStart = nowMs();
     while (nowMs() - idleStart < o.idleSeconds * 1e3) net.pump(100);
     const double cpu = (cpuSeconds(h.pid) - cpuBefore) * 1e5 / (nowMs() - idleStart);
-    if (answered != stormAnswered)
-        fprintf(stderr, "links %zu: %zu answers came after the storm: RSS and CPU were not idle\n",
-                n, answered - stormAnswered);
+    if (answered != answeredBeforeIdle)
+        fprintf(stderr, "links %zu: %zu answers came late: RSS and CPU were not idle\n", n,
+                answered - answeredBeforeIdle);
 
     // Round trips, one at a time, on links that were answered and still stand.
-    std::vector<size_t> ready;
-    for (size_t i = 0; i < net.links.size(); ++i)
-        if (net.links[i].answered && net.links[i].state == Link::OPEN) ready.push_back(i);
+    std::vector<size_t> ready = linksWhere(standing);
     std::vector<double> rtt;
     uint32_t waiting = 0;
     net.onResponse = [&](Link&, uint32_t id, int32_t, uint32_t) {
@@ -443,7 +493,7 @@ void measureLinks(const Options& o, Host& h, size_t n) {
     std::sort(rtt.begin(), rtt.end());
     printf("%6zu %10s %8zu %7d %11s %11s %12.1f %10.2f\n", n, storm, stormAnswered, stormClosed,
            percentile(rtt, 0.5, limitUs).c_str(), percentile(rtt, 0.99, limitUs).c_str(),
-           open > 0 ? double(rssAfter - rssBefore) / double(open) : 0.0, cpu);
+           held > 0 ? double(rssAfter - rssBefore) / double(held) : 0.0, cpu);
     fflush(stdout);
 }
 
