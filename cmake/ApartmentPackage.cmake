@@ -55,7 +55,8 @@ set(CPACK_DEBIAN_PACKAGE_RELEASE ${APARTMENT_PACKAGE_RELEASE})
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # Each package depends on exactly this version of the packages it is built
 # with (CPACK_COMPONENT_<C>_DEPENDS), and dpkg-shlibdeps adds libc6,
-# libstdc++6 and libgcc-s1 at the versions the binaries need. It finds
+# libstdc++6 and libgcc-s1 (and libssl3 in a build with TLS) at the
+# versions the binaries need. It finds
 # libapartment itself in the build tree, where no package owns it.
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 find_program(APARTMENT_DPKG_SHLIBDEPS dpkg-shlibdeps)
@@ -66,6 +67,9 @@ if(APARTMENT_DPKG_SHLIBDEPS)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${_apartment_dir} ${_platform_dir})
 else()
   set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6 (>= 2.34), libgcc-s1 (>= 3.0), libstdc++6 (>= 11)")
+  if(APARTMENT_WITH_TLS)
+    string(APPEND CPACK_DEBIAN_PACKAGE_DEPENDS ", libssl3 (>= 3.0.0)")
+  endif()
 endif()
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${APARTMENT_RUNTIME_PACKAGE})

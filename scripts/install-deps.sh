@@ -7,7 +7,7 @@ need=()
 have_pkg() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
 for pkg in cmake ninja-build g++ clang libclang-rt-14-dev googletest libgtest-dev \
            libgmock-dev libbenchmark-dev pkgconf python3 valgrind \
-           dpkg-dev file lintian man-db \
+           libssl-dev openssl dpkg-dev file lintian man-db \
            python3-dev pybind11-dev python3-pytest tshark; do
   have_pkg "$pkg" || need+=("$pkg")
 done

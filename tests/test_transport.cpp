@@ -1,14 +1,19 @@
-// The bytes between apartments: the payload codec, the sink model, and the
+// The bytes between apartments: the payload codec, the sink model, the
 // TCP sinks that frame a byte stream, write frames whole from many threads
-// and set up a link.
+// and set up a link, and the TLS channel under them.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <fstream>
+#include <memory>
 #include <set>
 
 #include "ApartmentSink.h"
 #include "FieldKit/BoundedStream/AbstractStream.h"
 #include "TcpApartment.h"
 #include "TcpApartmentSink.h"
+#include "TlsContext.h"
+#include "TlsSession.h"
 #include "support.h"
 
 using namespace aptest;
@@ -802,6 +807,245 @@ TEST_F(TcpSinkTest, ClosingASinkReleasesABlockedSender) {
     EXPECT_FALSE(result);
     EXPECT_TRUE(client->isSinkClosed());
     EXPECT_EQ(client->getSocketFd(), -1);
+}
+
+// --------------------------------------------------------------------- TLS
+
+// scripts/make-test-certs.sh's set, made once per process into a directory
+// that goes with the process (its name outlives every destructor).
+char g_certPath[] = "/tmp/apartment-certs-XXXXXX";
+void removeCerts() { std::system((std::string("rm -rf ") + g_certPath).c_str()); }
+const std::string& certDir() {
+    static const std::string dir = [] {
+        if (mkdtemp(g_certPath) == nullptr) return std::string();
+        std::atexit(removeCerts);
+        const std::string command = std::string("timeout 20 " APARTMENT_SOURCE_DIR
+                                                "/scripts/make-test-certs.sh ") + g_certPath + " >/dev/null </dev/null";
+        return std::system(command.c_str()) == 0 ? std::string(g_certPath) + "/" : std::string();
+    }();
+    return dir;
+}
+
+// A context for the certificate `name` ("" for none) trusting `ca`.
+std::shared_ptr<CTlsContext> tlsContext(const std::string& name, const std::string& ca = "ca",
+                                        const std::string& keyLog = "") {
+    const std::string d = certDir();
+    std::string error;
+    auto context = CTlsContext::create({name.empty() ? "" : d + name + ".pem",
+                                        name.empty() ? "" : d + name + ".key", d + ca + ".pem", keyLog},
+                                       error);
+    EXPECT_TRUE(context) << error;
+    return context;
+}
+
+// Two connected non-blocking TCP sockets on 127.0.0.1 with small buffers,
+// so that a large write takes many rounds.
+struct TcpPair {
+    int client = -1, server = -1;
+    TcpPair() {
+        unsigned short port = 0;
+        const int listener = bindAnyPort(port, 1);
+        client = listener >= 0 ? rawConnect(port) : -1;
+        server = client >= 0 ? os_socket_accept(listener, nullptr, nullptr, USE_DEFAULT) : -1;
+        os_socket_close(listener, USE_DEFAULT);
+        for (int fd : {client, server}) {
+            unsigned long on = 1;
+            const int room = 32768;
+            os_socket_ioctl(fd, FIONBIO, &on, USE_DEFAULT);
+            os_socket_set_sock_opt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room, USE_DEFAULT);
+            os_socket_set_sock_opt(fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof room, USE_DEFAULT);
+        }
+    }
+    ~TcpPair() {
+        for (int fd : {client, server})
+            if (fd >= 0) os_socket_close(fd, USE_DEFAULT);
+    }
+};
+
+// Steps both handshakes as their sockets allow (the client may be absent)
+// until neither wants more, for at most 3 s.
+void handshake(CTlsSession* client, int clientFd, CTlsSession& server, int serverFd,
+               CTlsSession::HANDSHAKE& clientState, CTlsSession::HANDSHAKE& serverState) {
+    auto busy = [](CTlsSession::HANDSHAKE h) { return h == CTlsSession::WANT_READ || h == CTlsSession::WANT_WRITE; };
+    clientState = client != nullptr ? CTlsSession::WANT_WRITE : CTlsSession::DONE;
+    serverState = CTlsSession::WANT_READ;
+    for (const long long until = nowMs() + 3000; nowMs() < until;) {
+        if (busy(clientState)) clientState = client->handshakeStep();
+        if (busy(serverState)) serverState = server.handshakeStep();
+        auto entry = [&](int fd, CTlsSession::HANDSHAKE h) {
+            return pollfd{busy(h) ? fd : -1, static_cast<short>(h == CTlsSession::WANT_WRITE ? POLLOUT : POLLIN), 0};
+        };
+        pollfd p[2] = {entry(clientFd, clientState), entry(serverFd, serverState)};
+        if (p[0].fd < 0 && p[1].fd < 0) return;
+        poll(p, 2, 100);
+    }
+}
+
+// Writes all of `parts` for at most 10 s, consuming them as the session
+// reports; the rounds that found the socket full in `waits`.
+bool writeAll(CTlsSession& session, int fd, std::vector<iovec> parts, int* waits = nullptr) {
+    size_t next = 0;
+    for (const long long until = nowMs() + 10000; next < parts.size();) {
+        const long n = session.writev(parts.data() + next, static_cast<int>(parts.size() - next));
+        pollfd p{fd, POLLOUT, 0};
+        if (n < 0 && (errno != EAGAIN || nowMs() > until || poll(&p, 1, 100) < 0)) return false;
+        if (n < 0 && waits != nullptr) ++*waits;
+        for (size_t step = n < 0 ? 0 : static_cast<size_t>(n); step > 0 || (next < parts.size() && parts[next].iov_len == 0);) {
+            const size_t taken = std::min(step, parts[next].iov_len);
+            parts[next].iov_base = static_cast<char*>(parts[next].iov_base) + taken;
+            parts[next].iov_len -= taken;
+            step -= taken;
+            if (parts[next].iov_len == 0) ++next;
+        }
+    }
+    return true;
+}
+
+// Reads as the communication thread does, a piece per wake-up, waiting on
+// the socket only when nothing is pending inside, until `size` bytes came
+// or 10 s passed. A read that ends it leaves 0 (closed) or its errno in
+// `ended`.
+Bytes readAll(CTlsSession& session, int fd, size_t size, int* ended = nullptr) {
+    Bytes in;
+    unsigned char piece[5000];  // less than a record: the rest stays inside
+    for (const long long until = nowMs() + 10000; in.size() < size && nowMs() < until;) {
+        const int n = session.read(piece, std::min(sizeof piece, size - in.size()));
+        if (n > 0) in.insert(in.end(), piece, piece + n);
+        if (n == 0 || (n < 0 && errno != EAGAIN)) {
+            if (ended != nullptr) *ended = n == 0 ? 0 : errno;
+            break;
+        }
+        pollfd p{fd, POLLIN, 0};
+        if (in.size() < size && !session.hasPending())
+            poll(&p, 1, static_cast<int>(std::max(0LL, until - nowMs())));
+    }
+    return in;
+}
+
+// A frame of a large payload between small parts (in place and gathered
+// into records), echoed back by the server while the client reads the echo
+// on a thread of its own as its main thread still writes.
+TEST(TlsSession, MutualAuthenticationCarriesDataBothWays) {
+    if (!CTlsContext::available()) GTEST_SKIP() << "built without OpenSSL";
+    const std::string keyLog = certDir() + "keys.log";
+    auto clientContext = tlsContext("a", "ca", keyLog), serverContext = tlsContext("b");
+    ASSERT_TRUE(clientContext && serverContext);
+    TcpPair pair;
+    CTlsSession client(clientContext, pair.client, CTlsSession::CLIENT);
+    CTlsSession server(serverContext, pair.server, CTlsSession::SERVER);
+    CTlsSession::HANDSHAKE clientState, serverState;
+    handshake(&client, pair.client, server, pair.server, clientState, serverState);
+    ASSERT_EQ(clientState, CTlsSession::DONE) << client.failureReason();
+    ASSERT_EQ(serverState, CTlsSession::DONE) << server.failureReason();
+    EXPECT_EQ(client.peerSubject(), "/CN=apartment b");
+    EXPECT_EQ(server.peerSubject(), "/CN=apartment a");
+    std::ifstream log(keyLog);
+    const std::string keys((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
+    EXPECT_NE(keys.find("CLIENT_TRAFFIC_SECRET_0 "), std::string::npos) << keys;
+
+    const Bytes header = pattern(8, 1), payload = pattern(1u << 20, 2), small = pattern(3000, 3);
+    std::vector<iovec> parts = {{const_cast<unsigned char*>(header.data()), header.size()},
+                                {const_cast<unsigned char*>(payload.data()), payload.size()}};
+    for (int i = 0; i < 64; ++i) parts.push_back({const_cast<unsigned char*>(small.data()), small.size()});
+    Bytes sent;
+    for (const iovec& part : parts)
+        sent.insert(sent.end(), static_cast<unsigned char*>(part.iov_base),
+                    static_cast<unsigned char*>(part.iov_base) + part.iov_len);
+
+    std::thread echo([&] {
+        for (size_t done = 0; done < sent.size();) {
+            const Bytes in = readAll(server, pair.server, std::min<size_t>(50000, sent.size() - done));
+            if (in.empty() || !writeAll(server, pair.server, {{const_cast<unsigned char*>(in.data()), in.size()}})) return;
+            done += in.size();
+        }
+    });
+    Bytes echoed;
+    std::thread reader([&] { echoed = readAll(client, pair.client, sent.size()); });
+    int waits = 0;
+    EXPECT_TRUE(writeAll(client, pair.client, parts, &waits));
+    reader.join();
+    echo.join();
+    EXPECT_GT(waits, 5);  // the retries of a write OpenSSL left pending were exercised
+    EXPECT_TRUE(echoed == sent) << echoed.size() << " of " << sent.size() << " bytes came back";
+    // An orderly end reads as 0 on the other side.
+    client.shutdown();
+    int ended = -1;
+    readAll(server, pair.server, 1, &ended);
+    EXPECT_EQ(ended, 0);
+}
+
+// Each refusal fails the server's handshake with a line that says why.
+TEST(TlsSession, TheServerRefusesAPeerItCannotAuthenticate) {
+    if (!CTlsContext::available()) GTEST_SKIP() << "built without OpenSSL";
+    struct Row {
+        const char* what;
+        const char* cert;  // "" no certificate, nullptr not TLS at all
+        const char* reason;
+    } rows[] = {
+        {"no certificate", "", "peer presented no certificate"},
+        {"another CA", "other", "certificate verify failed: unable to get local issuer certificate"},
+        {"expired", "expired", "certificate verify failed: certificate has expired"},
+        {"plaintext", nullptr, "peer does not speak TLS"},
+    };
+    auto serverContext = tlsContext("b");
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        TcpPair pair;
+        std::unique_ptr<CTlsSession> client;
+        if (row.cert != nullptr) client.reset(new CTlsSession(tlsContext(row.cert), pair.client, CTlsSession::CLIENT));
+        else ASSERT_TRUE(sendAll(pair.client, frameHeader(APARTMENT_CONNECTION_FRAME, 130)));
+        CTlsSession server(serverContext, pair.server, CTlsSession::SERVER);
+        CTlsSession::HANDSHAKE clientState, serverState;
+        handshake(client.get(), pair.client, server, pair.server, clientState, serverState);
+        EXPECT_EQ(serverState, CTlsSession::FAILED);
+        EXPECT_EQ(server.failureReason(), row.reason);
+        EXPECT_EQ(server.peerSubject(), "");
+        // TLS 1.3 lets the client finish first: it learns of the refusal
+        // from its first read.
+        if (client && clientState == CTlsSession::DONE) {
+            int ended = -1;
+            EXPECT_TRUE(readAll(*client, pair.client, 1, &ended).empty());
+            EXPECT_GT(ended, 0);  // an errno: a failure, not an orderly end
+            EXPECT_EQ(client->failureReason().rfind("peer refused: ", 0), 0u) << client->failureReason();
+        }
+    }
+}
+
+// TLS is off, on, or refused with one line, as the environment says.
+TEST(TlsContext, TheEnvironmentTurnsTlsOnOrSaysWhyNot) {
+    const std::string d = certDir();
+    struct Row {
+        const char *cert, *key, *ca;
+        bool made;
+        const char* error;  // a part of the message; "" none
+    } rows[] = {
+        {nullptr, nullptr, nullptr, false, ""},
+        {"a.pem", nullptr, "ca.pem", false, "missing: APARTMENT_TLS_KEY"},
+        {"a.pem", "a.key", "absent.pem", false, "APARTMENT_TLS_CA: cannot read "},
+        {"a.pem", "b.key", "ca.pem", false, "does not match the certificate"},
+        {"ca.key", "a.key", "ca.pem", false, "APARTMENT_TLS_CERT: no PEM certificate"},
+        {"a.pem", "a.key", "ca.pem", true, ""},
+    };
+    for (const Row& row : rows) {
+        const char* names[] = {"APARTMENT_TLS_CERT", "APARTMENT_TLS_KEY", "APARTMENT_TLS_CA"};
+        const char* files[] = {row.cert, row.key, row.ca};
+        for (int i = 0; i < 3; ++i)
+            if (files[i] != nullptr) setenv(names[i], (d + files[i]).c_str(), 1);
+            else unsetenv(names[i]);
+        std::string error = "stale";
+        const bool made = CTlsContext::fromEnvironment(error) != nullptr;
+        SCOPED_TRACE(error);
+        if (!CTlsContext::available()) {
+            EXPECT_FALSE(made);
+            EXPECT_EQ(error.empty(), row.cert == nullptr);
+            continue;
+        }
+        EXPECT_EQ(made, row.made);
+        EXPECT_NE(error.find(row.error), std::string::npos);
+        EXPECT_EQ(error.empty(), *row.error == '\0');
+        EXPECT_EQ(error.find('\n'), std::string::npos);
+    }
+    for (const char* name : {"APARTMENT_TLS_CERT", "APARTMENT_TLS_KEY", "APARTMENT_TLS_CA"}) unsetenv(name);
 }
 
 }  // namespace

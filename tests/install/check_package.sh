@@ -93,6 +93,11 @@ assert libs and all(lib.startswith(sys.argv[1] + "/") for lib in libs), libs' "$
     fail "the unpacked Python module does not load the unpacked library"
 fi
 
+# A library built with TLS brings OpenSSL's runtime package along.
+if readelf -d "$(find "$root" -name "libapartment.so.$version")" | grep 'NEEDED.*\[libssl\.so' > /dev/null; then
+  depends "$deb_runtime" 'libssl3( \(>= [0-9.~a-z]+\))?'
+fi
+
 pcdir=$(dirname "$(find "$root" -name apartment.pc)")
 libdir=$(PKG_CONFIG_PATH=$pcdir pkg-config --variable=libdir apartment)
 # shellcheck disable=SC2046
