@@ -345,12 +345,21 @@ void CTcpApartment::acceptLinks(DWORD dwTimeout, std::vector<IApartmentServerSin
     }
     for (const CLinkPoller::Link& link : links) link.sink->releaseRef();
 
-    // Silent or slow peers are given up without notice.
+    // Silent or slow peers are given up without notice; a handshake past
+    // its time is looked at once more first, so that what this thread was
+    // too busy to read (in a storm of connections) still counts.
     for (auto it = m_Handshakes.begin(); it != m_Handshakes.end();) {
         auto next = std::next(it);
         if (OS::Clock::hasPassed(it->second.progressDeadline) ||
-            OS::Clock::hasPassed(it->second.totalDeadline))
-            dropHandshake(it);
+            OS::Clock::hasPassed(it->second.totalDeadline)) {
+            IApartmentSink* sink = it->first;
+            stepHandshake(sink, ready);
+            it = m_Handshakes.find(sink);
+            if (it != m_Handshakes.end() &&
+                (OS::Clock::hasPassed(it->second.progressDeadline) ||
+                 OS::Clock::hasPassed(it->second.totalDeadline)))
+                dropHandshake(it);
+        }
         it = next;
     }
 }
