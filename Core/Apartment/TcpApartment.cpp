@@ -8,6 +8,7 @@
 #include "ApartmentFrame.h"
 #include "ApartmentFrameCodec.h"
 #include "ApartmentGuard.h"
+#include "os_poller.h"
 #include "GroundKit/OS/OS_Clock.h"
 #include "GroundKit/OS/Socket/OS_Socket.h"
 #include "TcpApartmentSink.h"
@@ -89,8 +90,33 @@ bool CTcpApartment::getApartmentUrlFromPortAddress(const char* strAddress,
 }
 
 bool CTcpApartment::watchLink(IApartmentSink* pSink, bool bRtThread) {
-    CReference<ITcpApartmentSink> tcp(asITcpApartmentSink(pSink));
-    return !tcp.nil() && m_Comm[bRtThread ? 1 : 0].poller.watch(pSink, tcp->getSocketFd());
+    CTcpApartmentSink* tcp = dynamic_cast<CTcpApartmentSink*>(pSink);
+    if (tcp == nullptr) return false;
+    // Frames of the real-time thread's links never wait in the queues.
+    if (!bRtThread && !tcp->backlog()) tcp->setBacklog(std::make_shared<CLinkBacklog>(queueBudget()));
+    return m_Comm[bRtThread ? 1 : 0].poller.watch(pSink, tcp->getSocketFd());
+}
+
+void CTcpApartment::resumeHeldLinks(CommThread& thread) {
+    const bool lift = queueBudget()->m_liftHolds.exchange(false);
+    for (auto it = thread.held.begin(); it != thread.held.end();) {
+        CLinkPoller::Link link;
+        if (!thread.poller.lookup(it->first, link)) {  // gone meanwhile
+            --queueBudget()->m_heldLinks;
+            it = thread.held.erase(it);
+            continue;
+        }
+        CTcpApartmentSink* tcp = dynamic_cast<CTcpApartmentSink*>(link.sink);
+        if (lift || tcp == nullptr || !tcp->backlog() || tcp->backlog()->mayResume(it->second)) {
+            thread.poller.resume(it->first);
+            --queueBudget()->m_heldLinks;
+            it = thread.held.erase(it);
+            thread.ready.push_back(link);  // its frames already read come first
+            continue;
+        }
+        link.sink->releaseRef();
+        ++it;
+    }
 }
 
 void CTcpApartment::unwatchLink(IApartmentSink* pSink) {
@@ -105,6 +131,7 @@ void CTcpApartment::serveLinks(DWORD dwTimeout, bool bRtConnection) {
     CommThread& thread = m_Comm[bRtConnection ? 1 : 0];
     std::vector<CLinkPoller::Link>& links = thread.ready;
     links.clear();
+    if (!thread.held.empty()) resumeHeldLinks(thread);
     // Whole frames already read are served without waiting on the sockets.
     for (uint64_t key : thread.carried) {
         CLinkPoller::Link link;
@@ -134,7 +161,7 @@ void CTcpApartment::serveLinks(DWORD dwTimeout, bool bRtConnection) {
         // What goes wrong while serving one link (no memory, say) closes
         // that link only; what the others brought is still posted.
         const bool framesLeft = guarded("receiving, link closed", false, [&] {
-            return serveLink(thread, link.sink, batch);
+            return serveLink(thread, link, batch);
         });
         if (framesLeft) thread.carried.push_back(link.key);
     }
@@ -144,12 +171,28 @@ void CTcpApartment::serveLinks(DWORD dwTimeout, bool bRtConnection) {
     links.clear();
 }
 
-bool CTcpApartment::serveLink(CommThread& thread, IApartmentSink* pSink, MessageBatch& batch) {
+bool CTcpApartment::serveLink(CommThread& thread, const CLinkPoller::Link& link,
+                              MessageBatch& batch) {
+    IApartmentSink* pSink = link.sink;
     CTcpApartmentSink* tcp = dynamic_cast<CTcpApartmentSink*>(pSink);
     if (tcp == nullptr || pSink->isSinkClosed()) return false;
     // A write condemned it (and shut it down, which is what woke us).
     if (pSink->isExpectSinkClosed()) {
         closeLink(thread, pSink, batch);
+        return false;
+    }
+    // Over its bound: not read until the dispatcher has taken its backlog
+    // down, so that the kernel's flow control slows the sender. A link that
+    // has failed is read all the same: there is nothing to hold back, and
+    // its end must be heard.
+    const bool ended = (link.events & (OS_POLLER_ERROR | OS_POLLER_HANGUP)) != 0;
+    const std::shared_ptr<CLinkBacklog>& backlog = tcp->backlog();
+    if (!ended && backlog && (thread.held.count(link.key) != 0 || backlog->holdReasons() != 0)) {
+        if (thread.held.count(link.key) == 0) {
+            thread.held.emplace(link.key, backlog->holdReasons());
+            thread.poller.pause(link.key);
+            ++queueBudget()->m_heldLinks;
+        }
         return false;
     }
     bool ok = false;
@@ -162,13 +205,18 @@ bool CTcpApartment::serveLink(CommThread& thread, IApartmentSink* pSink, Message
         throw;
     }
     if (pSink->isSinkClosed()) return false;
+    if (backlog && backlog->holdReasons() != 0 && thread.held.count(link.key) == 0) {
+        thread.held.emplace(link.key, backlog->holdReasons());
+        thread.poller.pause(link.key);
+        ++queueBudget()->m_heldLinks;
+    }
     if (ok && !tcp->settleReadBuffer()) {
         log_task_line("[TcpApartment Error]: no memory to read from %s; link closed.",
                       peerOf(pSink).c_str());
         closeLink(thread, pSink, batch);
         return false;
     }
-    return tcp->hasFrameReady();
+    return tcp->hasFrameReady() && thread.held.count(link.key) == 0;
 }
 
 void CTcpApartment::serveSink(CommThread& thread, IApartmentSink* pSink, CTcpApartmentSink* pTcp,
@@ -184,6 +232,7 @@ void CTcpApartment::serveSink(CommThread& thread, IApartmentSink* pSink, CTcpApa
             deliverFrame(pSink, pTcp, type, payload, size, batch);
             bytes += size;
             if (++frames >= MAX_FRAMES_PER_PASS || bytes >= MAX_BYTES_PER_PASS) return;
+            if (pTcp->backlog() && pTcp->backlog()->holdReasons() != 0) return;  // held back
             continue;
         }
         if (status == CTcpApartmentSink::FRAME_TOO_LARGE) {
@@ -273,6 +322,8 @@ void CTcpApartment::deliverFrame(IApartmentSink* pSink, CTcpApartmentSink* pTcp,
                       uintSize, peerOf(pSink).c_str());
         return;
     }
+
+    frame->charge(pTcp->backlog());
 
     APARTMENT_MSG_CODE code;
     if (pSink->getLoopbackType() == SERVER_LOOPBACK_TYPE)

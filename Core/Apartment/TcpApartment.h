@@ -79,6 +79,7 @@ private:
         CLinkPoller poller;
         std::vector<CLinkPoller::Link> ready;  // the links of the pass
         std::vector<uint64_t> carried;         // links with whole frames left over
+        std::map<uint64_t, int> held;          // links held back, and why (CLinkBacklog)
     };
     // A connection whose connection frame is awaited.
     struct Handshake {
@@ -89,8 +90,13 @@ private:
     };
 
     // Serves one ready link of a communication thread; true when whole
-    // frames are left for the next pass.
-    bool serveLink(CommThread& thread, IApartmentSink* pSink, MessageBatch& batch);
+    // frames are left for the next pass. A link over its queue bound is
+    // held back instead (not read, its readiness not reported) unless it
+    // has ended (`events`).
+    bool serveLink(CommThread& thread, const CLinkPoller::Link& link, MessageBatch& batch);
+    // Takes up the held links that may be read again (all of them when the
+    // dispatcher asked for it), appending them to the pass.
+    void resumeHeldLinks(CommThread& thread);
     void serveSink(CommThread& thread, IApartmentSink* pSink, CTcpApartmentSink* pTcp,
                    MessageBatch& batch);
     // Takes the whole frame the sink holds: a callback for a real-time

@@ -75,7 +75,7 @@ bool CLinkPoller::wait(int timeoutMs, std::vector<Link>& ready) {
         auto it = m_Entries.find(events[i].key);
         if (it == m_Entries.end()) continue;  // forgotten since the kernel reported it
         it->second.sink->addRef();
-        ready.push_back(Link{it->second.sink, events[i].key});
+        ready.push_back(Link{it->second.sink, events[i].key, events[i].events});
     }
     return true;
 }
@@ -85,7 +85,7 @@ bool CLinkPoller::lookup(uint64_t key, Link& link) {
     auto it = m_Entries.find(key);
     if (it == m_Entries.end()) return false;
     it->second.sink->addRef();
-    link = Link{it->second.sink, key};
+    link = Link{it->second.sink, key, 0};
     return true;
 }
 
