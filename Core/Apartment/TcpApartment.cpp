@@ -17,7 +17,6 @@
 namespace {
 const char TCP_SCHEME[] = "tcp://";
 const size_t TCP_SCHEME_LENGTH = sizeof(TCP_SCHEME) - 1;
-const int EINTR_CODE = 4;
 
 // The messages of one pass, kept per communication thread so that a pass
 // allocates nothing once the threads have warmed up.
