@@ -203,13 +203,16 @@ bool CTcpApartment::serveLink(CommThread& thread, const CLinkPoller::Link& link,
         if (!pSink->isSinkClosed()) closeLink(thread, pSink, batch);
         throw;
     }
+    // The thread's read buffer goes back whatever happened: a link closed
+    // while it held it would leave the thread lending freed memory.
+    const bool settled = tcp->settleReadBuffer();
     if (pSink->isSinkClosed()) return false;
     if (backlog && backlog->holdReasons() != 0 && thread.held.count(link.key) == 0) {
         thread.held.emplace(link.key, backlog->holdReasons());
         thread.poller.pause(link.key);
         ++queueBudget()->m_heldLinks;
     }
-    if (ok && !tcp->settleReadBuffer()) {
+    if (ok && !settled) {
         log_task_line("[TcpApartment Error]: no memory to read from %s; link closed.",
                       peerOf(pSink).c_str());
         closeLink(thread, pSink, batch);
