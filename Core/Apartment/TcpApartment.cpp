@@ -118,6 +118,15 @@ void CTcpApartment::resumeHeldLinks(CommThread& thread) {
     }
 }
 
+bool CTcpApartment::holdLink(CommThread& thread, uint64_t key, const CLinkBacklog& backlog) {
+    const int reasons = backlog.holdReasons();
+    if (reasons == 0) return false;
+    thread.held.emplace(key, reasons);
+    thread.poller.pause(key);
+    ++queueBudget()->m_heldLinks;
+    return true;
+}
+
 void CTcpApartment::unwatchLink(IApartmentSink* pSink) {
     for (CommThread& thread : m_Comm) thread.poller.unwatch(pSink);
 }
@@ -186,18 +195,10 @@ bool CTcpApartment::serveLink(CommThread& thread, const CLinkPoller::Link& link,
     // its end must be heard.
     const bool ended = (link.events & (OS_POLLER_ERROR | OS_POLLER_HANGUP)) != 0;
     const std::shared_ptr<CLinkBacklog>& backlog = tcp->backlog();
-    if (!ended && backlog && (thread.held.count(link.key) != 0 || backlog->holdReasons() != 0)) {
-        if (thread.held.count(link.key) == 0) {
-            thread.held.emplace(link.key, backlog->holdReasons());
-            thread.poller.pause(link.key);
-            ++queueBudget()->m_heldLinks;
-        }
+    if (!ended && backlog && (thread.held.count(link.key) != 0 || holdLink(thread, link.key, *backlog)))
         return false;
-    }
-    bool ok = false;
     try {
         serveSink(thread, pSink, tcp, batch);
-        ok = true;
     } catch (...) {
         tcp->settleReadBuffer();  // the thread's buffer must not stay lent
         if (!pSink->isSinkClosed()) closeLink(thread, pSink, batch);
@@ -207,12 +208,8 @@ bool CTcpApartment::serveLink(CommThread& thread, const CLinkPoller::Link& link,
     // while it held it would leave the thread lending freed memory.
     const bool settled = tcp->settleReadBuffer();
     if (pSink->isSinkClosed()) return false;
-    if (backlog && backlog->holdReasons() != 0 && thread.held.count(link.key) == 0) {
-        thread.held.emplace(link.key, backlog->holdReasons());
-        thread.poller.pause(link.key);
-        ++queueBudget()->m_heldLinks;
-    }
-    if (ok && !settled) {
+    if (backlog && thread.held.count(link.key) == 0) holdLink(thread, link.key, *backlog);
+    if (!settled) {
         log_task_line("[TcpApartment Error]: no memory to read from %s; link closed.",
                       peerOf(pSink).c_str());
         closeLink(thread, pSink, batch);

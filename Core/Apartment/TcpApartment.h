@@ -94,6 +94,9 @@ private:
     // held back instead (not read, its readiness not reported) unless it
     // has ended (`events`).
     bool serveLink(CommThread& thread, const CLinkPoller::Link& link, MessageBatch& batch);
+    // Holds the link back when its backlog says so (pausing its readiness);
+    // true when it did.
+    bool holdLink(CommThread& thread, uint64_t key, const CLinkBacklog& backlog);
     // Takes up the held links that may be read again (all of them when the
     // dispatcher asked for it), appending them to the pass.
     void resumeHeldLinks(CommThread& thread);
