@@ -288,8 +288,15 @@ TEST_F(HostTest, StalledHandshakesAreDroppedWhileAnotherRequesterIsServed) {
             if (fd < 0) return 11;
             const Bytes alive = frame(APARTMENT_ALIVE_FRAME, pattern(130).data(), 130);
             Peer::tellParent("started");
-            for (size_t i = 0; i < 300; ++i, sleepMs(20))
-                if (trickle && !sendAll(fd, &alive[i % alive.size()], 1, 200)) break;  // dropped
+            for (size_t i = 0; trickle && i < 300; ++i, sleepMs(20))
+                if (!sendAll(fd, &alive[i % alive.size()], 1, 200)) break;  // dropped
+            if (!trickle) {  // the host gives the silent one up by itself
+                unsigned int type = 0;
+                Bytes none;
+                bool closed = false;
+                receiveFrame(fd, type, none, 3000, &closed);
+                Peer::tellParent(closed ? "given up" : "still open");
+            }
             os_socket_close(fd, USE_DEFAULT);
             return 0;
         };
@@ -308,6 +315,7 @@ TEST_F(HostTest, StalledHandshakesAreDroppedWhileAnotherRequesterIsServed) {
     EXPECT_EQ(lineAndLongestDispatch(requester, 8000, longest).substr(0, 5), "ping ");
     EXPECT_LT(longest, 500);
     EXPECT_EQ(requester.wait(3000), 0);
+    EXPECT_EQ(silent.readLine(3000), "given up");
 }
 
 // A live peer whose frame header arrives in pieces: while it is incomplete
