@@ -745,6 +745,18 @@ TEST(TcpListenSink, ARandomPortIsDrawnOnceFromItsRange) {
     EXPECT_EQ(localAddressOf(sink), "127.0.0.1:" + std::to_string(port));
 }
 
+// A connect that meets itself (a port nobody listens on, taken as the
+// link's own) links to no apartment: refused like a connect nobody takes.
+TEST(TcpClientSink, AConnectThatMeetsItselfIsRefused) {
+    const std::string address = "127.0.0.1:" + std::to_string(freePort());
+    CReference<CTcpClientSink> client(new CTcpClientSink);
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(client->initSink(address.c_str(), address.c_str()));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[TcpApartment Error]: Can not connected to " + address + "\n");
+    EXPECT_TRUE(client->isSinkClosed());
+}
+
 TEST_F(TcpSinkTest, TheLocalUrlNamesTheLinksConcreteAddress) {
     CTcpClientSink* client = connectClient();
     ASSERT_NE(client, nullptr);

@@ -17,6 +17,7 @@
 namespace {
 const char TCP_SCHEME[] = "tcp://";
 const size_t TCP_SCHEME_LENGTH = sizeof(TCP_SCHEME) - 1;
+const int ACCEPTS_PER_PASS = 1024;
 
 // The messages of one pass, kept per communication thread so that a pass
 // allocates nothing once the threads have warmed up.
@@ -416,8 +417,10 @@ void CTcpApartment::acceptLinks(DWORD dwTimeout, std::vector<IApartmentServerSin
 
 void CTcpApartment::acceptConnections() {
     // A bounded number per wake-up, so that a storm does not starve the
-    // handshakes under way; the rest are taken on the next pass.
-    for (int taken = 0; taken < 64; ++taken) {
+    // handshakes under way; the rest are taken on the next pass. Large
+    // enough that the listen queue rarely fills: a connection it refuses
+    // is retried by the peer's system only after a second.
+    for (int taken = 0; taken < ACCEPTS_PER_PASS; ++taken) {
         CReference<IApartmentServerSink> server(listenSink()->processConnectRequest(0));
         if (server.nil()) return;
         CReference<IApartmentSink> sink(asIApartmentSink(server));
@@ -436,9 +439,13 @@ void CTcpApartment::acceptConnections() {
         Handshake& handshake = m_Handshakes[sink.operator->()];
         handshake.server = server;
         handshake.sink = tcp;
-        handshake.progressDeadline = OS::Clock::monotonicDeadline(CONNECTION_INFO_TIMEOUT_MS);
+        // Until its first byte a peer has the whole bound: one process that
+        // opens thousands of links at once writes their first frames one
+        // after another. Once it has begun, it may not pause for longer
+        // than CONNECTION_INFO_TIMEOUT_MS.
         handshake.totalDeadline =
             OS::Clock::monotonicDeadline(CTcpServerSink::CONNECTION_INFO_TOTAL_TIMEOUT_MS);
+        handshake.progressDeadline = handshake.totalDeadline;
     }
 }
 

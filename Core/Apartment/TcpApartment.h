@@ -31,9 +31,9 @@ public:
     static const unsigned int MAX_FRAMES_PER_PASS = 64;
     static const unsigned int MAX_BYTES_PER_PASS = 256 * 1024;
     // The bounds of reading a new connection's connection frame: a peer
-    // that sends nothing for CONNECTION_INFO_TIMEOUT_MS, or has not sent it
-    // whole within CTcpServerSink::CONNECTION_INFO_TOTAL_TIMEOUT_MS, is
-    // dropped without notice.
+    // that has not sent it whole within CTcpServerSink::CONNECTION_INFO_
+    // TOTAL_TIMEOUT_MS, or pauses for CONNECTION_INFO_TIMEOUT_MS once it has
+    // begun, is dropped without notice.
     static const DWORD CONNECTION_INFO_TIMEOUT_MS = 100;
 
     CTcpApartment();
