@@ -88,6 +88,16 @@ bool CApartment::initApartment(const char* strApartmentUrl, bool bListen) {
     m_uintUnreadResponseMs = countFromEnvironment(UNREAD_RESPONSE_MS_VARIABLE,
                                                   "time an unread response is kept (ms)",
                                                   CApartmentNode::DEFAULT_UNREAD_RESPONSE_MS);
+    // Before the first sink is made: every sink takes the context with it.
+    std::string tlsError;
+    m_tlsContext = CTlsContext::fromEnvironment(tlsError);
+    if (!tlsError.empty()) {
+        log_task_line("[Apartment Error]: %s; apartment not initialised.", tlsError.c_str());
+        return false;
+    }
+    if (m_tlsContext && m_tlsContext->logsKeys())
+        log_task_line("[Apartment Warning]: TLS secrets are written to APARTMENT_TLS_KEYLOG: "
+                      "whoever reads that file can decrypt these links.");
     std::string url = strApartmentUrl != nullptr ? strApartmentUrl : "";
     std::string address;
     getPortAddressFromApartmentUrl(strApartmentUrl, address);

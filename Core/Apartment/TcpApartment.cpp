@@ -65,6 +65,7 @@ IApartmentSink* CTcpApartment::createSink(APARTMENT_SINK_TYPE type) {
             return nullptr;
     }
     sink->setMaxFrameSize(maxFrameSize());
+    sink->setTlsContext(tlsContext());
     return static_cast<IApartmentSink*>(sink);
 }
 
@@ -90,7 +91,14 @@ bool CTcpApartment::getApartmentUrlFromPortAddress(const char* strAddress,
 
 bool CTcpApartment::watchLink(IApartmentSink* pSink, bool bRtThread) {
     CReference<ITcpApartmentSink> tcp(asITcpApartmentSink(pSink));
-    return !tcp.nil() && m_Comm[bRtThread ? 1 : 0].poller.watch(pSink, tcp->getSocketFd());
+    CLinkPoller& poller = m_Comm[bRtThread ? 1 : 0].poller;
+    if (tcp.nil() || !poller.watch(pSink, tcp->getSocketFd())) return false;
+    // The listen thread may have left frames that followed the connection
+    // frame inside the TLS session, where the socket's readiness never
+    // shows them.
+    CTcpApartmentSink* sink = dynamic_cast<CTcpApartmentSink*>(pSink);
+    if (sink != nullptr && sink->tlsPending()) poller.nudge(pSink);
+    return true;
 }
 
 void CTcpApartment::unwatchLink(IApartmentSink* pSink) {
@@ -168,7 +176,7 @@ bool CTcpApartment::serveLink(CommThread& thread, IApartmentSink* pSink, Message
         closeLink(thread, pSink, batch);
         return false;
     }
-    return tcp->hasFrameReady();
+    return tcp->hasFrameReady() || tcp->tlsPending();
 }
 
 void CTcpApartment::serveSink(CommThread& thread, IApartmentSink* pSink, CTcpApartmentSink* pTcp,
@@ -357,8 +365,13 @@ void CTcpApartment::acceptLinks(DWORD dwTimeout, std::vector<IApartmentServerSin
             it = m_Handshakes.find(sink);
             if (it != m_Handshakes.end() &&
                 (OS::Clock::hasPassed(it->second.progressDeadline) ||
-                 OS::Clock::hasPassed(it->second.totalDeadline)))
+                 OS::Clock::hasPassed(it->second.totalDeadline))) {
+                // Unlike a silent plaintext peer, one that began TLS and
+                // stalled is named: it may be a peer misconfigured.
+                if (it->second.sink->tlsHandshaking())
+                    reportTlsRefusal(sink, "no handshake within the time allowed");
                 dropHandshake(it);
+            }
         }
         it = next;
     }
@@ -387,8 +400,7 @@ void CTcpApartment::acceptConnections() {
         handshake.server = server;
         handshake.sink = tcp;
         handshake.progressDeadline = OS::Clock::monotonicDeadline(CONNECTION_INFO_TIMEOUT_MS);
-        handshake.totalDeadline =
-            OS::Clock::monotonicDeadline(CTcpServerSink::CONNECTION_INFO_TOTAL_TIMEOUT_MS);
+        handshake.totalDeadline = OS::Clock::monotonicDeadline(tcp->totalTimeoutMs());
     }
 }
 
@@ -402,13 +414,26 @@ void CTcpApartment::stepHandshake(IApartmentSink* pSink,
     if (info == CTcpServerSink::INFO_PENDING) {
         if (progress)
             it->second.progressDeadline = OS::Clock::monotonicDeadline(CONNECTION_INFO_TIMEOUT_MS);
+        const bool write = it->second.sink->tlsHandshaking() && it->second.sink->tlsWantsWrite();
+        if (write != it->second.watchingWrite &&
+            m_ListenPoller.setInterest(pSink, !write, write))
+            it->second.watchingWrite = write;
         return;
     }
+    const std::string failure = it->second.sink->tlsFailure();
+    if (!failure.empty()) reportTlsRefusal(pSink, failure);
     if (info == CTcpServerSink::INFO_RECEIVED) {
         ready.push_back(it->second.server);
         it->second.server->addRef();  // the caller's
     }
     dropHandshake(it);
+}
+
+void CTcpApartment::reportTlsRefusal(IApartmentSink* pSink, const std::string& reason) {
+    std::string peer;
+    CApartmentSinkHelper::getRemoteAddress(pSink, peer);
+    log_task_line("[TcpApartment Warning]: TLS handshake with %s failed: %s; link closed.",
+                  peer.c_str(), reason.c_str());
 }
 
 void CTcpApartment::dropHandshake(std::map<IApartmentSink*, Handshake>::iterator it) {
