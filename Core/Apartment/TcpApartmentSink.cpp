@@ -7,7 +7,6 @@
 #include <cstring>
 #include <exception>
 #include <memory>
-#include <atomic>
 #include <new>
 #include <random>
 
@@ -131,8 +130,7 @@ void CTcpApartmentSink::setTlsContext(const std::shared_ptr<CTlsContext>& contex
 }
 
 void CTcpApartmentSink::announceTls() {
-    static std::atomic<bool> s_announced{false};
-    if (s_announced.exchange(true)) return;
+    if (!m_tlsContext->firstHandshake()) return;
     log_task_line("[TcpApartment Info]: TLS 1.3 on links, record layer: %s",
                   CTlsSession::recordLayerName(m_pTls->kernelOffload()));
 }

@@ -189,8 +189,8 @@ protected:
     // shared by the reader and the writers (it locks inside). Kept until the
     // sink goes: a reader may still call it after the link was closed.
     std::unique_ptr<CTlsSession> m_pTls;
-    // Prints, once per process, which record layer the first finished
-    // handshake got.
+    // Prints, once per apartment (its context), which record layer the
+    // first finished handshake got.
     void announceTls();
 
     // Receive state: owning thread only, no lock. The read buffer holds
