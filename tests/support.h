@@ -397,7 +397,10 @@ public:
     std::vector<Clock::time_point> offlineTimes() const { return get(m_offlineTimes); }
     std::vector<unsigned int> timers() const { return get(m_timers); }
     std::vector<Raw> raw() const { return get(m_raw); }
-    size_t requestCount() const { return requests().size(); }
+    size_t requestCount() const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_requests.size();
+    }
     std::atomic<int> misaligned{0};  // requests whose data the host got unaligned
     bool heardOffline(const std::string& url) const {
         const std::vector<std::string> all = offline();

@@ -620,6 +620,48 @@ TEST(TcpSinkBuffers, AHeaderAboveTheMaximumIsRefusedBeforeAnythingIsAllocated) {
     EXPECT_FALSE(pair.sink->isExpectSinkClosed());
 }
 
+// A link is held at its bound (or at the total's) and taken up again only
+// once what held it is down to half: rows of bytes queued, why it is held,
+// and whether it may be read again.
+TEST(QueueBudget, HoldsAtTheBoundAndResumesAtHalf) {
+    const size_t perLink = 1000, total = 3000;
+    struct Row {
+        size_t link, other;  // bytes of this link and of another one
+        int reasons;         // holdReasons()
+        bool resumes;        // mayResume(reasons), once held
+    } rows[] = {
+        {999, 0, 0, true},
+        {1000, 0, CLinkBacklog::HELD_FOR_LINK, false},
+        {501, 0, 0, true},  // not held: under the bound
+        {500, 2499, 0, true},
+        {500, 2500, CLinkBacklog::HELD_FOR_TOTAL, false},
+        {0, 3000, CLinkBacklog::HELD_FOR_TOTAL, false},
+    };
+    for (const Row& row : rows) {
+        auto budget = std::make_shared<CQueueBudget>(perLink, total);
+        CLinkBacklog link(budget), other(budget);
+        link.charge(row.link);
+        other.charge(row.other);
+        EXPECT_EQ(link.holdReasons(), row.reasons) << row.link << " " << row.other;
+        EXPECT_EQ(link.mayResume(row.reasons), row.resumes) << row.link << " " << row.other;
+    }
+    // Held for its own bytes: down to half resumes it, and a discharge
+    // that gets there while a link is held asks for a wake-up.
+    auto budget = std::make_shared<CQueueBudget>(perLink, total);
+    CLinkBacklog link(budget);
+    link.charge(1000);
+    ++budget->m_heldLinks;
+    link.discharge(499);
+    EXPECT_FALSE(link.mayResume(CLinkBacklog::HELD_FOR_LINK));
+    budget->takeResumeWanted();  // the total is low already: a wake-up too many costs nothing
+    link.discharge(1);
+    EXPECT_TRUE(link.mayResume(CLinkBacklog::HELD_FOR_LINK));
+    EXPECT_TRUE(budget->takeResumeWanted());
+    EXPECT_FALSE(budget->takeResumeWanted());
+    link.discharge(500);
+    EXPECT_EQ(budget->queued(), 0u);
+}
+
 // One pass of a communication thread takes at most MAX_FRAMES_PER_PASS
 // frames from a link, so that a flooding link cannot starve the others;
 // the next passes serve the rest at once, without waiting on the socket,
@@ -701,6 +743,18 @@ TEST(TcpListenSink, ARandomPortIsDrawnOnceFromItsRange) {
     os_socket_close(taken, USE_DEFAULT);
     ASSERT_TRUE(sink->initSink("127.0.0.1:0", nullptr));
     EXPECT_EQ(localAddressOf(sink), "127.0.0.1:" + std::to_string(port));
+}
+
+// A connect that meets itself (a port nobody listens on, taken as the
+// link's own) links to no apartment: refused like a connect nobody takes.
+TEST(TcpClientSink, AConnectThatMeetsItselfIsRefused) {
+    const std::string address = "127.0.0.1:" + std::to_string(freePort());
+    CReference<CTcpClientSink> client(new CTcpClientSink);
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(client->initSink(address.c_str(), address.c_str()));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[TcpApartment Error]: Can not connected to " + address + "\n");
+    EXPECT_TRUE(client->isSinkClosed());
 }
 
 TEST_F(TcpSinkTest, TheLocalUrlNamesTheLinksConcreteAddress) {

@@ -38,11 +38,16 @@ unsigned int countFromEnvironment(const char* variable, const char* what, unsign
 const char* const CApartment::MAX_FRAME_BYTES_VARIABLE = "APARTMENT_MAX_FRAME_BYTES";
 const char* const CApartment::MAX_LINKS_VARIABLE = "APARTMENT_MAX_LINKS";
 const char* const CApartment::UNREAD_RESPONSE_MS_VARIABLE = "APARTMENT_UNREAD_RESPONSE_MS";
+const char* const CApartment::MAX_QUEUED_BYTES_PER_LINK_VARIABLE =
+    "APARTMENT_MAX_QUEUED_BYTES_PER_LINK";
+const char* const CApartment::MAX_QUEUED_BYTES_VARIABLE = "APARTMENT_MAX_QUEUED_BYTES";
 
 CApartment::CApartment()
     : m_uintMaxFrameSize(APARTMENT_DEFAULT_MAX_FRAME_SIZE),
       m_uintMaxLinks(DEFAULT_MAX_LINKS),
       m_uintUnreadResponseMs(CApartmentNode::DEFAULT_UNREAD_RESPONSE_MS),
+      m_pQueueBudget(std::make_shared<CQueueBudget>(CQueueBudget::DEFAULT_PER_LINK,
+                                                    CQueueBudget::DEFAULT_TOTAL)),
       m_ConnectionManageMutex(MUTEX_NONE, USE_STD, nullptr),
       m_ConnectionNotEmptyCondition(nullptr, USE_STD),
       m_LinkOpenCondition(nullptr, USE_STD),
@@ -88,6 +93,11 @@ bool CApartment::initApartment(const char* strApartmentUrl, bool bListen) {
     m_uintUnreadResponseMs = countFromEnvironment(UNREAD_RESPONSE_MS_VARIABLE,
                                                   "time an unread response is kept (ms)",
                                                   CApartmentNode::DEFAULT_UNREAD_RESPONSE_MS);
+    m_pQueueBudget = std::make_shared<CQueueBudget>(
+        countFromEnvironment(MAX_QUEUED_BYTES_PER_LINK_VARIABLE, "bound on a link's queued bytes",
+                             CQueueBudget::DEFAULT_PER_LINK),
+        countFromEnvironment(MAX_QUEUED_BYTES_VARIABLE, "bound on queued bytes",
+                             CQueueBudget::DEFAULT_TOTAL));
     // Before the first sink is made: every sink takes the context with it.
     std::string tlsError;
     m_tlsContext = CTlsContext::fromEnvironment(tlsError);
@@ -391,6 +401,14 @@ bool CApartment::getMessage(APARTMENT_TMSG& msg, timespec deadline) {
     // Deferred messages come back first, one per call, once re-entry is
     // allowed again.
     if (m_bAllowReentry && m_ApartmentCacheMsgQueue.tryPop(msg)) return true;
+    // About to wait with nothing to take while links are held back: what
+    // holds them is deferred, and only reading on brings what this thread
+    // waits for (a response behind those requests, say).
+    if (m_pQueueBudget->m_heldLinks.load(std::memory_order_relaxed) != 0 &&
+        m_ApartmentMsgQueue.getQueueSize() == 0) {
+        m_pQueueBudget->m_liftHolds = true;
+        interruptWait(false);
+    }
     return m_ApartmentMsgQueue.pop(msg, deadline);
 }
 
@@ -408,7 +426,11 @@ int CApartment::dispatchMessage(const APARTMENT_TMSG& msg) {
     // A handler that throws (a host callback, an allocation failure) costs
     // its message only: the payload is held by a CReference below and goes
     // as the exception passes, and the pump goes on with the next message.
-    return guarded("dispatch, message dropped", 1, [&] { return dispatchAllowed(msg); });
+    const int result =
+        guarded("dispatch, message dropped", 1, [&] { return dispatchAllowed(msg); });
+    // The frame just released may let a held link be read again.
+    if (m_pQueueBudget->takeResumeWanted()) interruptWait(false);
+    return result;
 }
 
 int CApartment::dispatchAllowed(const APARTMENT_TMSG& msg) {

@@ -71,6 +71,7 @@
 #include "IApartmentSink.h"
 #include "MessageQueue.h"
 #include "TlsContext.h"
+#include "QueueBudget.h"
 
 class IApartmentStub : public TRootStub<IApartment> {};
 class IApartmentExStub : public TExtensionStub<IApartmentStub, IApartmentEx> {
@@ -94,6 +95,8 @@ public:
     static const char* const MAX_FRAME_BYTES_VARIABLE;
     static const char* const MAX_LINKS_VARIABLE;
     static const char* const UNREAD_RESPONSE_MS_VARIABLE;
+    static const char* const MAX_QUEUED_BYTES_PER_LINK_VARIABLE;
+    static const char* const MAX_QUEUED_BYTES_VARIABLE;
     // The most links an apartment holds (filed, and accepted connections
     // whose connection frame is awaited), unless APARTMENT_MAX_LINKS says
     // otherwise: a connection beyond it is closed at once.
@@ -224,6 +227,10 @@ protected:
     // to `ready` the accepted server sinks whose connection frame has
     // arrived, each with a reference for the caller.
     virtual void acceptLinks(DWORD dwTimeout, std::vector<IApartmentServerSink*>& ready) = 0;
+    // The bound on received messages waiting in the queues (see
+    // CQueueBudget): CQueueBudget's defaults, or APARTMENT_MAX_QUEUED_BYTES
+    // _PER_LINK and APARTMENT_MAX_QUEUED_BYTES as initApartment read them.
+    const std::shared_ptr<CQueueBudget>& queueBudget() const { return m_pQueueBudget; }
     // The listening sink (null when the apartment does not listen). Only
     // the listen thread and destroyApartment touch it.
     IApartmentListenSink* listenSink() const { return m_ListenSink; }
@@ -376,6 +383,7 @@ private:
     unsigned int m_uintMaxLinks;
     std::shared_ptr<CTlsContext> m_tlsContext;
     unsigned int m_uintUnreadResponseMs;
+    std::shared_ptr<CQueueBudget> m_pQueueBudget;
     // Answers that no request waits for are reported one line a second:
     // when the last line went (s, monotonic; -1 before the first), and how
     // many were dropped quietly since.

@@ -27,6 +27,12 @@ CApartmentFrame::CApartmentFrame(unsigned int uintFrameType, unsigned int uintFr
 
 CApartmentFrame::~CApartmentFrame() {
     if (m_bOwnsBuffer) delete[] m_pFrameBuffer;
+    if (m_pBacklog) m_pBacklog->discharge(m_uintFrameSize + CQueueBudget::MESSAGE_OVERHEAD);
+}
+
+void CApartmentFrame::charge(std::shared_ptr<CLinkBacklog> backlog) {
+    m_pBacklog = std::move(backlog);
+    if (m_pBacklog) m_pBacklog->charge(m_uintFrameSize + CQueueBudget::MESSAGE_OVERHEAD);
 }
 
 CApartmentFrame* CApartmentFrame::createCopy(unsigned int uintFrameType,

@@ -4,8 +4,11 @@
 #ifndef APARTMENT_APARTMENTFRAME_H
 #define APARTMENT_APARTMENTFRAME_H
 
+#include <memory>
+
 #include "GroundKit/Base/Stub.h"
 #include "IApartmentFrame.h"
+#include "QueueBudget.h"
 
 class IApartmentFrameStub : public TRootStub<IApartmentFrame> {};
 
@@ -31,6 +34,10 @@ public:
     // share their allocation with the payload.
     static void operator delete(void* pFrame) { ::operator delete(pFrame); }
 
+    // Counts the frame against its link's backlog until it goes (see
+    // CQueueBudget). Once, by the receiver, before the frame is posted.
+    void charge(std::shared_ptr<CLinkBacklog> backlog);
+
     unsigned int getFrameType() override { return m_uintFrameType; }
     unsigned int getFrameSize() override { return m_uintFrameSize; }
     char* getFrameBuffer() override { return m_pFrameBuffer; }
@@ -44,6 +51,7 @@ private:
     unsigned int m_uintFrameSize;
     char* m_pFrameBuffer;
     bool m_bOwnsBuffer;  // false when the payload sits in the object's own allocation
+    std::shared_ptr<CLinkBacklog> m_pBacklog;  // charged with the frame, when set
 };
 
 #endif

@@ -8,6 +8,7 @@
 #include "ApartmentFrame.h"
 #include "ApartmentFrameCodec.h"
 #include "ApartmentGuard.h"
+#include "os_poller.h"
 #include "GroundKit/OS/OS_Clock.h"
 #include "GroundKit/OS/Socket/OS_Socket.h"
 #include "TcpApartmentSink.h"
@@ -16,7 +17,7 @@
 namespace {
 const char TCP_SCHEME[] = "tcp://";
 const size_t TCP_SCHEME_LENGTH = sizeof(TCP_SCHEME) - 1;
-const int EINTR_CODE = 4;
+const int ACCEPTS_PER_PASS = 1024;
 
 // The messages of one pass, kept per communication thread so that a pass
 // allocates nothing once the threads have warmed up.
@@ -90,14 +91,47 @@ bool CTcpApartment::getApartmentUrlFromPortAddress(const char* strAddress,
 }
 
 bool CTcpApartment::watchLink(IApartmentSink* pSink, bool bRtThread) {
-    CReference<ITcpApartmentSink> tcp(asITcpApartmentSink(pSink));
+    CTcpApartmentSink* tcp = dynamic_cast<CTcpApartmentSink*>(pSink);
+    if (tcp == nullptr) return false;
+    // Frames of the real-time thread's links never wait in the queues.
+    if (!bRtThread && !tcp->backlog()) tcp->setBacklog(std::make_shared<CLinkBacklog>(queueBudget()));
     CLinkPoller& poller = m_Comm[bRtThread ? 1 : 0].poller;
-    if (tcp.nil() || !poller.watch(pSink, tcp->getSocketFd())) return false;
+    if (!poller.watch(pSink, tcp->getSocketFd())) return false;
     // The listen thread may have left frames that followed the connection
     // frame inside the TLS session, where the socket's readiness never
     // shows them.
-    CTcpApartmentSink* sink = dynamic_cast<CTcpApartmentSink*>(pSink);
-    if (sink != nullptr && sink->tlsPending()) poller.nudge(pSink);
+    if (tcp->tlsPending()) poller.nudge(pSink);
+    return true;
+}
+
+void CTcpApartment::resumeHeldLinks(CommThread& thread) {
+    const bool lift = queueBudget()->m_liftHolds.exchange(false);
+    for (auto it = thread.held.begin(); it != thread.held.end();) {
+        CLinkPoller::Link link;
+        if (!thread.poller.lookup(it->first, link)) {  // gone meanwhile
+            --queueBudget()->m_heldLinks;
+            it = thread.held.erase(it);
+            continue;
+        }
+        CTcpApartmentSink* tcp = dynamic_cast<CTcpApartmentSink*>(link.sink);
+        if (lift || tcp == nullptr || !tcp->backlog() || tcp->backlog()->mayResume(it->second)) {
+            thread.poller.resume(it->first);
+            --queueBudget()->m_heldLinks;
+            it = thread.held.erase(it);
+            thread.ready.push_back(link);  // its frames already read come first
+            continue;
+        }
+        link.sink->releaseRef();
+        ++it;
+    }
+}
+
+bool CTcpApartment::holdLink(CommThread& thread, uint64_t key, const CLinkBacklog& backlog) {
+    const int reasons = backlog.holdReasons();
+    if (reasons == 0) return false;
+    thread.held.emplace(key, reasons);
+    thread.poller.pause(key);
+    ++queueBudget()->m_heldLinks;
     return true;
 }
 
@@ -113,6 +147,7 @@ void CTcpApartment::serveLinks(DWORD dwTimeout, bool bRtConnection) {
     CommThread& thread = m_Comm[bRtConnection ? 1 : 0];
     std::vector<CLinkPoller::Link>& links = thread.ready;
     links.clear();
+    if (!thread.held.empty()) resumeHeldLinks(thread);
     // Whole frames already read are served without waiting on the sockets.
     for (uint64_t key : thread.carried) {
         CLinkPoller::Link link;
@@ -142,7 +177,7 @@ void CTcpApartment::serveLinks(DWORD dwTimeout, bool bRtConnection) {
         // What goes wrong while serving one link (no memory, say) closes
         // that link only; what the others brought is still posted.
         const bool framesLeft = guarded("receiving, link closed", false, [&] {
-            return serveLink(thread, link.sink, batch);
+            return serveLink(thread, link, batch);
         });
         if (framesLeft) thread.carried.push_back(link.key);
     }
@@ -152,7 +187,9 @@ void CTcpApartment::serveLinks(DWORD dwTimeout, bool bRtConnection) {
     links.clear();
 }
 
-bool CTcpApartment::serveLink(CommThread& thread, IApartmentSink* pSink, MessageBatch& batch) {
+bool CTcpApartment::serveLink(CommThread& thread, const CLinkPoller::Link& link,
+                              MessageBatch& batch) {
+    IApartmentSink* pSink = link.sink;
     CTcpApartmentSink* tcp = dynamic_cast<CTcpApartmentSink*>(pSink);
     if (tcp == nullptr || pSink->isSinkClosed()) return false;
     // A write condemned it (and shut it down, which is what woke us).
@@ -160,23 +197,33 @@ bool CTcpApartment::serveLink(CommThread& thread, IApartmentSink* pSink, Message
         closeLink(thread, pSink, batch);
         return false;
     }
-    bool ok = false;
+    // Over its bound: not read until the dispatcher has taken its backlog
+    // down, so that the kernel's flow control slows the sender. A link that
+    // has failed is read all the same: there is nothing to hold back, and
+    // its end must be heard.
+    const bool ended = (link.events & (OS_POLLER_ERROR | OS_POLLER_HANGUP)) != 0;
+    const std::shared_ptr<CLinkBacklog>& backlog = tcp->backlog();
+    if (!ended && backlog && (thread.held.count(link.key) != 0 || holdLink(thread, link.key, *backlog)))
+        return false;
     try {
         serveSink(thread, pSink, tcp, batch);
-        ok = true;
     } catch (...) {
         tcp->settleReadBuffer();  // the thread's buffer must not stay lent
         if (!pSink->isSinkClosed()) closeLink(thread, pSink, batch);
         throw;
     }
+    // The thread's read buffer goes back whatever happened: a link closed
+    // while it held it would leave the thread lending freed memory.
+    const bool settled = tcp->settleReadBuffer();
     if (pSink->isSinkClosed()) return false;
-    if (ok && !tcp->settleReadBuffer()) {
+    if (backlog && thread.held.count(link.key) == 0) holdLink(thread, link.key, *backlog);
+    if (!settled) {
         log_task_line("[TcpApartment Error]: no memory to read from %s; link closed.",
                       peerOf(pSink).c_str());
         closeLink(thread, pSink, batch);
         return false;
     }
-    return tcp->hasFrameReady() || tcp->tlsPending();
+    return (tcp->hasFrameReady() || tcp->tlsPending()) && thread.held.count(link.key) == 0;
 }
 
 void CTcpApartment::serveSink(CommThread& thread, IApartmentSink* pSink, CTcpApartmentSink* pTcp,
@@ -192,6 +239,7 @@ void CTcpApartment::serveSink(CommThread& thread, IApartmentSink* pSink, CTcpApa
             deliverFrame(pSink, pTcp, type, payload, size, batch);
             bytes += size;
             if (++frames >= MAX_FRAMES_PER_PASS || bytes >= MAX_BYTES_PER_PASS) return;
+            if (pTcp->backlog() && pTcp->backlog()->holdReasons() != 0) return;  // held back
             continue;
         }
         if (status == CTcpApartmentSink::FRAME_TOO_LARGE) {
@@ -281,6 +329,8 @@ void CTcpApartment::deliverFrame(IApartmentSink* pSink, CTcpApartmentSink* pTcp,
                       uintSize, peerOf(pSink).c_str());
         return;
     }
+
+    frame->charge(pTcp->backlog());
 
     APARTMENT_MSG_CODE code;
     if (pSink->getLoopbackType() == SERVER_LOOPBACK_TYPE)
@@ -379,8 +429,10 @@ void CTcpApartment::acceptLinks(DWORD dwTimeout, std::vector<IApartmentServerSin
 
 void CTcpApartment::acceptConnections() {
     // A bounded number per wake-up, so that a storm does not starve the
-    // handshakes under way; the rest are taken on the next pass.
-    for (int taken = 0; taken < 64; ++taken) {
+    // handshakes under way; the rest are taken on the next pass. Large
+    // enough that the listen queue rarely fills: a connection it refuses
+    // is retried by the peer's system only after a second.
+    for (int taken = 0; taken < ACCEPTS_PER_PASS; ++taken) {
         CReference<IApartmentServerSink> server(listenSink()->processConnectRequest(0));
         if (server.nil()) return;
         CReference<IApartmentSink> sink(asIApartmentSink(server));
@@ -399,8 +451,12 @@ void CTcpApartment::acceptConnections() {
         Handshake& handshake = m_Handshakes[sink.operator->()];
         handshake.server = server;
         handshake.sink = tcp;
-        handshake.progressDeadline = OS::Clock::monotonicDeadline(CONNECTION_INFO_TIMEOUT_MS);
+        // Until its first byte a peer has the whole bound: one process that
+        // opens thousands of links at once writes their first frames one
+        // after another. Once it has begun, it may not pause for longer
+        // than CONNECTION_INFO_TIMEOUT_MS.
         handshake.totalDeadline = OS::Clock::monotonicDeadline(tcp->totalTimeoutMs());
+        handshake.progressDeadline = handshake.totalDeadline;
     }
 }
 

@@ -34,9 +34,9 @@ public:
     static const unsigned int MAX_FRAMES_PER_PASS = 64;
     static const unsigned int MAX_BYTES_PER_PASS = 256 * 1024;
     // The bounds of reading a new connection's connection frame: a peer
-    // that sends nothing for CONNECTION_INFO_TIMEOUT_MS, or has not sent it
-    // whole within CTcpServerSink::CONNECTION_INFO_TOTAL_TIMEOUT_MS, is
-    // dropped without notice.
+    // that has not sent it whole within CTcpServerSink::CONNECTION_INFO_
+    // TOTAL_TIMEOUT_MS, or pauses for CONNECTION_INFO_TIMEOUT_MS once it has
+    // begun, is dropped without notice.
     static const DWORD CONNECTION_INFO_TIMEOUT_MS = 100;
 
     CTcpApartment();
@@ -82,6 +82,7 @@ private:
         CLinkPoller poller;
         std::vector<CLinkPoller::Link> ready;  // the links of the pass
         std::vector<uint64_t> carried;         // links with whole frames left over
+        std::map<uint64_t, int> held;          // links held back, and why (CLinkBacklog)
     };
     // A connection whose connection frame is awaited.
     struct Handshake {
@@ -93,8 +94,16 @@ private:
     };
 
     // Serves one ready link of a communication thread; true when whole
-    // frames are left for the next pass.
-    bool serveLink(CommThread& thread, IApartmentSink* pSink, MessageBatch& batch);
+    // frames are left for the next pass. A link over its queue bound is
+    // held back instead (not read, its readiness not reported) unless it
+    // has ended (`events`).
+    bool serveLink(CommThread& thread, const CLinkPoller::Link& link, MessageBatch& batch);
+    // Holds the link back when its backlog says so (pausing its readiness);
+    // true when it did.
+    bool holdLink(CommThread& thread, uint64_t key, const CLinkBacklog& backlog);
+    // Takes up the held links that may be read again (all of them when the
+    // dispatcher asked for it), appending them to the pass.
+    void resumeHeldLinks(CommThread& thread);
     void serveSink(CommThread& thread, IApartmentSink* pSink, CTcpApartmentSink* pTcp,
                    MessageBatch& batch);
     // Takes the whole frame the sink holds: a callback for a real-time

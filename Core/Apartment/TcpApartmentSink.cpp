@@ -669,12 +669,17 @@ bool CTcpClientSink::onSinkInited(const char* localAddress, const char* remoteAd
     int error = 0;
     socklen_t length = sizeof error;
     m_Socket.getSockopt(SOL_SOCKET, SO_ERROR, &error, &length);
-    if (m_Socket.readyToRead(0, nullptr) && error != 0) {
+    const bool refused = m_Socket.readyToRead(0, nullptr) && error != 0;
+    if (!refused && !m_Socket.getSockName(m_strLocalIPAddress, m_uiLocalIPPort)) return false;
+    // A connect to a port of this host that nobody listens on can be given
+    // that very port as its own and meet itself (a simultaneous open): a
+    // link to itself, not to the apartment asked for.
+    if (refused || (m_uiLocalIPPort == m_uiRemoteIPPort &&
+                    m_strLocalIPAddress == m_strRemoteIPAddress)) {
         log_task_line("[TcpApartment Error]: Can not connected to %s:%u",
                       m_strRemoteIPAddress.c_str(), static_cast<unsigned int>(m_uiRemoteIPPort));
         return false;
     }
-    if (!m_Socket.getSockName(m_strLocalIPAddress, m_uiLocalIPPort)) return false;
     makeSinkAddress(m_strLocalIPAddress, m_uiLocalIPPort, m_strLocalAddress);
     return !m_tlsContext || handshake();
 }

@@ -42,6 +42,7 @@
 
 #include "ApartmentFrameCodec.h"
 #include "ApartmentSink.h"
+#include "QueueBudget.h"
 #include "FieldKit/Socket/Socket.h"
 #include "GroundKit/OS/OS_Condition.h"
 #include "GroundKit/OS/OS_Mutex.h"
@@ -161,6 +162,12 @@ public:
     // serves it sees it end (and posts its close) without looking for it.
     void setExpectSinkClosed(bool bExpect) override;
 
+    // The account of this link's messages waiting in the apartment's
+    // queues (none for a link whose frames are not queued). Set before the
+    // link is served; read by the serving thread.
+    void setBacklog(std::shared_ptr<CLinkBacklog> backlog) { m_pBacklog = std::move(backlog); }
+    const std::shared_ptr<CLinkBacklog>& backlog() const { return m_pBacklog; }
+
     // Sets the socket buffers to LINK_SOCKET_BUFFER_SIZE and turns off
     // Nagle's delay. False only when there is no socket.
     bool initSinkSocketOpt();
@@ -206,6 +213,7 @@ protected:
     char* m_pLargePayload;  // a payload too large for the read buffer
     unsigned int m_uintLargePayloadFill;
     unsigned int m_uintMaxFrameSize;
+    std::shared_ptr<CLinkBacklog> m_pBacklog;
 
     // Guards the queue of frames waiting to be written and the writing
     // flag (m_bSending: a thread is writing, or the writing has been handed

@@ -93,7 +93,7 @@ bool CLinkPoller::wait(int timeoutMs, std::vector<Link>& ready) {
         auto it = m_Entries.find(events[i].key);
         if (it == m_Entries.end()) continue;  // forgotten since the kernel reported it
         it->second.sink->addRef();
-        ready.push_back(Link{it->second.sink, events[i].key});
+        ready.push_back(Link{it->second.sink, events[i].key, events[i].events});
     }
     for (uint64_t key : m_Nudged) {
         auto it = m_Entries.find(key);
@@ -102,7 +102,7 @@ bool CLinkPoller::wait(int timeoutMs, std::vector<Link>& ready) {
         for (int i = 0; i < count && !reported; ++i) reported = events[i].key == key;
         if (reported) continue;
         it->second.sink->addRef();
-        ready.push_back(Link{it->second.sink, key});
+        ready.push_back(Link{it->second.sink, key, OS_POLLER_READ});
     }
     m_Nudged.clear();
     return true;
@@ -113,7 +113,7 @@ bool CLinkPoller::lookup(uint64_t key, Link& link) {
     auto it = m_Entries.find(key);
     if (it == m_Entries.end()) return false;
     it->second.sink->addRef();
-    link = Link{it->second.sink, key};
+    link = Link{it->second.sink, key, 0};
     return true;
 }
 

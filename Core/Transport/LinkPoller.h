@@ -29,10 +29,12 @@
 
 class CLinkPoller {
 public:
-    // A ready link: the sink carries one reference for the caller.
+    // A ready link: the sink carries one reference for the caller; events
+    // are the OS_POLLER_* bits reported (0 from lookup).
     struct Link {
         IApartmentSink* sink;
         uint64_t key;
+        uint32_t events;
     };
 
     CLinkPoller();

@@ -54,13 +54,23 @@ private:
 // the peer reset; the library promises hosts that it never does, so these
 // go through the platform's send and recv (MSG_NOSIGNAL). Its data is the
 // descriptor.
-int socketWrite(BIO* pBio, const char* data, size_t size, size_t* written) {
+// One send or recv of at most 1 GiB on the descriptor the BIO holds, again
+// while a signal interrupts it; its result.
+template <class Io>
+int socketCall(BIO* pBio, size_t size, Io io) {
     BIO_clear_retry_flags(pBio);
     const int fd = static_cast<int>(reinterpret_cast<intptr_t>(BIO_get_data(pBio)));
     const int chunk = size > (1u << 30) ? (1 << 30) : static_cast<int>(size);
     int n;
-    do n = os_socket_send(fd, data, chunk, 0, USE_DEFAULT);
+    do n = io(fd, chunk);
     while (n < 0 && errno == EINTR);
+    return n;
+}
+
+int socketWrite(BIO* pBio, const char* data, size_t size, size_t* written) {
+    const int n = socketCall(pBio, size, [data](int fd, int chunk) {
+        return os_socket_send(fd, data, chunk, 0, USE_DEFAULT);
+    });
     if (n >= 0) {
         *written = static_cast<size_t>(n);
         return 1;
@@ -70,12 +80,9 @@ int socketWrite(BIO* pBio, const char* data, size_t size, size_t* written) {
 }
 
 int socketRead(BIO* pBio, char* data, size_t size, size_t* got) {
-    BIO_clear_retry_flags(pBio);
-    const int fd = static_cast<int>(reinterpret_cast<intptr_t>(BIO_get_data(pBio)));
-    const int chunk = size > (1u << 30) ? (1 << 30) : static_cast<int>(size);
-    int n;
-    do n = os_socket_recv(fd, data, chunk, 0, USE_DEFAULT);
-    while (n < 0 && errno == EINTR);
+    const int n = socketCall(pBio, size, [data](int fd, int chunk) {
+        return os_socket_recv(fd, data, chunk, 0, USE_DEFAULT);
+    });
     if (n > 0) {
         *got = static_cast<size_t>(n);
         return 1;
