@@ -771,6 +771,43 @@ private:
     std::thread m_thread;
 };
 
+// --------------------------------------------------------------------- TLS
+
+#ifdef APARTMENT_SOURCE_DIR
+// scripts/make-test-certs.sh's set, made once per process into a directory
+// that goes with the process (its name outlives every destructor); "" when
+// it could not be made. Ends with '/'.
+inline char* certPathTemplate() {
+    static char path[] = "/tmp/apartment-certs-XXXXXX";
+    return path;
+}
+inline void removeCerts() { std::system((std::string("rm -rf ") + certPathTemplate()).c_str()); }
+inline const std::string& certDir() {
+    static const std::string dir = [] {
+        if (mkdtemp(certPathTemplate()) == nullptr) return std::string();
+        std::atexit(removeCerts);
+        const std::string command = std::string("timeout 20 " APARTMENT_SOURCE_DIR
+                                                "/scripts/make-test-certs.sh ") +
+                                    certPathTemplate() + " >/dev/null </dev/null";
+        return std::system(command.c_str()) == 0 ? std::string(certPathTemplate()) + "/"
+                                                 : std::string();
+    }();
+    return dir;
+}
+// Turns TLS on for the apartment this process initialises next, with
+// certificate `name` of certDir(); "" turns it off again.
+inline void tlsEnvironment(const std::string& name) {
+    if (name.empty()) {
+        for (const char* v : {"APARTMENT_TLS_CERT", "APARTMENT_TLS_KEY", "APARTMENT_TLS_CA"})
+            unsetenv(v);
+        return;
+    }
+    setenv("APARTMENT_TLS_CERT", (certDir() + name + ".pem").c_str(), 1);
+    setenv("APARTMENT_TLS_KEY", (certDir() + name + ".key").c_str(), 1);
+    setenv("APARTMENT_TLS_CA", (certDir() + "ca.pem").c_str(), 1);
+}
+#endif
+
 // ---------------------------------------------------------------- readings
 
 // CPU time (user + system) this process used, in milliseconds.

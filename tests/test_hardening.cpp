@@ -10,6 +10,8 @@
 #include <set>
 
 #include "TcpApartment.h"
+#include "TlsContext.h"
+#include "TlsSession.h"
 #include "support.h"
 
 using namespace aptest;
@@ -668,6 +670,252 @@ TEST_F(HostTest, RepliesToUnreachableSourcesDoNotStallTheDispatcher) {
     flooder.tell("stop");
     EXPECT_EQ(flooder.wait(5000), 0);
     EXPECT_EQ(fresh.wait(5000), 0);
+}
+
+// ------------------------------------------------------------------- TLS
+// Both apartments take their TLS settings from the environment (set in a
+// child before it starts its apartment, and around startHost here).
+
+namespace {
+
+enum class Refusal { Plaintext, NoCertificate, OtherCa, Expired, StallsMidHandshake };
+struct RefusedCase {
+    const char* name;
+    Refusal kind;
+    const char* cert;  // what a TLS row presents ("" nothing)
+    const char* reason;
+};
+
+// Connects, gets as far as its kind lets it and sends a connection frame
+// and a request for "echo" (through TLS when it got that far), then holds
+// the link until told to quit.
+int refusedPeer(const RefusedCase& row) {
+    const std::string url = Peer::readFromParent(5000);
+    const int fd = rawConnect(portOf(url));
+    if (fd < 0) return 11;
+    Bytes frames = connectionFrame(urlOf(21000), false);
+    const Bytes request = requestFrame(urlOf(21000), url, "echo", 7, true, "refused");
+    frames.insert(frames.end(), request.begin(), request.end());
+    if (row.kind == Refusal::Plaintext) {
+        if (!sendAll(fd, frames)) return 12;
+    } else if (row.kind == Refusal::StallsMidHandshake) {
+        const unsigned char recordHead[] = {0x16, 0x03, 0x01, 0x02, 0x00, 0x01};
+        if (!sendAll(fd, recordHead, sizeof recordHead)) return 12;
+    } else {
+        std::string error;
+        const std::string d = certDir(), cert = row.cert;
+        auto context = CTlsContext::create(
+            {cert.empty() ? "" : d + cert + ".pem", cert.empty() ? "" : d + cert + ".key", d + "ca.pem", ""},
+            error);
+        if (!context) return 13;
+        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+        CTlsSession tls(context, fd, CTlsSession::CLIENT);
+        CTlsSession::HANDSHAKE step = CTlsSession::WANT_WRITE;
+        for (const long long until = nowMs() + 2000; nowMs() < until;) {
+            step = tls.handshakeStep();
+            if (step == CTlsSession::DONE || step == CTlsSession::FAILED) break;
+            pollfd p{fd, static_cast<short>(step == CTlsSession::WANT_READ ? POLLIN : POLLOUT), 0};
+            ::poll(&p, 1, 50);
+        }
+        // TLS 1.3: the client is done before the host has judged it.
+        if (step != CTlsSession::DONE) return 14;
+        const iovec part{frames.data(), frames.size()};
+        if (tls.writev(&part, 1) <= 0) return 15;
+    }
+    Peer::tellParent("sent");
+    Peer::readFromParent(5000);
+    os_socket_close(fd, USE_DEFAULT);
+    return 0;
+}
+
+size_t occurrences(const std::string& text, const std::string& what) {
+    size_t count = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++count;
+    return count;
+}
+
+class TlsRefusedTest : public HostTest, public ::testing::WithParamInterface<RefusedCase> {};
+
+}  // namespace
+
+// Whatever a peer the host cannot authenticate sends never reaches a node:
+// one line names it and why, and a good peer is served alongside.
+TEST_P(TlsRefusedTest, PostsNothingNamesThePeerAndServesAGoodOne) {
+    if (!CTlsContext::available()) GTEST_SKIP() << "built without OpenSSL";
+    ASSERT_FALSE(certDir().empty());
+    const RefusedCase row = GetParam();
+    Peer refused([row] { return refusedPeer(row); });
+    Peer good([] {
+        tlsEnvironment("a");
+        return requesterPeer();
+    });
+    tlsEnvironment("b");
+    testing::internal::CaptureStdout();
+    const std::string url = startHost();
+    tlsEnvironment("");
+    ASSERT_FALSE(url.empty());
+    refused.tell(url);
+    EXPECT_EQ(refused.pumpReadLine(5000), "sent");
+    pumpFor(400);  // past the 100 ms a stalled handshake is given
+    good.tell(url);
+    EXPECT_EQ(good.pumpReadLine(8000).substr(0, 5), "ping ");
+    const std::string printed = testing::internal::GetCapturedStdout();
+    refused.tell("quit");
+    EXPECT_EQ(refused.wait(3000), 0);
+    EXPECT_EQ(good.wait(3000), 0);
+    ASSERT_EQ(m_echo->requests().size(), 1u);
+    EXPECT_EQ(m_echo->requests()[0].data, "ping");
+    EXPECT_EQ(occurrences(printed, "[TcpApartment Warning]: TLS handshake with 127.0.0.1:"), 1u)
+        << printed;
+    EXPECT_NE(printed.find(std::string(row.reason) + "; link closed."), std::string::npos) << printed;
+}
+
+#define ROW(kind, cert, reason) RefusedCase{#kind, Refusal::kind, cert, reason}
+INSTANTIATE_TEST_SUITE_P(
+    Tls, TlsRefusedTest,
+    ::testing::Values(ROW(Plaintext, "", "peer does not speak TLS"),
+                      ROW(NoCertificate, "", "peer presented no certificate"),
+                      ROW(OtherCa, "other", "unable to get local issuer certificate"),
+                      ROW(Expired, "expired", "certificate has expired"),
+                      ROW(StallsMidHandshake, "", "no handshake within the time allowed")),
+    [](const ::testing::TestParamInfo<RefusedCase>& info) { return info.param.name; });
+#undef ROW
+
+namespace {
+enum class TlsUse { Request, Notification, RawFrame, Heartbeat };
+struct TlsUseCase {
+    const char* name;
+    TlsUse use;
+};
+class TlsAcceptedTest : public HostTest, public ::testing::WithParamInterface<TlsUseCase> {};
+}  // namespace
+
+// Both link classes carry everything over TLS, and the host says once
+// which record layer its links got.
+TEST_P(TlsAcceptedTest, BothLinkClassesCarryEverything) {
+    if (!CTlsContext::available()) GTEST_SKIP() << "built without OpenSSL";
+    ASSERT_FALSE(certDir().empty());
+    Peer peer([] {
+        tlsEnvironment("a");
+        PeerOptions options;
+        options.report = true;
+        return servePeer(options);
+    });
+    const std::string remote = peer.readLine(5000);
+    ASSERT_FALSE(remote.empty());
+    tlsEnvironment("b");
+    testing::internal::CaptureStdout();
+    const std::string url = startHost();
+    tlsEnvironment("");
+    ASSERT_FALSE(url.empty());
+    CReference<Recorder> node = addNode("h");
+    std::string payload = "sealed " + std::string(GetParam().name);
+    const std::string digest = std::to_string(payload.size()) + " " +
+                               std::to_string(fnv1a(payload.data(), payload.size()));
+    unsigned int id = 0;
+    switch (GetParam().use) {
+        case TlsUse::Request:
+            EXPECT_EQ(requestAndRead("h", remote, "echo", payload, 3000), payload);
+            break;
+        case TlsUse::Notification:
+            ASSERT_EQ(apartment_node_write_notify(nullptr, "h", remote.c_str(), "echo", &payload[0],
+                                                  static_cast<unsigned int>(payload.size()), id),
+                      0);
+            EXPECT_EQ(peer.pumpReadLine(3000), "REQ echo " + url + " h " + std::to_string(id) +
+                                                   " " + std::to_string(payload.size()) + " 0 " +
+                                                   std::to_string(fnv1a(payload.data(), payload.size())));
+            break;
+        case TlsUse::RawFrame:
+            ASSERT_TRUE(apartment_connect_remote(nullptr, remote.c_str(), true));
+            ASSERT_EQ(apartment_raw_write(nullptr, remote.c_str(), 7, &payload[0],
+                                          static_cast<unsigned int>(payload.size())),
+                      0);
+            EXPECT_EQ(peer.pumpReadLine(3000).substr(0, 6 + digest.size()), "RAW 7 " + digest);
+            break;
+        case TlsUse::Heartbeat:
+            ASSERT_TRUE(apartment_connect_remote(nullptr, remote.c_str(), false));
+            ASSERT_TRUE(apartment_keepalive_with(nullptr, remote.c_str(), 3, 50));
+            pumpFor(800);
+            EXPECT_TRUE(m_apartment->offline().empty());
+            EXPECT_TRUE(apartment_has_connect_remote(nullptr, remote.c_str(), false));
+            break;
+    }
+    const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(occurrences(printed, "[TcpApartment Info]: TLS 1.3 on links, record layer: "), 1u)
+        << printed;
+    EXPECT_EQ(printed.find("[TcpApartment Warning]"), std::string::npos) << printed;
+    EXPECT_EQ(peer.stop(), 0);
+}
+
+#define ROW(use) TlsUseCase{#use, TlsUse::use}
+INSTANTIATE_TEST_SUITE_P(Tls, TlsAcceptedTest,
+                         ::testing::Values(ROW(Request), ROW(Notification), ROW(RawFrame),
+                                           ROW(Heartbeat)),
+                         [](const ::testing::TestParamInfo<TlsUseCase>& info) {
+                             return info.param.name;
+                         });
+#undef ROW
+
+// What crosses the wire is sealed: a proxy between the host and a TLS peer
+// relays a request and its answer, and finds neither the payload nor a URL
+// in the bytes it saw either way.
+TEST_F(HostTest, TlsLinksShowNoPayloadOrUrlInTheClear) {
+    if (!CTlsContext::available()) GTEST_SKIP() << "built without OpenSSL";
+    ASSERT_FALSE(certDir().empty());
+    const std::string secret = "PAYLOAD-THAT-MUST-NOT-SHOW";
+    Peer server([] {
+        tlsEnvironment("a");
+        return servePeer();
+    });
+    Peer proxy([secret] {
+        unsigned short port = 0;
+        const int listener = bindAnyPort(port, 4);
+        if (listener < 0) return 11;
+        Peer::tellParent(std::to_string(port));
+        const unsigned short target = portOf(Peer::readFromParent(5000));
+        pollfd p{listener, POLLIN, 0};
+        if (::poll(&p, 1, 5000) != 1) return 12;
+        const int ends[2] = {::accept(listener, nullptr, nullptr), rawConnect(target)};
+        if (ends[0] < 0 || ends[1] < 0) return 13;
+        std::string seen;
+        for (const long long until = nowMs() + 10000; nowMs() < until && !Peer::toldToQuit();) {
+            pollfd both[2] = {{ends[0], POLLIN, 0}, {ends[1], POLLIN, 0}};
+            if (::poll(both, 2, 20) <= 0) continue;
+            char buffer[65536];
+            bool closed = false;
+            for (int i = 0; i < 2; ++i) {
+                if (both[i].revents == 0) continue;
+                const ssize_t n = ::read(ends[i], buffer, sizeof buffer);
+                if (n <= 0 || !sendAll(ends[1 - i], buffer, static_cast<size_t>(n))) closed = true;
+                if (n > 0) seen.append(buffer, static_cast<size_t>(n));
+            }
+            if (closed) break;
+        }
+        const bool clear = seen.find(secret) != std::string::npos ||
+                           seen.find("tcp://127.0.0.1") != std::string::npos;
+        Peer::tellParent(clear ? "CLEAR" : "SEALED " + std::to_string(seen.size()));
+        Peer::readFromParent(5000);
+        return 0;
+    });
+    const std::string remote = server.readLine(5000);
+    const std::string relay = proxy.readLine(5000);
+    ASSERT_FALSE(remote.empty());
+    ASSERT_FALSE(relay.empty());
+    proxy.tell(remote);
+    tlsEnvironment("b");
+    const std::string url = startHost();
+    tlsEnvironment("");
+    ASSERT_FALSE(url.empty());
+    CReference<Recorder> node = addNode("h");
+    EXPECT_EQ(requestAndRead("h", urlOf(static_cast<unsigned short>(std::stoi(relay))), "echo",
+                             secret, 3000),
+              secret);
+    proxy.tell("quit");
+    const std::string verdict = proxy.pumpReadLine(3000);
+    EXPECT_EQ(verdict.substr(0, 7), "SEALED ") << verdict;
+    proxy.tell("done");
+    EXPECT_EQ(proxy.wait(3000), 0);
+    EXPECT_EQ(server.stop(), 0);
 }
 
 // ------------------------------------------------------------------ load

@@ -865,21 +865,6 @@ TEST_F(TcpSinkTest, ClosingASinkReleasesABlockedSender) {
 
 // --------------------------------------------------------------------- TLS
 
-// scripts/make-test-certs.sh's set, made once per process into a directory
-// that goes with the process (its name outlives every destructor).
-char g_certPath[] = "/tmp/apartment-certs-XXXXXX";
-void removeCerts() { std::system((std::string("rm -rf ") + g_certPath).c_str()); }
-const std::string& certDir() {
-    static const std::string dir = [] {
-        if (mkdtemp(g_certPath) == nullptr) return std::string();
-        std::atexit(removeCerts);
-        const std::string command = std::string("timeout 20 " APARTMENT_SOURCE_DIR
-                                                "/scripts/make-test-certs.sh ") + g_certPath + " >/dev/null </dev/null";
-        return std::system(command.c_str()) == 0 ? std::string(g_certPath) + "/" : std::string();
-    }();
-    return dir;
-}
-
 // A context for the certificate `name` ("" for none) trusting `ca`.
 std::shared_ptr<CTlsContext> tlsContext(const std::string& name, const std::string& ca = "ca",
                                         const std::string& keyLog = "") {

@@ -98,6 +98,16 @@ bool CApartment::initApartment(const char* strApartmentUrl, bool bListen) {
                              CQueueBudget::DEFAULT_PER_LINK),
         countFromEnvironment(MAX_QUEUED_BYTES_VARIABLE, "bound on queued bytes",
                              CQueueBudget::DEFAULT_TOTAL));
+    // Before the first sink is made: every sink takes the context with it.
+    std::string tlsError;
+    m_tlsContext = CTlsContext::fromEnvironment(tlsError);
+    if (!tlsError.empty()) {
+        log_task_line("[Apartment Error]: %s; apartment not initialised.", tlsError.c_str());
+        return false;
+    }
+    if (m_tlsContext && m_tlsContext->logsKeys())
+        log_task_line("[Apartment Warning]: TLS secrets are written to APARTMENT_TLS_KEYLOG: "
+                      "whoever reads that file can decrypt these links.");
     std::string url = strApartmentUrl != nullptr ? strApartmentUrl : "";
     std::string address;
     getPortAddressFromApartmentUrl(strApartmentUrl, address);

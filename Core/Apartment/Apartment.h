@@ -70,6 +70,7 @@
 #include "IApartmentFrame.h"
 #include "IApartmentSink.h"
 #include "MessageQueue.h"
+#include "TlsContext.h"
 #include "QueueBudget.h"
 
 class IApartmentStub : public TRootStub<IApartment> {};
@@ -105,8 +106,9 @@ public:
     virtual ~CApartment();
 
     // Lifecycle and identity. initApartment also reads the maximum frame
-    // size and the maximum of links from the environment (see maxFrameSize
-    // and maxLinks).
+    // size, the maximum of links and the TLS settings from the environment
+    // (see maxFrameSize, maxLinks and tlsContext); TLS settings that cannot
+    // be used fail it with one line.
     bool initApartment(const char* strApartmentUrl, bool bListen) override;
     void destroyApartment() override;
     bool getApartmentUrl(char* strApartmentUrl, DWORD& dwLen) const override;
@@ -191,6 +193,10 @@ public:
     // DEFAULT_MAX_LINKS, or the value of APARTMENT_MAX_LINKS (1 to
     // 4294967295) when initApartment read one.
     unsigned int maxLinks() const { return m_uintMaxLinks; }
+    // The TLS settings every link of this apartment uses, read from the
+    // environment by initApartment (see CTlsContext::fromEnvironment); null
+    // when TLS is off. Set before any link exists, read-only after.
+    const std::shared_ptr<CTlsContext>& tlsContext() const { return m_tlsContext; }
 
 protected:
     // The transport. createSink returns an uninitialised sink with one
@@ -375,6 +381,7 @@ private:
     // Set by initApartment before any sink exists; read-only afterwards.
     unsigned int m_uintMaxFrameSize;
     unsigned int m_uintMaxLinks;
+    std::shared_ptr<CTlsContext> m_tlsContext;
     unsigned int m_uintUnreadResponseMs;
     std::shared_ptr<CQueueBudget> m_pQueueBudget;
     // Answers that no request waits for are reported one line a second:

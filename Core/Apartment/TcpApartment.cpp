@@ -66,6 +66,7 @@ IApartmentSink* CTcpApartment::createSink(APARTMENT_SINK_TYPE type) {
             return nullptr;
     }
     sink->setMaxFrameSize(maxFrameSize());
+    sink->setTlsContext(tlsContext());
     return static_cast<IApartmentSink*>(sink);
 }
 
@@ -94,7 +95,13 @@ bool CTcpApartment::watchLink(IApartmentSink* pSink, bool bRtThread) {
     if (tcp == nullptr) return false;
     // Frames of the real-time thread's links never wait in the queues.
     if (!bRtThread && !tcp->backlog()) tcp->setBacklog(std::make_shared<CLinkBacklog>(queueBudget()));
-    return m_Comm[bRtThread ? 1 : 0].poller.watch(pSink, tcp->getSocketFd());
+    CLinkPoller& poller = m_Comm[bRtThread ? 1 : 0].poller;
+    if (!poller.watch(pSink, tcp->getSocketFd())) return false;
+    // The listen thread may have left frames that followed the connection
+    // frame inside the TLS session, where the socket's readiness never
+    // shows them.
+    if (tcp->tlsPending()) poller.nudge(pSink);
+    return true;
 }
 
 void CTcpApartment::resumeHeldLinks(CommThread& thread) {
@@ -216,7 +223,7 @@ bool CTcpApartment::serveLink(CommThread& thread, const CLinkPoller::Link& link,
         closeLink(thread, pSink, batch);
         return false;
     }
-    return tcp->hasFrameReady() && thread.held.count(link.key) == 0;
+    return (tcp->hasFrameReady() || tcp->tlsPending()) && thread.held.count(link.key) == 0;
 }
 
 void CTcpApartment::serveSink(CommThread& thread, IApartmentSink* pSink, CTcpApartmentSink* pTcp,
@@ -408,8 +415,13 @@ void CTcpApartment::acceptLinks(DWORD dwTimeout, std::vector<IApartmentServerSin
             it = m_Handshakes.find(sink);
             if (it != m_Handshakes.end() &&
                 (OS::Clock::hasPassed(it->second.progressDeadline) ||
-                 OS::Clock::hasPassed(it->second.totalDeadline)))
+                 OS::Clock::hasPassed(it->second.totalDeadline))) {
+                // Unlike a silent plaintext peer, one that began TLS and
+                // stalled is named: it may be a peer misconfigured.
+                if (it->second.sink->tlsHandshaking())
+                    reportTlsRefusal(sink, "no handshake within the time allowed");
                 dropHandshake(it);
+            }
         }
         it = next;
     }
@@ -443,8 +455,7 @@ void CTcpApartment::acceptConnections() {
         // opens thousands of links at once writes their first frames one
         // after another. Once it has begun, it may not pause for longer
         // than CONNECTION_INFO_TIMEOUT_MS.
-        handshake.totalDeadline =
-            OS::Clock::monotonicDeadline(CTcpServerSink::CONNECTION_INFO_TOTAL_TIMEOUT_MS);
+        handshake.totalDeadline = OS::Clock::monotonicDeadline(tcp->totalTimeoutMs());
         handshake.progressDeadline = handshake.totalDeadline;
     }
 }
@@ -459,13 +470,26 @@ void CTcpApartment::stepHandshake(IApartmentSink* pSink,
     if (info == CTcpServerSink::INFO_PENDING) {
         if (progress)
             it->second.progressDeadline = OS::Clock::monotonicDeadline(CONNECTION_INFO_TIMEOUT_MS);
+        const bool write = it->second.sink->tlsHandshaking() && it->second.sink->tlsWantsWrite();
+        if (write != it->second.watchingWrite &&
+            m_ListenPoller.setInterest(pSink, !write, write))
+            it->second.watchingWrite = write;
         return;
     }
+    const std::string failure = it->second.sink->tlsFailure();
+    if (!failure.empty()) reportTlsRefusal(pSink, failure);
     if (info == CTcpServerSink::INFO_RECEIVED) {
         ready.push_back(it->second.server);
         it->second.server->addRef();  // the caller's
     }
     dropHandshake(it);
+}
+
+void CTcpApartment::reportTlsRefusal(IApartmentSink* pSink, const std::string& reason) {
+    std::string peer;
+    CApartmentSinkHelper::getRemoteAddress(pSink, peer);
+    log_task_line("[TcpApartment Warning]: TLS handshake with %s failed: %s; link closed.",
+                  peer.c_str(), reason.c_str());
 }
 
 void CTcpApartment::dropHandshake(std::map<IApartmentSink*, Handshake>::iterator it) {

@@ -9,7 +9,10 @@
 //   - the listen thread accepts connections and reads each one's
 //     connection frame itself, with the handshake's bounds, so that a slow
 //     or silent peer never holds the dispatching thread or another link;
-//     only a connection whose peer is known is handed on to be filed.
+//     only a connection whose peer is known is handed on to be filed;
+//   - with TLS (the apartment's context, handed to every sink it makes),
+//     the server's side of each handshake is also done there, before the
+//     connection frame, and a refused peer is named in one line.
 #ifndef APARTMENT_TCPAPARTMENT_H
 #define APARTMENT_TCPAPARTMENT_H
 
@@ -87,6 +90,7 @@ private:
         CTcpServerSink* sink;
         timespec progressDeadline;
         timespec totalDeadline;
+        bool watchingWrite = false;  // the TLS handshake waits for room to write
     };
 
     // Serves one ready link of a communication thread; true when whole
@@ -114,6 +118,8 @@ private:
     void acceptConnections();
     void stepHandshake(IApartmentSink* pSink, std::vector<IApartmentServerSink*>& ready);
     void dropHandshake(std::map<IApartmentSink*, Handshake>::iterator it);
+    // The one line a refused TLS peer gets.
+    void reportTlsRefusal(IApartmentSink* pSink, const std::string& reason);
 
     char* m_pRtRawBuffer;  // used only by the real-time communication thread
     unsigned int m_uintRtRawBufferSize;

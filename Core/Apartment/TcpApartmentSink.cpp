@@ -31,6 +31,12 @@ const int PARTS_PER_FRAME = 3;
 // so that a peer holding half a header does not make the wait spin.
 const long NO_PROGRESS_PAUSE_US = 1000;
 
+// Milliseconds left until `deadline`, rounded up; 0 or less once it passed.
+long long millisecondsUntil(const timespec& deadline) {
+    const timespec now = OS::Clock::monotonicNow();
+    return (deadline.tv_sec - now.tv_sec) * 1000LL + (deadline.tv_nsec - now.tv_nsec) / 1000000 + 1;
+}
+
 const char* textOrEmpty(const char* text) { return text == nullptr ? "" : text; }
 
 // Send failures that waiting for writability cannot cure.
@@ -100,6 +106,7 @@ CTcpApartmentSink::CTcpApartmentSink()
 }
 
 CTcpApartmentSink::~CTcpApartmentSink() {
+    m_pTls.reset();  // before its socket
     m_Socket.close();
     _clearReceiveBuffer();
 }
@@ -117,6 +124,16 @@ void CTcpApartmentSink::setMaxFrameSize(unsigned int uintMaxFrameSize) {
 }
 
 unsigned int CTcpApartmentSink::maxFrameSize() const { return m_uintMaxFrameSize; }
+
+void CTcpApartmentSink::setTlsContext(const std::shared_ptr<CTlsContext>& context) {
+    m_tlsContext = context;
+}
+
+void CTcpApartmentSink::announceTls() {
+    if (!m_tlsContext->firstHandshake()) return;
+    log_task_line("[TcpApartment Info]: TLS 1.3 on links, record layer: %s",
+                  CTlsSession::recordLayerName(m_pTls->kernelOffload()));
+}
 
 unsigned int CTcpApartmentSink::effectiveMaxFrameSize() const {
     return m_bRtConnection ? RT_MAX_FRAME_SIZE : m_uintMaxFrameSize;
@@ -249,7 +266,8 @@ bool CTcpApartmentSink::_writeFrames(int fd, PendingFrame* pFirst, PendingFrame*
     while (next < count) {
         long result;
         do {
-            result = OS::Socket::sendVector(fd, parts + next, count - next, 0, USE_DEFAULT);
+            result = m_pTls ? m_pTls->writev(parts + next, count - next)
+                            : OS::Socket::sendVector(fd, parts + next, count - next, 0, USE_DEFAULT);
         } while (result < 0 && OS::Socket::getErrnoCode() == EINTR);
         if (result > 0) {
             sent += static_cast<unsigned long long>(result);
@@ -313,7 +331,14 @@ CTcpApartmentSink::READ_RESULT CTcpApartmentSink::readAvailable(unsigned int uin
     if (room == 0) return READ_NOTHING;  // whole frames wait to be taken first
     if (room > uintMost) room = uintMost;
     if (room > MAX_RECEIVE_CHUNK) room = MAX_RECEIVE_CHUNK;
-    const int received = m_Socket.receive(into, static_cast<int>(room), 0);
+    int received;
+    if (m_pTls) {
+        // A closed link's descriptor number may already be another's.
+        if (m_Socket.getSockFd() == -1) return READ_FAILED;
+        received = m_pTls->read(into, room);
+    } else {
+        received = m_Socket.receive(into, static_cast<int>(room), 0);
+    }
     if (received == 0) return READ_CLOSED;
     if (received < 0) {
         const int error = OS::Socket::getErrnoCode();
@@ -485,7 +510,9 @@ void CTcpApartmentSink::onSinkClose() {
     // Shutting the connection down first makes a write under way fail at
     // once; the descriptor is closed only when no write is under way, so
     // that no writer uses it after it has been released (and perhaps
-    // reused). Writers that come later find no descriptor and fail.
+    // reused). Writers that come later find no descriptor and fail. A TLS
+    // peer is told first that the end is deliberate, if the socket takes it.
+    if (m_pTls && m_Socket.getSockFd() != -1) m_pTls->shutdown();
     OS::Socket::shutdown(m_Socket.getSockFd(), SHUT_RDWR, USE_DEFAULT);
     SendLock lock(&m_SendMutex);
     while (m_bSending) m_SendDoneCondition.wait();
@@ -621,6 +648,7 @@ IApartmentServerSink* CTcpListenSink::processConnectRequest(DWORD dwTimeoutMs) {
     if (!server->initSink(localAddress.c_str(), remoteAddress.c_str())) return nullptr;
     server->setLocalApartmentUrl(m_strLocalApartmentUrl.c_str());
     server->setMaxFrameSize(m_uintMaxFrameSize);
+    server->setTlsContext(m_tlsContext);
     server->addRef();  // the caller's
     return server;
 }
@@ -653,7 +681,37 @@ bool CTcpClientSink::onSinkInited(const char* localAddress, const char* remoteAd
         return false;
     }
     makeSinkAddress(m_strLocalIPAddress, m_uiLocalIPPort, m_strLocalAddress);
-    return true;
+    return !m_tlsContext || handshake();
+}
+
+bool CTcpClientSink::handshake() {
+    m_pTls.reset(new CTlsSession(m_tlsContext, m_Socket.getSockFd(), CTlsSession::CLIENT));
+    const timespec giveUpAt = OS::Clock::monotonicDeadline(CONNECT_TIMEOUT_MS);
+    std::string reason;
+    for (;;) {
+        const CTlsSession::HANDSHAKE step = m_pTls->handshakeStep();
+        if (step == CTlsSession::DONE) {
+            announceTls();
+            return true;
+        }
+        if (step == CTlsSession::FAILED) {
+            reason = m_pTls->failureReason();
+            break;
+        }
+        const long long left = millisecondsUntil(giveUpAt);
+        if (left <= 0 || OS::Clock::hasPassed(giveUpAt)) {
+            reason = "not done within " + std::to_string(CONNECT_TIMEOUT_MS) + " ms";
+            break;
+        }
+        const DWORD wait = static_cast<DWORD>(left);
+        if (step == CTlsSession::WANT_READ) m_Socket.readyToRead(wait, nullptr);
+        else m_Socket.readyToWrite(wait, nullptr);
+    }
+    log_task_line("[TcpApartment Error]: TLS handshake with %s:%u failed: %s.",
+                  m_strRemoteIPAddress.c_str(), static_cast<unsigned int>(m_uiRemoteIPPort),
+                  reason.c_str());
+    m_pTls.reset();
+    return false;
 }
 
 // ---------------------------------------------------------------------------
@@ -662,6 +720,10 @@ bool CTcpClientSink::onSinkInited(const char* localAddress, const char* remoteAd
 APARTMENT_SINK_TYPE CTcpServerSink::sinkType() const { return SERVER_SINK; }
 
 CSocket& CTcpServerSink::innerSocket() { return m_Socket; }
+
+std::string CTcpServerSink::tlsFailure() const {
+    return m_pTls ? m_pTls->failureReason() : std::string();
+}
 
 bool CTcpServerSink::onSinkInited(const char* localAddress, const char* remoteAddress) {
     if (!CTcpApartmentSink::onSinkInited(localAddress, remoteAddress)) return false;
@@ -675,6 +737,21 @@ CTcpServerSink::CONNECTION_INFO CTcpServerSink::takeConnectionInfo(bool& bRtConn
     if (m_bConnectionInfoKnown) {
         bRtConnection = m_bInfoRt;
         return INFO_RECEIVED;
+    }
+    if (tlsHandshaking()) {
+        // Whether the step has something to take: a peer that stalls mid-
+        // handshake must not count as making progress.
+        bProgress = m_bTlsWantsWrite ? m_Socket.readyToWrite(0, nullptr)
+                                     : m_Socket.readyToRead(0, nullptr);
+        if (!m_pTls)
+            m_pTls.reset(new CTlsSession(m_tlsContext, m_Socket.getSockFd(), CTlsSession::SERVER));
+        const CTlsSession::HANDSHAKE step = m_pTls->handshakeStep();
+        if (step == CTlsSession::FAILED) return INFO_REFUSED;
+        m_bTlsWantsWrite = step == CTlsSession::WANT_WRITE;
+        if (step != CTlsSession::DONE) return INFO_PENDING;
+        m_bTlsDone = true;
+        bProgress = true;
+        announceTls();
     }
     CONNECTION_INFO result = INFO_PENDING;
     for (;;) {
@@ -728,14 +805,16 @@ CTcpServerSink::CONNECTION_INFO CTcpServerSink::takeConnectionInfo(bool& bRtConn
 
 bool CTcpServerSink::waitRemoteConnectionInfo(DWORD dwTimeoutMs, bool& bRtConnection) {
     timespec giveUpAt = OS::Clock::monotonicDeadline(dwTimeoutMs);
-    const timespec totalGiveUpAt = OS::Clock::monotonicDeadline(CONNECTION_INFO_TOTAL_TIMEOUT_MS);
+    const timespec totalGiveUpAt = OS::Clock::monotonicDeadline(totalTimeoutMs());
     for (;;) {
         bool progress = false;
         const CONNECTION_INFO info = takeConnectionInfo(bRtConnection, progress);
         if (info != INFO_PENDING) return info == INFO_RECEIVED;
         if (progress) giveUpAt = OS::Clock::monotonicDeadline(dwTimeoutMs);
         if (OS::Clock::hasPassed(totalGiveUpAt) || OS::Clock::hasPassed(giveUpAt)) return false;
-        if (!m_Socket.readyToRead(dwTimeoutMs, nullptr)) return false;
+        if (tlsWantsWrite() ? !m_Socket.readyToWrite(dwTimeoutMs, nullptr)
+                            : !m_Socket.readyToRead(dwTimeoutMs, nullptr))
+            return false;
         if (!progress) pauseMicroseconds(NO_PROGRESS_PAUSE_US);
     }
 }

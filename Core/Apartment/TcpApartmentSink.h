@@ -27,6 +27,11 @@
 // announces more than the link's maximum is refused before anything is
 // allocated for it.
 //
+// TLS: with a context set (setTlsContext, before initSink), every byte of
+// the link goes through a CTlsSession, whose handshake completes before the
+// connection frame: a client's in initSink, a server's in
+// takeConnectionInfo, on the listen thread. Without one, nothing changes.
+//
 // processConnectRequest runs on the listen thread; a client's initSink on
 // the thread that connects.
 #ifndef APARTMENT_TCPAPARTMENTSINK_H
@@ -41,6 +46,7 @@
 #include "FieldKit/Socket/Socket.h"
 #include "GroundKit/OS/OS_Condition.h"
 #include "GroundKit/OS/OS_Mutex.h"
+#include "TlsSession.h"
 
 class ITcpApartmentSinkStub : public TExtensionStub<CApartmentSink, ITcpApartmentSink> {
 public:
@@ -116,6 +122,14 @@ public:
     // is shared.
     void setMaxFrameSize(unsigned int uintMaxFrameSize);
     unsigned int maxFrameSize() const;
+    // The apartment's TLS settings (null: plaintext). Before initSink; a
+    // listen sink hands them to the server sinks it makes.
+    void setTlsContext(const std::shared_ptr<CTlsContext>& context);
+    bool usesTls() const { return m_tlsContext != nullptr; }
+    // Owning thread only. Whether the TLS session holds bytes the socket's
+    // readiness no longer shows: the link must be read again before its
+    // thread waits on the socket. False without TLS.
+    bool tlsPending() const { return m_pTls && m_pTls->hasPending(); }
 
     // Owning thread only. One non-blocking read of what is waiting, at most
     // uintMost bytes. The bytes land in the thread's borrowed read buffer
@@ -176,6 +190,15 @@ protected:
     std::string m_strRemoteIPAddress;
     unsigned short m_uiRemoteIPPort;
     CSocket m_Socket;
+    std::shared_ptr<CTlsContext> m_tlsContext;
+    // The link's TLS once it is set up; null for plaintext. Made and driven
+    // through its handshake by the one thread that sets the link up, then
+    // shared by the reader and the writers (it locks inside). Kept until the
+    // sink goes: a reader may still call it after the link was closed.
+    std::unique_ptr<CTlsSession> m_pTls;
+    // Prints, once per apartment (its context), which record layer the
+    // first finished handshake got.
+    void announceTls();
 
     // Receive state: owning thread only, no lock. The read buffer holds
     // bytes [m_uintReadBegin, m_uintReadEnd) not yet taken as frames.
@@ -266,6 +289,9 @@ protected:
 // The connecting end. initSink(local, remote) connects within
 // CONNECT_TIMEOUT_MS; it sends nothing (the apartment sends the connection
 // frame).
+// With TLS, initSink also completes the client's handshake within
+// CONNECT_TIMEOUT_MS (a failure prints one line); the server may still
+// refuse this side's certificate afterwards, which shows as a closed link.
 class CTcpClientSink : public CTcpApartmentSink {
 public:
     static constexpr DWORD CONNECT_TIMEOUT_MS = 1000;
@@ -274,6 +300,11 @@ public:
 
 protected:
     bool onSinkInited(const char* localAddress, const char* remoteAddress) override;
+
+private:
+    // The client's side of the TLS handshake, waiting on the socket; false
+    // (with one line) when it failed or ran out of CONNECT_TIMEOUT_MS.
+    bool handshake();
 };
 
 // The accepted end, created by CTcpListenSink::processConnectRequest.
@@ -291,13 +322,22 @@ public:
     // peer feeding a huge first frame byte by byte would otherwise hold
     // that thread for as long as it likes.
     static constexpr DWORD CONNECTION_INFO_TOTAL_TIMEOUT_MS = 1000;
+    // The same with TLS, whose handshake comes first: the listen thread
+    // does the server's side of every handshake, which in a storm of
+    // connections on a loaded machine takes it well past a second.
+    static constexpr DWORD CONNECTION_INFO_TLS_TOTAL_TIMEOUT_MS = 2000;
+    DWORD totalTimeoutMs() const {
+        return usesTls() ? CONNECTION_INFO_TLS_TOTAL_TIMEOUT_MS : CONNECTION_INFO_TOTAL_TIMEOUT_MS;
+    }
 
     APARTMENT_SINK_TYPE sinkType() const override;
     // Owning thread, before the link is filed. One step that never waits:
-    // reads no more than the connection frame can still need, so that the
-    // frames that follow it stay in the socket for the communication
-    // thread. bProgress tells whether anything was taken. Once received,
-    // every later call answers INFO_RECEIVED with the same flag.
+    // with TLS, first a step of the handshake (INFO_REFUSED when it failed:
+    // see tlsFailure); then reads no more than the connection frame can
+    // still need, so that the frames that follow it stay in the socket (or
+    // the TLS session: see tlsPending) for the communication thread.
+    // bProgress tells whether anything was taken. Once received, every
+    // later call answers INFO_RECEIVED with the same flag.
     CONNECTION_INFO takeConnectionInfo(bool& bRtConnection, bool& bProgress);
     // Before the sink is shared. Frames of other types
     // are dropped while it waits; a frame too large ever to be the
@@ -311,6 +351,12 @@ public:
 
     // The socket the listen sink accepts into; not yet attached before that.
     CSocket& innerSocket();
+    // Owning thread. Whether the TLS handshake is still under way, whether
+    // its next step waits for room to write rather than for bytes, and why
+    // it failed (empty unless it did).
+    bool tlsHandshaking() const { return usesTls() && !m_bTlsDone; }
+    bool tlsWantsWrite() const { return m_bTlsWantsWrite; }
+    std::string tlsFailure() const;
 
 private:
     // The largest frame the connection frame may still come after: frames
@@ -318,6 +364,8 @@ private:
     unsigned int m_uintInfoCapacity = APARTMENT_CONNECTION_BLOCK_SIZE;
     bool m_bConnectionInfoKnown = false;
     bool m_bInfoRt = false;  // the real-time flag the connection frame carried
+    bool m_bTlsDone = false;
+    bool m_bTlsWantsWrite = false;
 
 protected:
     bool onSinkInited(const char* localAddress, const char* remoteAddress) override;

@@ -62,6 +62,24 @@ bool CLinkPoller::resume(uint64_t key) {
            os_poller_modify(m_intPoller, it->second.fd, OS_POLLER_READ, key) == 0;
 }
 
+bool CLinkPoller::setInterest(IApartmentSink* pSink, bool bRead, bool bWrite) {
+    Lock lock(&m_Mutex);
+    auto it = m_Keys.find(pSink);
+    if (it == m_Keys.end()) return false;
+    const unsigned int interest = (bRead ? OS_POLLER_READ : 0u) | (bWrite ? OS_POLLER_WRITE : 0u);
+    return os_poller_modify(m_intPoller, m_Entries[it->second].fd, interest, it->second) == 0;
+}
+
+void CLinkPoller::nudge(IApartmentSink* pSink) {
+    {
+        Lock lock(&m_Mutex);
+        auto it = m_Keys.find(pSink);
+        if (it == m_Keys.end()) return;
+        m_Nudged.push_back(it->second);
+    }
+    wake();
+}
+
 bool CLinkPoller::wait(int timeoutMs, std::vector<Link>& ready) {
     os_poller_event events[EVENTS_PER_WAIT];
     const int count = os_poller_wait(m_intPoller, events, EVENTS_PER_WAIT, timeoutMs);
@@ -77,6 +95,16 @@ bool CLinkPoller::wait(int timeoutMs, std::vector<Link>& ready) {
         it->second.sink->addRef();
         ready.push_back(Link{it->second.sink, events[i].key, events[i].events});
     }
+    for (uint64_t key : m_Nudged) {
+        auto it = m_Entries.find(key);
+        if (it == m_Entries.end()) continue;
+        bool reported = false;
+        for (int i = 0; i < count && !reported; ++i) reported = events[i].key == key;
+        if (reported) continue;
+        it->second.sink->addRef();
+        ready.push_back(Link{it->second.sink, key, OS_POLLER_READ});
+    }
+    m_Nudged.clear();
     return true;
 }
 

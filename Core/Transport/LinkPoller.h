@@ -56,6 +56,13 @@ public:
     // its place but is not reported however much it has to read).
     bool pause(uint64_t key);
     bool resume(uint64_t key);
+    // What a watched link is reported for: bytes to read, room to write
+    // (a TLS handshake may wait for either). False when it is not watched.
+    bool setInterest(IApartmentSink* pSink, bool bRead, bool bWrite);
+    // Reports a watched link on the next wait (and ends a wait under way)
+    // although its socket shows nothing: bytes were read ahead of the
+    // socket's readiness by whoever held it before (a TLS session).
+    void nudge(IApartmentSink* pSink);
 
     // Waits up to timeoutMs (0: a look without waiting) and appends the
     // ready links to `ready`, each with a reference. Returns false when
@@ -76,6 +83,7 @@ private:
     mutable OS::TBaseMutex m_Mutex;
     std::unordered_map<uint64_t, Entry> m_Entries;
     std::unordered_map<const IApartmentSink*, uint64_t> m_Keys;
+    std::vector<uint64_t> m_Nudged;  // keys for the next wait, see nudge
     uint64_t m_uintNextKey;
     int m_intPoller;
     int m_intWake;

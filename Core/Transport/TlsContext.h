@@ -17,6 +17,7 @@
 #ifndef APARTMENT_TLSCONTEXT_H
 #define APARTMENT_TLSCONTEXT_H
 
+#include <atomic>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -60,6 +61,9 @@ public:
     // Session secrets go to APARTMENT_TLS_KEYLOG: anyone who reads that
     // file can decrypt captured links, so the start-up line should say so.
     bool logsKeys() const { return m_pKeyLog != nullptr; }
+    // True for the first caller only: whoever finishes the first handshake
+    // says which record layer the links got, once per context. Any thread.
+    bool firstHandshake() const { return !m_bHandshook.exchange(true); }
 
 private:
     CTlsContext() = default;
@@ -69,6 +73,7 @@ private:
     ssl_ctx_st* m_pCtx = nullptr;
     bool m_bKernelTls = false;
     std::FILE* m_pKeyLog = nullptr;  // appended to from any thread (stdio locks it)
+    mutable std::atomic<bool> m_bHandshook{false};
 };
 
 #endif

@@ -29,7 +29,10 @@ const char SERVE_USAGE[] =
     "--quiet prints nothing after the first line. The node _stats answers with\n"
     "counters. --verbose shows the library's own messages on stderr.\n"
     "The soft limit on open descriptors is raised to the hard one: each link\n"
-    "holds one. Stops cleanly on SIGINT or SIGTERM.\n";
+    "holds one. Stops cleanly on SIGINT or SIGTERM.\n"
+    "TLS: with APARTMENT_TLS_CERT, APARTMENT_TLS_KEY and APARTMENT_TLS_CA (PEM\n"
+    "files) set, every link is mutual TLS 1.3 (peers need the same variables);\n"
+    "APARTMENT_TLS_KEYLOG=FILE appends session secrets for a capture tool.\n";
 
 // Counts of what arrived; raw frames are counted on the real-time thread.
 struct Counters {
