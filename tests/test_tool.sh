@@ -98,6 +98,11 @@ errors)
     expect_exit 2 "missing option value" -- request tcp://127.0.0.1:5000 echo --data
     expect_exit 2 "both --echo and --print" -- serve --echo --print
     expect_exit 2 "bad format" -- serve --format octal
+    # A start refused for its settings, not its port, says why once and
+    # does not try other ports.
+    APARTMENT_TLS_CERT=/nonexistent expect_exit 1 "partial TLS settings" -- serve --node n
+    expect_one_error_line "partial TLS settings"
+    grep -q 'cannot start the apartment: .*TLS' "$WORK/err" || fail "partial TLS settings: $(cat "$WORK/err")"
     expect_exit 2 "bad size list" -- bench --size 64,,1024
     expect_exit 2 "type on request" -- request tcp://127.0.0.1:5000 echo --type 3
     expect_exit 1 "unreadable file" -- request tcp://127.0.0.1:5000 echo --file "$WORK/none"

@@ -19,6 +19,30 @@ namespace {
 // Guards g_out; every tool line is written and flushed under it.
 std::mutex g_outMutex;
 FILE* g_out = stdout;
+// Until the apartment is up, the library's lines are kept in an anonymous
+// file, so that a failed start can say why without --verbose; -1 after.
+int g_startLines = -1;
+bool g_verbose = false;
+
+// Where the library's lines go once the apartment is up.
+int libraryTarget() {
+    return g_verbose ? dup(STDERR_FILENO) : open("/dev/null", O_WRONLY | O_CLOEXEC);
+}
+
+// The lines kept since the last call, emptied; a verbose tool shows them.
+std::string takeStartLines() {
+    std::string text;
+    if (g_startLines < 0) return text;
+    std::fflush(stdout);
+    char chunk[4096];
+    ssize_t got;
+    lseek(g_startLines, 0, SEEK_SET);
+    while ((got = read(g_startLines, chunk, sizeof chunk)) > 0) text.append(chunk, static_cast<size_t>(got));
+    if (ftruncate(g_startLines, 0) != 0) text.clear();
+    lseek(g_startLines, 0, SEEK_SET);  // shared with standard output
+    if (g_verbose) std::fputs(text.c_str(), stderr);
+    return text;
+}
 }  // namespace
 
 void separateLibraryOutput(bool bVerbose) {
@@ -30,13 +54,38 @@ void separateLibraryOutput(bool bVerbose) {
         close(own);
         return;
     }
-    const int target = bVerbose ? dup(STDERR_FILENO) : open("/dev/null", O_WRONLY | O_CLOEXEC);
+    g_verbose = bVerbose;
+    int target = open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (target >= 0)
+        g_startLines = dup(target);
+    else
+        target = libraryTarget();
     if (target >= 0) {
         dup2(target, STDOUT_FILENO);
         close(target);
     }
     fcntl(own, F_SETFD, FD_CLOEXEC);
     g_out = mine;
+}
+
+std::string lastLibraryError() {
+    const std::string text = takeStartLines();
+    const size_t mark = text.rfind("Error]: ");
+    if (mark == std::string::npos) return std::string();
+    const size_t end = text.find('\n', mark);
+    return text.substr(mark + 8, end == std::string::npos ? std::string::npos : end - mark - 8);
+}
+
+void libraryStarted() {
+    if (g_startLines < 0) return;
+    takeStartLines();
+    const int target = libraryTarget();
+    if (target >= 0) {
+        dup2(target, STDOUT_FILENO);
+        close(target);
+    }
+    close(g_startLines);
+    g_startLines = -1;
 }
 
 void say(const char* format, ...) {

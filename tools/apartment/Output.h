@@ -15,6 +15,14 @@ namespace tool {
 // (verbose) or discards them, so that scripts can read stdout. Call once,
 // before the library is initialised.
 void separateLibraryOutput(bool bVerbose);
+// Until libraryStarted, the library's lines are also kept aside: this takes
+// them and returns the text after "Error]: " of the last error line among
+// them ("" when none), so that a start that failed for another reason than
+// its address can say so. Call from the thread that initialises.
+std::string lastLibraryError();
+// The apartment is up: the library's lines go straight where
+// separateLibraryOutput sends them from now on.
+void libraryStarted();
 
 // One whole line on the tool's standard output, flushed; callable from any
 // thread. The newline is added.

@@ -42,10 +42,22 @@ void installStopSignals() {
     signal(SIGPIPE, SIG_IGN);
 }
 
+namespace {
+// A start that failed with an error line of the library's own (TLS settings,
+// say) is not about the address: no other port would do better.
+void failUnlessAboutTheAddress() {
+    const std::string why = lastLibraryError();
+    if (!why.empty()) throw RuntimeError("cannot start the apartment: " + why);
+}
+}  // namespace
+
 ApartmentSession::ApartmentSession(const ApartmentUrl& url) {
     if (url.port != 0) {
-        if (!apartment_initialize(url.str().c_str(), true))
+        if (!apartment_initialize(url.str().c_str(), true)) {
+            failUnlessAboutTheAddress();
             throw RuntimeError("cannot listen on " + url.str() + " (address in use or not local)");
+        }
+        libraryStarted();
         m_strUrl = url.str();
         return;
     }
@@ -55,9 +67,11 @@ ApartmentSession::ApartmentSession(const ApartmentUrl& url) {
         ApartmentUrl candidate = url;
         candidate.port = port(random);
         if (apartment_initialize(candidate.str().c_str(), true)) {
+            libraryStarted();
             m_strUrl = candidate.str();
             return;
         }
+        failUnlessAboutTheAddress();
     }
     throw RuntimeError("cannot listen on " + url.host + ": no free port found");
 }
