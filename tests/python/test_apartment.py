@@ -13,6 +13,22 @@ import pytest
 
 import apartment
 
+MAKE_CERTS = os.path.join(os.path.dirname(__file__), "../../scripts/make-test-certs.sh")
+
+
+def use_tls(directory, monkeypatch, capfd):
+    """Sets the TLS variables for this process and its children, or skips
+    when the library was built without TLS."""
+    subprocess.run([MAKE_CERTS, str(directory)], check=True, stdout=subprocess.DEVNULL, timeout=30)
+    for variable, name in [("CERT", "a.pem"), ("KEY", "a.key"), ("CA", "ca.pem")]:
+        monkeypatch.setenv("APARTMENT_TLS_" + variable, str(directory / name))
+    try:
+        apartment.open().close()
+    except apartment.Error:
+        if "TLS is unavailable" in capfd.readouterr().out:
+            pytest.skip("the library was built without TLS")
+        raise
+
 
 def test_python_requester_against_cpp_serve(serve):
     assert re.fullmatch(r"\d+\.\d+\.\d+", apartment.version())
@@ -62,7 +78,10 @@ def test_cpp_requests_python_responder(tool, children, monkeypatch):
     assert reported == [ValueError]
 
 
-def test_two_python_processes(python_peer):
+@pytest.mark.parametrize("tls", [False, True], ids=["tcp", "tls"])
+def test_two_python_processes(python_peer, tls, tmp_path, monkeypatch, capfd):
+    if tls:
+        use_tls(tmp_path, monkeypatch, capfd)
     notes, raw, closed, silent = [], [], [], []
     with apartment.open() as ap:
         node = ap.node("main", on_notify=lambda r: notes.append((r.source_url, r.data)),
@@ -85,6 +104,8 @@ def test_two_python_processes(python_peer):
         assert ap.run(until=lambda: closed and silent, timeout=5)
         assert closed[0] == url and silent[0] == url
         assert peer.proc.wait(5) == 0
+    if tls:
+        assert "[TcpApartment Info]: TLS 1.3 on links" in capfd.readouterr().out
 
 
 def test_timers():

@@ -20,6 +20,7 @@ if not os.access(TSHARK, os.X_OK):
 TOOL = os.environ.get("APARTMENT_TOOL", "")
 DISSECTOR = os.environ.get("APARTMENT_DISSECTOR") or os.path.join(
     os.path.dirname(__file__), "../../tools/wireshark/apartment.lua")
+MAKE_CERTS = os.path.join(os.path.dirname(__file__), "../../scripts/make-test-certs.sh")
 CAPTURE_PORT = 7001  # the server's port in the written capture
 MSS = 1000
 BIG = bytes(i % 251 for i in range(3000))
@@ -122,19 +123,21 @@ def frame(type_, payload):
     return struct.pack("!II", type_, len(payload)) + payload
 
 
-@pytest.fixture(scope="module")
-def capture(tmp_path_factory):
-    """Records the tool's request, notify, raw and watch through the proxy."""
+def record(work, env=None):
+    """Records the tool's request, notify, raw and watch through the proxy,
+    every process run with `env`; the proxy, closed."""
     if not os.access(TOOL, os.X_OK):
         pytest.skip("APARTMENT_TOOL does not name the built apartment tool")
-    work = tmp_path_factory.mktemp("capture")
     (work / "big").write_bytes(BIG)
-    serve = subprocess.Popen([TOOL, "serve", "--node", "echo", "--quiet"],
-                             stdout=subprocess.PIPE, text=True)
+    with open(work / "serve.log", "w") as log:
+        serve = subprocess.Popen([TOOL, "serve", "--node", "echo", "--quiet", "--verbose"],
+                                 stdout=subprocess.PIPE, stderr=log, text=True, env=env)
     proxy = None
     try:
         ready = select.select([serve.stdout], [], [], 10)[0]
         line = serve.stdout.readline() if ready else "(nothing within 10 s)"
+        if "TLS is unavailable" in (work / "serve.log").read_text():
+            pytest.skip("the tool was built without TLS")
         assert line.startswith("listening on "), line
         proxy = RecordingProxy(int(line.rsplit(":", 1)[1]))
         for args in (["request", proxy.url, "echo", "--data", "hello"],
@@ -142,7 +145,7 @@ def capture(tmp_path_factory):
                      ["notify", proxy.url, "echo", "--data", "n", "--count", "3", "--interval", "0"],
                      ["raw", proxy.url, "--type", "7", "--data", "frame"],
                      ["watch", proxy.url, "--interval", "100", "--count", "3", "--duration", "1"]):
-            proxy.pump_while(subprocess.Popen([TOOL, *args], stdout=subprocess.DEVNULL))
+            proxy.pump_while(subprocess.Popen([TOOL, *args], stdout=subprocess.DEVNULL, env=env))
     finally:
         if proxy:
             proxy.close()
@@ -153,6 +156,13 @@ def capture(tmp_path_factory):
             serve.kill()
             serve.wait(5)
         serve.stdout.close()
+    return proxy
+
+
+@pytest.fixture(scope="module")
+def capture(tmp_path_factory):
+    work = tmp_path_factory.mktemp("capture")
+    proxy = record(work)
     # A hand-made link: a request whose first string runs past its payload,
     # then an alive frame in the same segment, which must still be read.
     bad = proxy.connections
@@ -164,6 +174,18 @@ def capture(tmp_path_factory):
     return work / "apartment.pcap"
 
 
+@pytest.fixture(scope="module")
+def tls_capture(tmp_path_factory):
+    """The same traffic over TLS: (the capture, the key log its processes wrote)."""
+    work = tmp_path_factory.mktemp("tls")
+    subprocess.run([MAKE_CERTS, str(work)], check=True, stdout=subprocess.DEVNULL, timeout=30)
+    env = dict(os.environ, APARTMENT_TLS_CERT=str(work / "a.pem"),
+               APARTMENT_TLS_KEY=str(work / "a.key"), APARTMENT_TLS_CA=str(work / "ca.pem"),
+               APARTMENT_TLS_KEYLOG=str(work / "keys"))
+    write_capture(work / "tls.pcap", record(work, env).events)
+    return work / "tls.pcap", work / "keys"
+
+
 def tshark(capture, *options):
     result = subprocess.run([TSHARK, "-r", str(capture), "-X", "lua_script:" + DISSECTOR, *options],
                             capture_output=True, text=True, timeout=60)
@@ -171,11 +193,11 @@ def tshark(capture, *options):
     return result.stdout
 
 
-def frames(capture):
+def frames(capture, *options):
     """Each apartment frame as {field: shown value} plus its packet number."""
     found = []
     for packet in ElementTree.fromstring(tshark(capture, "-o", "apartment.ports:%d" % CAPTURE_PORT,
-                                                "-T", "pdml")).iter("packet"):
+                                                *options, "-T", "pdml")).iter("packet"):
         number = packet.find("proto[@name='geninfo']/field[@name='num']").get("show")
         for proto in packet.findall("proto[@name='apartment']"):
             fields = {"packet": number}
@@ -185,18 +207,12 @@ def frames(capture):
     return found
 
 
-def test_every_frame_type_is_decoded(capture):
-    decoded = frames(capture)
+def matching(decoded, **wanted):
+    return [f for f in decoded if all(f.get(k) == v for k, v in wanted.items())]
 
-    def of(**wanted):
-        return [f for f in decoded if all(f.get(k) == v for k, v in wanted.items())]
 
-    connections = of(**{"apartment.type": "0"})
-    assert len(connections) == 6  # five tool links and the hand-made one
-    assert {c["apartment.rt"] for c in connections} == {"1", "0"}
-    assert all(c["apartment.url"].startswith("tcp://127.0.0.1:") for c in connections)
-
-    hello = of(**{"apartment.data": "68:65:6c:6c:6f"})
+def assert_hello_and_its_answer(decoded):
+    hello = matching(decoded, **{"apartment.data": "68:65:6c:6c:6f"})
     assert [h["apartment.type"] for h in hello] == ["1", "2"]  # request, echoed response
     request, response = hello
     assert (request["apartment.src_node"], request["apartment.dst_node"]) == ("cli", "echo")
@@ -205,6 +221,19 @@ def test_every_frame_type_is_decoded(capture):
     assert (response["apartment.request_id"], response["apartment.response_code"]) == (
         request["apartment.request_id"], "0")
     assert (response["apartment.src_node"], response["apartment.dst_node"]) == ("echo", "cli")
+
+
+def test_every_frame_type_is_decoded(capture):
+    decoded = frames(capture)
+
+    def of(**wanted):
+        return matching(decoded, **wanted)
+
+    connections = of(**{"apartment.type": "0"})
+    assert len(connections) == 6  # five tool links and the hand-made one
+    assert {c["apartment.rt"] for c in connections} == {"1", "0"}
+    assert all(c["apartment.url"].startswith("tcp://127.0.0.1:") for c in connections)
+    assert_hello_and_its_answer(decoded)
 
     big = of(**{"apartment.data_length": "3000"})  # split over several segments
     assert [b["apartment.type"] for b in big] == ["1", "2"]
@@ -234,3 +263,16 @@ def test_port_preference_decode_as_and_heuristic_agree(capture):
     assert by_port.count("\t") > 40
     assert tshark(capture, "-d", "tcp.port==%d,apartment" % CAPTURE_PORT, *fields) == by_port
     assert tshark(capture, *fields) == by_port  # found by the connection frames
+
+
+def test_tls_records_are_decrypted_with_the_key_log_and_their_frames_decoded(tls_capture):
+    capture, keys = tls_capture
+    decoded = frames(capture, "-o", "tls.keylog_file:%s" % keys)
+    assert len(matching(decoded, **{"apartment.type": "0"})) == 5
+    assert_hello_and_its_answer(decoded)
+    assert [b["apartment.data"] for b in matching(decoded, **{"apartment.data_length": "3000"})] == [
+        BIG.hex(":")] * 2
+    raw = matching(decoded, **{"apartment.raw.type": "7"})
+    assert [(r["apartment.data"], r["apartment.link"]) for r in raw] == [("66:72:61:6d:65", "real-time")]
+    assert len(matching(decoded, **{"apartment.type": "4"})) >= 3
+    assert frames(capture) == []  # without the secrets nothing is in the clear

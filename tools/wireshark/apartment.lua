@@ -14,6 +14,14 @@
 -- Apartments pick their ports freely, so the dissector finds links three
 -- ways: the "ports" preference, Decode As (tcp.port), and a heuristic that
 -- recognises a link by its connection frame.
+--
+-- Links under TLS: given the session secrets that APARTMENT_TLS_KEYLOG
+-- collects (tshark -o tls.keylog_file:FILE), the TLS dissector decrypts the
+-- records and hands their bytes here, found the same ways: the ports also
+-- go into tls.port, Decode As offers tls.port, and a heuristic in the TLS
+-- list takes a connection frame and every later record of its stream. A
+-- stream that starts with a TLS record is left to TLS, even on a port
+-- given to this dissector.
 
 local apartment = Proto("apartment", "Apartment messaging")
 
@@ -58,6 +66,20 @@ apartment.prefs.ports = Pref.range("TCP ports", "",
 local tcp_stream = Field.new("tcp.stream")
 -- TCP stream number -> true (real-time link) or false, from its connection frame.
 local links = {}
+
+local function stream_of()
+    local stream = tcp_stream()
+    return stream and stream.value or -1
+end
+
+-- A TLS record header: content type 20 to 23, then version 3.x (x <= 4).
+-- Read as a frame header it would be a type above 335 million, which no
+-- link opens with: the first frame of a link is its connection frame.
+local function starts_tls_record(tvb)
+    if tvb:len() < 3 then return false end
+    local content = tvb(0, 1):uint()
+    return content >= 20 and content <= 23 and tvb(1, 1):uint() == 3 and tvb(2, 1):uint() <= 4
+end
 
 function apartment.init()
     links = {}
@@ -143,8 +165,7 @@ local dissect_message = {
 -- One whole frame (header and payload) in `tvb`; returns its summary.
 local function dissect_frame(tvb, pinfo, root)
     local type, size = tvb(0, 4):uint(), tvb(4, 4):uint()
-    local stream = tcp_stream()
-    stream = stream and stream.value or -1
+    local stream = stream_of()
     local rt = links[stream]
     local tree = root:add(apartment, tvb())
 
@@ -185,8 +206,10 @@ local function dissect_frame(tvb, pinfo, root)
 end
 
 -- Cuts the TCP payload into frames and asks TCP for more bytes when the
--- last one is incomplete (split across segments).
+-- last one is incomplete (split across segments). Returns 0 for the TLS
+-- records of a link on one of the ports, so that TCP offers them to TLS.
 function apartment.dissector(tvb, pinfo, root)
+    if links[stream_of()] == nil and starts_tls_record(tvb) then return 0 end
     local total, offset, summaries = tvb:len(), 0, {}
     while offset < total do
         local left = total - offset
@@ -212,11 +235,16 @@ function apartment.dissector(tvb, pinfo, root)
     end
     if #summaries > 0 then
         local text = table.concat(summaries, ", ")
-        if tostring(pinfo.cols.protocol) == "Apartment" then
-            pinfo.cols.info:append(", " .. text)  -- a second run over the same segment
+        pinfo.cols.protocol = "Apartment"
+        -- Runs after the first over one packet (the rest of a segment, or
+        -- the next TLS record, which TLS hands over one at a time) append.
+        if pinfo.private.apartment_info then
+            pinfo.cols.info:append(", " .. text)
         else
-            pinfo.cols.protocol = "Apartment"
+            pinfo.private.apartment_info = "shown"
             pinfo.cols.info = text
+            -- What a layer below fenced off (TLS's "Finished") stays first.
+            if tostring(pinfo.cols.info) ~= text then pinfo.cols.info = ", " .. text end
         end
     end
     return total
@@ -224,24 +252,39 @@ end
 
 -- A link starts with a connection frame: type 0, size 130, a flag byte of
 -- 0 or 1 and a URL beginning "tcp://".
-local function heuristic(tvb, pinfo, root)
+local function starts_link(tvb)
     if tvb:len() < 8 or tvb(0, 4):uint() ~= 0 or tvb(4, 4):uint() ~= CONNECTION_SIZE then
         return false
     end
-    if tvb:len() >= 15 and (tvb(8, 1):uint() > 1 or tvb(9, 6):string() ~= "tcp://") then
-        return false
-    end
+    return tvb:len() < 15 or (tvb(8, 1):uint() <= 1 and tvb(9, 6):string() == "tcp://")
+end
+
+local function heuristic(tvb, pinfo, root)
+    if not starts_link(tvb) then return false end
     pinfo.conversation = apartment
     apartment.dissector(tvb, pinfo, root)
     return true
 end
 apartment:register_heuristic("tcp", heuristic)
 
-local tcp_port = DissectorTable.get("tcp.port")
-tcp_port:add_for_decode_as(apartment)
+-- Decrypted TLS records. TLS asks its heuristics again for every record
+-- (one written in Lua cannot claim the session), so a stream is taken
+-- from its connection frame on. The conversation stays TLS's: its TCP
+-- segments must still be decrypted.
+local function tls_heuristic(tvb, pinfo, root)
+    if links[stream_of()] == nil and not starts_link(tvb) then return false end
+    apartment.dissector(tvb, pinfo, root)
+    return true
+end
+apartment:register_heuristic("tls", tls_heuristic)
+
+local port_tables = { DissectorTable.get("tcp.port"), DissectorTable.get("tls.port") }
+for _, table in ipairs(port_tables) do table:add_for_decode_as(apartment) end
 local registered_ports = ""
 function apartment.prefs_changed()
-    if registered_ports ~= "" then tcp_port:remove(registered_ports, apartment) end
+    for _, table in ipairs(port_tables) do
+        if registered_ports ~= "" then table:remove(registered_ports, apartment) end
+        if apartment.prefs.ports ~= "" then table:add(apartment.prefs.ports, apartment) end
+    end
     registered_ports = apartment.prefs.ports
-    if registered_ports ~= "" then tcp_port:add(registered_ports, apartment) end
 end
