@@ -3,10 +3,13 @@
 // links, memory and CPU per idle link; and a working link's round trips while
 // connections that never introduce themselves keep arriving. This side speaks
 // the frame protocol over plain sockets, one epoll loop on one thread, so that
-// its own cost stays small beside the host's. It reports, never judges.
+// its own cost stays small beside the host's; with --tls each link runs the
+// library's own TLS session (CTlsSession) over its socket, the handshakes
+// non-blocking in the same loop, a few at once. It reports, never judges.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/epoll.h>
@@ -22,17 +25,23 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <functional>
+#include <memory>
 #include <random>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "TlsContext.h"
+#include "TlsSession.h"
 
 namespace {
 
 const char USAGE[] =
     "usage: apartment_links [--links N,...] [--size B] [--samples K] [--idle-seconds S]\n"
     "         [--silent R --silent-seconds S] [--tool PATH | --remote URL --pid PID]\n"
+    "         [--tls DIR]\n"
     "Per link count N (default 1,64,65,1000,10000), in a fresh host, one row of:\n"
     "  storm ms, answered, closed: N links open at once, each sends its connection frame\n"
     "    and a --size B (32768) request to node echo: ms until each was answered once\n"
@@ -50,6 +59,12 @@ const char USAGE[] =
     "tree's tools/apartment/apartment; both sides take the hard RLIMIT_NOFILE as soft\n"
     "limit. Or --remote URL --pid PID: a host started elsewhere, one for all N (figures\n"
     "mix), read through /proc/PID, never stopped. Progress goes to stderr.\n"
+    "--tls DIR (a directory made by scripts/make-test-certs.sh): every link runs mutual\n"
+    "  TLS 1.3. The host started here gets APARTMENT_TLS_CERT, _KEY and _CA (DIR/b.pem,\n"
+    "  b.key, ca.pem); this side presents DIR/a.pem and keeps 16 handshakes under way\n"
+    "  (the next link connects as one ends), as 16 clients that each answer at once\n"
+    "  would; the storm's time includes the handshakes. The connections of --silent\n"
+    "  send nothing at all, not even a TLS hello.\n"
     "Exit code 0 when it ran, 2 on usage errors, 1 when the host did not start.\n";
 
 const int RTT_SAMPLE_LIMIT_MS = 20000, STORM_LIMIT_MS = 60000, RTT_BUDGET_MS = 60000,
@@ -106,9 +121,12 @@ bool parseResponse(const char* p, size_t kept, size_t size, uint32_t& id, int32_
 
 // This end of one link. 10,000 of them sit idle at once: kept small.
 struct Link {
-    enum State { CONNECTING, OPEN, CLOSED } state = CONNECTING;
+    // Only with TLS: WAITING for room among the handshakes under way (no
+    // socket yet), HANDSHAKING once connected until the session is done.
+    enum State { WAITING, CONNECTING, HANDSHAKING, OPEN, CLOSED } state = CONNECTING;
     int fd = -1;
     bool answered = false;  // its storm request was
+    std::unique_ptr<CTlsSession> tls;  // a secured link's, from its socket to its close
     std::string url;
     // Left to write: `out`, then `body` (shared, not owned); `sent` bytes of both went.
     std::string out;
@@ -120,24 +138,34 @@ struct Link {
 };
 
 // The only calls that move a link's bytes: a secured link wraps these two
-// (and a handshake once connected) and nothing else changes.
+// (and a handshake once connected) and nothing else changes. Both answer as
+// sendmsg and recv do: EAGAIN when the socket is not ready, and the session
+// asks again after a short write with the same bytes from where it stopped,
+// as flush does anyway.
 ssize_t ioWrite(Link& l, iovec* parts, int count) {
+    if (l.tls) return l.tls->writev(parts, count);
     msghdr m{};
     m.msg_iov = parts, m.msg_iovlen = size_t(count);
     return sendmsg(l.fd, &m, MSG_NOSIGNAL);
 }
-ssize_t ioRead(Link& l, char* buffer, size_t size) { return recv(l.fd, buffer, size, 0); }
+ssize_t ioRead(Link& l, char* buffer, size_t size) {
+    return l.tls ? l.tls->read(buffer, size) : recv(l.fd, buffer, size, 0);
+}
 
 // Links towards one host, served by pump() on the one thread that uses it.
 class Net {
 public:
-    Net(const in_addr& ip, uint16_t port, size_t capacity) : m_epoll(epoll_create1(EPOLL_CLOEXEC)) {
+    // `tls`: null for links in the clear.
+    Net(const in_addr& ip, uint16_t port, size_t capacity, std::shared_ptr<CTlsContext> tls)
+        : m_tls(std::move(tls)), m_epoll(epoll_create1(EPOLL_CLOEXEC)) {
         m_address.sin_family = AF_INET, m_address.sin_addr = ip, m_address.sin_port = htons(port);
         links.reserve(capacity);  // epoll knows a link by its index
     }
     ~Net() {
-        for (Link& l : links)
+        for (Link& l : links) {
+            l.tls.reset();  // before its socket
             if (l.fd >= 0) close(l.fd);
+        }
         close(m_epoll);
     }
     std::vector<Link> links;  // never beyond the capacity given
@@ -146,24 +174,32 @@ public:
     // Links connected, connecting now, closed by the host, never accepted,
     // and closed either way before their storm request was answered.
     int connected = 0, connecting = 0, closed = 0, refused = 0, lost = 0;
+    // With TLS: handshakes done on this side, sessions that failed (in the
+    // handshake, or the host refusing this side's certificate after it) and
+    // the first reason, and whether the kernel took the record layer.
+    int handshakes = 0, tlsFailed = 0;
+    std::string tlsFailure;
+    bool kernelTls = false;
 
     // Starts a non-blocking connect, as a new link or in place of the closed
-    // link `slot`; false (errno set) without a socket or room.
-    bool open(std::string url, size_t slot = SIZE_MAX) {  // a copy: it may be the slot's
+    // link `slot`, secured when this Net has TLS unless `plain`; false (errno
+    // set) without a socket or room. A secured link beyond TLS_WINDOW
+    // handshakes under way waits (bytes sent to it queue) and connects when
+    // pump() finds room.
+    bool open(std::string url, size_t slot = SIZE_MAX, bool plain = false) {  // a copy: it may be the slot's
         if (slot == SIZE_MAX && links.size() == links.capacity()) return errno = ENOBUFS, false;
-        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        if (fd < 0) return false;
+        const bool secured = m_tls && !plain, wait = secured && m_tlsUnderWay >= TLS_WINDOW;
+        const int fd = wait ? -1 : socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        if (!wait && fd < 0) return false;
         if (slot == SIZE_MAX) slot = links.size(), links.emplace_back();
         Link& l = links[slot] = Link();
-        l.fd = fd, l.url = std::move(url);
-        // Edge-triggered: each direction is drained or filled until it would block.
-        epoll_event e{EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET, {}};
-        e.data.u64 = slot;
-        epoll_ctl(m_epoll, EPOLL_CTL_ADD, fd, &e);
-        ++connecting;
-        if (connect(fd, reinterpret_cast<sockaddr*>(&m_address), sizeof m_address) != 0 &&
-            errno != EINPROGRESS)
-            shut(l);
+        l.url = std::move(url);
+        if (wait) {
+            l.state = Link::WAITING;
+            m_waiting.push_back(slot);
+        } else {
+            start(slot, fd, secured);
+        }
         return true;
     }
     // Queues `bytes` then `body` (which must outlive the write), and writes
@@ -189,18 +225,32 @@ public:
                 getsockopt(l.fd, SOL_SOCKET, SO_ERROR, &error, &length);
                 if (error != 0) shut(l);
                 if (error != 0 || !(events[i].events & EPOLLOUT)) continue;
-                l.state = Link::OPEN;
+                l.state = l.tls ? Link::HANDSHAKING : Link::OPEN;
                 ++connected, --connecting;
+            }
+            if (l.state == Link::HANDSHAKING) {
+                // Done: what waited goes, and whatever came behind the
+                // handshake is read (edge-triggered: no second notice).
+                if (handshake(l)) flush(l);
+                if (l.state == Link::OPEN) readAll(l);
+                continue;
             }
             if (l.state == Link::OPEN && (events[i].events & EPOLLOUT)) flush(l);
             if (l.state == Link::OPEN && (events[i].events & ~EPOLLOUT)) readAll(l);
         }
+        admit();
     }
 
     // Closes this end: for the host's close, or when this side gives up on the
     // link (counted alike).
     void shut(Link& l) {
-        close(l.fd);
+        if (l.tls && (l.state == Link::CONNECTING || l.state == Link::HANDSHAKING)) --m_tlsUnderWay;
+        if (l.tls) {
+            const std::string reason = l.tls->failureReason();
+            if (!reason.empty() && tlsFailed++ == 0) tlsFailure = reason;
+            l.tls.reset();
+        }
+        if (l.fd >= 0) close(l.fd);
         l.fd = -1;
         if (l.state == Link::CONNECTING) --connecting, ++refused;
         else ++closed;
@@ -209,8 +259,68 @@ public:
     }
 
 private:
+    // One thread answers every handshake here, one after another, and the
+    // host gives up on a peer that pauses for CONNECTION_INFO_TIMEOUT_MS
+    // (100 ms) mid-handshake: with all N under way at once the last ones
+    // would wait that long behind the others, where N separate clients
+    // would each answer at once. This many keep both processes busy.
+    static constexpr int TLS_WINDOW = 16;
+
     sockaddr_in m_address{};
+    std::shared_ptr<CTlsContext> m_tls;
     int m_epoll;
+    int m_tlsUnderWay = 0;        // secured links connecting or handshaking
+    std::deque<size_t> m_waiting;  // slots of WAITING links, oldest first (may hold stale ones)
+
+    // Connects link `slot` on socket `fd` (state CONNECTING from here).
+    void start(size_t slot, int fd, bool secured) {
+        Link& l = links[slot];
+        l.fd = fd, l.state = Link::CONNECTING;
+        // As the library's own links: else the request waits behind the
+        // unacknowledged TLS Finished for the host's delayed ACK.
+        const int one = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        if (secured) l.tls.reset(new CTlsSession(m_tls, fd, CTlsSession::CLIENT)), ++m_tlsUnderWay;
+        // Edge-triggered: each direction is drained or filled until it would block.
+        epoll_event e{EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET, {}};
+        e.data.u64 = slot;
+        epoll_ctl(m_epoll, EPOLL_CTL_ADD, fd, &e);
+        ++connecting;
+        if (connect(fd, reinterpret_cast<sockaddr*>(&m_address), sizeof m_address) != 0 &&
+            errno != EINPROGRESS)
+            shut(l);
+    }
+    // Connects waiting links while there is room; one without a socket is
+    // counted as never accepted.
+    void admit() {
+        while (!m_waiting.empty() && m_tlsUnderWay < TLS_WINDOW) {
+            const size_t slot = m_waiting.front();
+            m_waiting.pop_front();
+            Link& l = links[slot];
+            if (l.state != Link::WAITING) continue;  // shut, or opened again, meanwhile
+            const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            if (fd >= 0) {
+                start(slot, fd, true);
+                continue;
+            }
+            l.state = Link::CLOSED, ++refused, lost += !l.answered;
+        }
+    }
+
+    // Advances a handshake as far as the socket allows; true when it was
+    // done now (the link is OPEN). Edge-triggered: a step that wants more
+    // has met EAGAIN, so the socket's next readiness calls it again.
+    bool handshake(Link& l) {
+        switch (l.tls->handshakeStep()) {
+        case CTlsSession::DONE:
+            l.state = Link::OPEN, --m_tlsUnderWay;
+            kernelTls = l.tls->kernelOffload();
+            ++handshakes;
+            return true;
+        case CTlsSession::FAILED: shut(l); return false;
+        default: return false;
+        }
+    }
 
     void flush(Link& l) {
         while (l.sent < l.out.size() + l.bodySize) {
@@ -294,14 +404,20 @@ void stopHost(Host& h) {
     close(h.output);
 }
 
-// Starts the host and reads its URL (10 s at most); false, with nothing
-// left running, when it did not come up.
-bool startHost(const std::string& tool, Host& h) {
+// Starts the host, with TLS from the certificates in `tlsDir` unless it is
+// empty, and reads its URL (10 s at most); false, with nothing left
+// running, when it did not come up.
+bool startHost(const std::string& tool, const std::string& tlsDir, Host& h) {
     int out[2];
     if (pipe2(out, O_CLOEXEC) != 0) return false;
     const pid_t pid = fork();
     if (pid == 0) {
         raiseFileLimit();  // inherited already; said again where it matters
+        if (!tlsDir.empty()) {  // this process has one thread: setenv is safe here
+            setenv("APARTMENT_TLS_CERT", (tlsDir + "/b.pem").c_str(), 1);
+            setenv("APARTMENT_TLS_KEY", (tlsDir + "/b.key").c_str(), 1);
+            setenv("APARTMENT_TLS_CA", (tlsDir + "/ca.pem").c_str(), 1);
+        }
         dup2(out[1], 1);
         const int none = open("/dev/null", O_RDONLY);
         if (none >= 0) dup2(none, 0);
@@ -349,6 +465,14 @@ double cpuSeconds(pid_t pid) {
     return double(utime + stime) / double(sysconf(_SC_CLK_TCK));
 }
 
+// This process's user and system time, in seconds.
+double ownCpuSeconds() {
+    rusage u;
+    getrusage(RUSAGE_SELF, &u);
+    auto seconds = [](const timeval& t) { return double(t.tv_sec) + double(t.tv_usec) / 1e6; };
+    return seconds(u.ru_utime) + seconds(u.ru_stime);
+}
+
 // This end's URL for link i: distinct for every i, never the host's own.
 std::string linkUrl(size_t i) {
     char url[64];
@@ -369,13 +493,14 @@ std::string percentile(const std::vector<double>& sorted, double q, double limit
 struct Options {
     std::vector<long> links{1, 64, 65, 1000, 10000};
     long size = 32768, samples = 2000, idleSeconds = 5, silent = 0, silentSeconds = 0, pid = 0;
-    std::string tool, remote;
+    std::string tool, remote, tlsDir;
+    std::shared_ptr<CTlsContext> tls;  // this side's, from tlsDir; null in the clear
 };
 
 void measureLinks(const Options& o, Host& h, size_t n) {
     usleep(300000);  // the host's start settles
     const long rssBefore = rssKb(h.pid);
-    Net net(h.ip, h.port, n);
+    Net net(h.ip, h.port, n, o.tls);
     const std::string data(size_t(o.size), 'x');
     auto introduce = [&](Link& l) {
         net.send(l, connectionFrame(l.url) + requestHead(l.url, h.url, 1, data.size()),
@@ -387,6 +512,7 @@ void measureLinks(const Options& o, Host& h, size_t n) {
         l.answered = true;
         ++(code == 0 && dataSize == data.size() ? answered : bad);
     };
+    const double hostCpuBefore = cpuSeconds(h.pid), ownCpuBefore = ownCpuSeconds();
     const double start = nowMs();
     for (size_t i = 0; i < n; ++i) {
         if (!net.open(linkUrl(i))) {
@@ -406,9 +532,15 @@ void measureLinks(const Options& o, Host& h, size_t n) {
     char storm[32];
     snprintf(storm, sizeof storm, settled() ? "%.1f" : ">%.0f", nowMs() - start);
     const size_t stormAnswered = answered;
+    // Whose CPU the storm took: with TLS both ends pay for the handshakes.
+    fprintf(stderr, "links %zu: storm CPU %.2f s in the host, %.2f s on this side\n", n,
+            cpuSeconds(h.pid) - hostCpuBefore, ownCpuSeconds() - ownCpuBefore);
     const int stormClosed = net.closed + net.refused;
     if (bad) fprintf(stderr, "links %zu: %zu answers with an error or the wrong size\n", n, bad);
     if (net.refused) fprintf(stderr, "links %zu: %d never accepted\n", n, net.refused);
+    if (o.tls)
+        fprintf(stderr, "links %zu: %d TLS handshakes done, record layer here: %s\n", n,
+                net.handshakes, CTlsSession::recordLayerName(net.kernelTls));
 
     // Today's host loses links in a storm: it drops those whose connection
     // frame comes later than it waits, and its short listen queue leaves
@@ -444,6 +576,9 @@ void measureLinks(const Options& o, Host& h, size_t n) {
         again = linksWhere(notAnswered);
     }
     const long held = long(linksWhere(standing).size());
+    if (net.tlsFailed)
+        fprintf(stderr, "links %zu: %d TLS sessions failed, the first: %s\n", n, net.tlsFailed,
+                net.tlsFailure.c_str());
     if (reopened)
         fprintf(stderr, "links %zu: %zu opened again in %.0f s; %ld open and answered\n", n,
                 reopened, (nowMs() - topUpStart) / 1e3, held);
@@ -498,7 +633,7 @@ void measureLinks(const Options& o, Host& h, size_t n) {
 }
 
 void measureSilent(const Options& o, Host& h) {
-    Net net(h.ip, h.port, size_t(o.silent * o.silentSeconds + 2));
+    Net net(h.ip, h.port, size_t(o.silent * o.silentSeconds + 2), o.tls);
     net.open("tcp://127.0.0.1:9999");
     Link& w = net.links[0];
     std::vector<double> sentAt, rtt;  // by request id
@@ -522,7 +657,8 @@ void measureSilent(const Options& o, Host& h) {
     long opened = 0;
     while (nowMs() < end) {
         if (nowMs() >= nextRequest) request(), nextRequest += 10;
-        if (nowMs() >= nextSilent) opened += net.open(""), nextSilent += 1e3 / double(o.silent);
+        if (nowMs() >= nextSilent)
+            opened += net.open("", SIZE_MAX, true), nextSilent += 1e3 / double(o.silent);
         net.pump(std::min(std::min(nextRequest, nextSilent), end) - nowMs());
     }
     const size_t sent = sentAt.size() - first;
@@ -554,12 +690,13 @@ Options parseOptions(int argc, char** argv) {
         if (name == "--help") fputs(USAGE, stdout), exit(0);
         if (i + 1 >= argc) throw "unexpected " + name;
         const std::string v = argv[++i];
-        bool known = name == "--tool" || name == "--remote" || name == "--links";
+        bool known = name == "--tool" || name == "--remote" || name == "--links" || name == "--tls";
         for (const auto& n : numbers)
             if (name == n.name) *n.value = number(v, name, n.min), known = true;
         if (!known) throw "unknown option " + name;
         if (name == "--tool") o.tool = v;
         if (name == "--remote") o.remote = v;
+        if (name == "--tls") o.tlsDir = v;
         if (name != "--links") continue;
         o.links.clear();
         for (size_t at = 0; at <= v.size(); at = std::min(v.find(',', at), v.size()) + 1)
@@ -571,6 +708,12 @@ Options parseOptions(int argc, char** argv) {
     if (!o.remote.empty() && !parseUrl(o.remote, probe)) throw "not tcp://IPv4:port: " + o.remote;
     if ((o.silent == 0) != (o.silentSeconds == 0))
         throw std::string("--silent and --silent-seconds go together");
+    if (!o.tlsDir.empty()) {
+        std::string error;
+        const std::string& d = o.tlsDir;
+        o.tls = CTlsContext::create({d + "/a.pem", d + "/a.key", d + "/ca.pem", ""}, error);
+        if (!o.tls) throw "--tls " + d + ": " + error;
+    }
     if (o.tool.empty() && o.remote.empty()) {
         char self[4096] = {};
         if (readlink("/proc/self/exe", self, sizeof self - 1) > 0) o.tool = self;
@@ -589,7 +732,7 @@ void onStopSignal(int signal) {
 // A host for one measurement: a fresh child, or the remote one.
 bool acquireHost(const Options& o, Host& h) {
     h.pid = pid_t(o.pid);
-    return o.remote.empty() ? startHost(o.tool, h) : parseUrl(o.remote, h);
+    return o.remote.empty() ? startHost(o.tool, o.tlsDir, h) : parseUrl(o.remote, h);
 }
 
 }  // namespace

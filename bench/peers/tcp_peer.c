@@ -2,18 +2,23 @@
  * 4-byte big-endian length and the bytes, sent with one call per message.
  * The receiving sides read whatever is waiting (one buffered read serves
  * many small messages), as any framing library's receiver does.
- *   tcp_peer echo                           bind 127.0.0.1:0, echo every message back
+ *   tcp_peer [--unix] echo                  bind 127.0.0.1:0, echo every message back
  *   tcp_peer ping ADDR SIZE COUNT           round trips, report latency
- *   tcp_peer sink SIZE COUNT                bind, count COUNT messages, report the rate
+ *   tcp_peer [--unix] sink SIZE COUNT       bind, count COUNT messages, report the rate
  *   tcp_peer flood ADDR SIZE COUNT [THREADS]
  *                                           send COUNT messages; with THREADS > 1 that
- *                                           many threads share the socket under a mutex */
+ *                                           many threads share the socket under a mutex
+ * --unix: the same over a Unix stream socket, the floor of a same-host link:
+ * the binding side takes an abstract name and prints it as "@name", and an
+ * ADDR of that form connects to it. */
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <pthread.h>
+#include <stddef.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "peer_common.h"
@@ -101,7 +106,35 @@ static int write_message(int fd, const char* buf, uint32_t len) {
     return 0;
 }
 
-static int listen_any(void) {
+/* The abstract address "@name" (no file, gone with the socket); its length. */
+static socklen_t unix_address(struct sockaddr_un* a, const char* name) {
+    memset(a, 0, sizeof *a);
+    a->sun_family = AF_UNIX;
+    size_t n = strlen(name);
+    if (n >= sizeof a->sun_path - 1) peer_die("Unix socket name too long");
+    memcpy(a->sun_path + 1, name, n); /* sun_path[0] stays 0: abstract */
+    return (socklen_t)(offsetof(struct sockaddr_un, sun_path) + 1 + n);
+}
+
+static int listen_unix(void) {
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    char name[64];
+    snprintf(name, sizeof name, "apartment-peer-%ld", (long)getpid());
+    struct sockaddr_un a;
+    socklen_t len = unix_address(&a, name);
+    if (fd < 0 || bind(fd, (struct sockaddr*)&a, len) != 0 || listen(fd, 1) != 0)
+        peer_die("cannot listen");
+    char text[80];
+    snprintf(text, sizeof text, "@%s", name);
+    peer_endpoint(text);
+    int c = accept(fd, NULL, NULL);
+    if (c < 0) peer_die("accept failed");
+    close(fd);
+    return c;
+}
+
+static int listen_any(int unix_socket) {
+    if (unix_socket) return listen_unix();
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     struct sockaddr_in a;
     memset(&a, 0, sizeof a);
@@ -123,6 +156,13 @@ static int listen_any(void) {
 }
 
 static int connect_to(const char* addr) {
+    if (addr[0] == '@') {
+        struct sockaddr_un u;
+        socklen_t len = unix_address(&u, addr + 1);
+        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        if (fd < 0 || connect(fd, (struct sockaddr*)&u, len) != 0) peer_die("cannot connect");
+        return fd;
+    }
     char host[64];
     snprintf(host, sizeof host, "%s", addr);
     char* colon = strrchr(host, ':');
@@ -160,14 +200,20 @@ static void* flood(void* arg) {
 }
 
 int main(int argc, char** argv) {
+    int unix_socket = argc > 1 && strcmp(argv[1], "--unix") == 0;
+    if (unix_socket) {
+        --argc;
+        ++argv;
+    }
     if (argc < 2)
-        peer_die("usage: tcp_peer echo | ping ADDR SIZE COUNT | sink SIZE COUNT | flood ADDR SIZE COUNT [THREADS]");
+        peer_die("usage: tcp_peer [--unix] echo | ping ADDR SIZE COUNT | [--unix] sink SIZE COUNT | "
+                 "flood ADDR SIZE COUNT [THREADS]");
     char* buf = NULL;
     size_t cap = 0;
     uint32_t len = 0;
     struct reader r = {-1, malloc(READ_CHUNK), 0, 0};
     if (strcmp(argv[1], "echo") == 0) {
-        r.fd = listen_any();
+        r.fd = listen_any(unix_socket);
         while (read_message(&r, &buf, &cap, &len) == 0)
             if (write_message(r.fd, buf, len) != 0) break;
         return 0;
@@ -189,7 +235,7 @@ int main(int argc, char** argv) {
     }
     if (strcmp(argv[1], "sink") == 0 && argc == 4) {
         size_t size = (size_t)atol(argv[2]), count = (size_t)atol(argv[3]);
-        r.fd = listen_any();
+        r.fd = listen_any(unix_socket);
         double start = 0;
         for (size_t i = 0; i < count; ++i) {
             if (read_message(&r, &buf, &cap, &len) != 0) peer_die("stream ended early");
