@@ -36,7 +36,8 @@ CTcpApartment::CTcpApartment()
     : m_pRtRawBuffer(new (std::nothrow) char[RT_RAW_BUFFER_SIZE]()),
       m_uintRtRawBufferSize(m_pRtRawBuffer != nullptr ? RT_RAW_BUFFER_SIZE : 0),
       m_pLoopbackRawBuffer(nullptr),
-      m_bListenWatched(false) {}
+      m_bListenWatched(false),
+      m_EarliestDeadline(OS::Clock::noLimit()) {}
 
 CTcpApartment::~CTcpApartment() {
     delete[] m_pRtRawBuffer;
@@ -382,15 +383,13 @@ void CTcpApartment::acceptLinks(DWORD dwTimeout, std::vector<IApartmentServerSin
         m_bListenWatched = true;
     }
 
-    // The wait ends in time for the first handshake that runs out.
+    // The wait ends in time for the first handshake that may run out.
     int timeoutMs = static_cast<int>(dwTimeout);
-    const timespec now = OS::Clock::monotonicNow();
-    for (const auto& entry : m_Handshakes) {
-        for (const timespec& deadline : {entry.second.progressDeadline, entry.second.totalDeadline}) {
-            const long long ms = (deadline.tv_sec - now.tv_sec) * 1000LL +
-                                 (deadline.tv_nsec - now.tv_nsec) / 1000000 + 1;
-            if (ms < timeoutMs) timeoutMs = ms < 0 ? 0 : static_cast<int>(ms);
-        }
+    if (!m_Handshakes.empty()) {
+        const timespec now = OS::Clock::monotonicNow();
+        const long long ms = (m_EarliestDeadline.tv_sec - now.tv_sec) * 1000LL +
+                             (m_EarliestDeadline.tv_nsec - now.tv_nsec) / 1000000 + 1;
+        if (ms < timeoutMs) timeoutMs = ms < 0 ? 0 : static_cast<int>(ms);
     }
 
     std::vector<CLinkPoller::Link> links;
@@ -405,17 +404,23 @@ void CTcpApartment::acceptLinks(DWORD dwTimeout, std::vector<IApartmentServerSin
 
     // Silent or slow peers are given up without notice; a handshake past
     // its time is looked at once more first, so that what this thread was
-    // too busy to read (in a storm of connections) still counts.
+    // too busy to read (in a storm of connections) still counts. The whole
+    // set is looked at only once its earliest deadline has passed: thousands
+    // of handshakes under way would otherwise cost a scan per wake-up.
+    if (m_Handshakes.empty() || !OS::Clock::hasPassed(m_EarliestDeadline)) return;
+    const auto expired = [](const Handshake& handshake, const timespec& now) {
+        return !OS::Clock::isEarlier(now, handshake.progressDeadline) ||
+               !OS::Clock::isEarlier(now, handshake.totalDeadline);
+    };
+    timespec now = OS::Clock::monotonicNow();
     for (auto it = m_Handshakes.begin(); it != m_Handshakes.end();) {
         auto next = std::next(it);
-        if (OS::Clock::hasPassed(it->second.progressDeadline) ||
-            OS::Clock::hasPassed(it->second.totalDeadline)) {
+        if (expired(it->second, now)) {
             IApartmentSink* sink = it->first;
             stepHandshake(sink, ready);
             it = m_Handshakes.find(sink);
-            if (it != m_Handshakes.end() &&
-                (OS::Clock::hasPassed(it->second.progressDeadline) ||
-                 OS::Clock::hasPassed(it->second.totalDeadline))) {
+            now = OS::Clock::monotonicNow();
+            if (it != m_Handshakes.end() && expired(it->second, now)) {
                 // Unlike a silent plaintext peer, one that began TLS and
                 // stalled is named: it may be a peer misconfigured.
                 if (it->second.sink->tlsHandshaking())
@@ -425,6 +430,16 @@ void CTcpApartment::acceptLinks(DWORD dwTimeout, std::vector<IApartmentServerSin
         }
         it = next;
     }
+    m_EarliestDeadline = OS::Clock::noLimit();
+    for (const auto& entry : m_Handshakes) {
+        noteDeadline(entry.second.progressDeadline);
+        noteDeadline(entry.second.totalDeadline);
+    }
+}
+
+void CTcpApartment::noteDeadline(const timespec& deadline) {
+    if (OS::Clock::isNoLimit(m_EarliestDeadline) || OS::Clock::isEarlier(deadline, m_EarliestDeadline))
+        m_EarliestDeadline = deadline;
 }
 
 void CTcpApartment::acceptConnections() {
@@ -457,6 +472,7 @@ void CTcpApartment::acceptConnections() {
         // than CONNECTION_INFO_TIMEOUT_MS.
         handshake.totalDeadline = OS::Clock::monotonicDeadline(tcp->totalTimeoutMs());
         handshake.progressDeadline = handshake.totalDeadline;
+        noteDeadline(handshake.totalDeadline);
     }
 }
 
@@ -468,8 +484,10 @@ void CTcpApartment::stepHandshake(IApartmentSink* pSink,
     bool progress = false;
     const CTcpServerSink::CONNECTION_INFO info = it->second.sink->takeConnectionInfo(rt, progress);
     if (info == CTcpServerSink::INFO_PENDING) {
-        if (progress)
+        if (progress) {
             it->second.progressDeadline = OS::Clock::monotonicDeadline(CONNECTION_INFO_TIMEOUT_MS);
+            noteDeadline(it->second.progressDeadline);
+        }
         const bool write = it->second.sink->tlsHandshaking() && it->second.sink->tlsWantsWrite();
         if (write != it->second.watchingWrite &&
             m_ListenPoller.setInterest(pSink, !write, write))

@@ -118,6 +118,8 @@ private:
     void acceptConnections();
     void stepHandshake(IApartmentSink* pSink, std::vector<IApartmentServerSink*>& ready);
     void dropHandshake(std::map<IApartmentSink*, Handshake>::iterator it);
+    // Lowers m_EarliestDeadline to `deadline` when it is earlier.
+    void noteDeadline(const timespec& deadline);
     // The one line a refused TLS peer gets.
     void reportTlsRefusal(IApartmentSink* pSink, const std::string& reason);
 
@@ -135,6 +137,10 @@ private:
     CLinkPoller m_ListenPoller;
     bool m_bListenWatched;
     std::map<IApartmentSink*, Handshake> m_Handshakes;
+    // No deadline of m_Handshakes is earlier (it may be earlier than all of
+    // them: a deadline pushed back is noticed at the next look); noLimit
+    // when there are none.
+    timespec m_EarliestDeadline;
 };
 
 #endif
