@@ -273,6 +273,7 @@ struct TakenCase {
     bool pathOff;
     bool starts;
 };
+void PrintTo(const TakenCase& c, std::ostream* os) { *os << c.name; }
 class TakenTest : public ::testing::TestWithParam<TakenCase> {};
 
 TEST_P(TakenTest, FailsWithOneLineAndLeavesThePortFree) {
@@ -904,6 +905,7 @@ struct SameHostCase {
     bool peerOff;  // APARTMENT_SAME_HOST=0 on either side
     bool hostOff;
 };
+void PrintTo(const SameHostCase& c, std::ostream* os) { *os << c.name; }
 class SameHostTest : public HostTest, public ::testing::WithParamInterface<SameHostCase> {};
 }  // namespace
 
