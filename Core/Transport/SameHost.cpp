@@ -31,7 +31,11 @@ std::vector<uint32_t> interfaceAddresses() {
 const char* const CSameHost::VARIABLE = "APARTMENT_SAME_HOST";
 
 std::string CSameHost::nameOf(const std::string& strIp, unsigned short uiPort) {
-    return NAME_PREFIX + strIp + ":" + std::to_string(uiPort);
+    // In its dotted form, so that a URL written "127.1" finds the listener
+    // of "127.0.0.1".
+    const uint32_t address = OS::Socket::addressFromText(strIp.c_str());
+    const std::string ip = address == INADDR_NONE ? strIp : textOf(address);
+    return NAME_PREFIX + ip + ":" + std::to_string(uiPort);
 }
 
 bool CSameHost::isHostAddress(const std::string& strIp) {
