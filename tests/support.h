@@ -191,7 +191,7 @@ public:
                 return true;
             }
             std::string next;
-            const int rc = readOne(10, next);
+            const int rc = readPipe(10, next);  // not readOne: it would hand back a kept line
             if (rc == 1) m_kept.push_back(next);
             if (rc < 0 || nowMs() >= until) return false;
         }
@@ -266,6 +266,9 @@ private:
             m_kept.erase(m_kept.begin());
             return 1;
         }
+        return readPipe(ms, line);
+    }
+    int readPipe(long ms, std::string& line) {
         const int rc = readLineFrom(m_out, m_buffer, ms, line);
         if (rc < 0 && m_out >= 0) {
             ::close(m_out);
@@ -833,6 +836,35 @@ inline int openDescriptors() {
         if (entry->d_name[0] != '.') ++count;
     closedir(dir);
     return count;
+}
+// The connected sockets of this process of one family: AF_UNIX for links
+// over the same-host path, AF_INET for links over TCP.
+inline int connectedSockets(int family) {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    if (dir == nullptr) return -1;
+    while (dirent* entry = readdir(dir)) {
+        sockaddr_storage peer{};
+        socklen_t length = sizeof peer;
+        if (entry->d_name[0] != '.' &&
+            os_socket_get_peer_name(std::atoi(entry->d_name), reinterpret_cast<sockaddr*>(&peer),
+                                    &length, USE_DEFAULT) == 0 &&
+            peer.ss_family == family)
+            ++count;
+    }
+    closedir(dir);
+    return count;
+}
+// Whether a process of this host listens on the same-host name of `url`.
+inline bool sameHostNameHeld(const std::string& url) {
+    FILE* f = std::fopen("/proc/self/net/unix", "r");
+    if (f == nullptr) return false;
+    const std::string wanted = " @apartment:" + url + "\n";
+    bool held = false;
+    for (char line[512]; !held && std::fgets(line, sizeof line, f) != nullptr;)
+        held = std::strstr(line, wanted.c_str()) != nullptr;
+    std::fclose(f);
+    return held;
 }
 // Resident memory of this process in kilobytes.
 inline long residentKb() {

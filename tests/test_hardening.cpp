@@ -264,19 +264,55 @@ TEST_F(HostTest, APeerThatNeverReadsCondemnsTheLink) {
     EXPECT_EQ(peer.wait(3000), 0);
 }
 
-TEST(Initialise, ATakenListenPortFailsCleanly) {
+// A port or a same-host name held by another socket fails the start with
+// one line and leaves nothing open, the port free for the next owner; with
+// the path off the name is not wanted.
+struct TakenCase {
+    const char* name;
+    bool portHeld;  // else the name is
+    bool pathOff;
+    bool starts;
+};
+void PrintTo(const TakenCase& c, std::ostream* os) { *os << c.name; }
+class TakenTest : public ::testing::TestWithParam<TakenCase> {};
+
+TEST_P(TakenTest, FailsWithOneLineAndLeavesThePortFree) {
+    const TakenCase& c = GetParam();
     unsigned short port = 0;
-    const int fd = bindAnyPort(port, 5);
+    int fd = bindAnyPort(port, 5);
     ASSERT_GE(fd, 0);
+    if (!c.portHeld) {
+        os_socket_close(fd, USE_DEFAULT);
+        fd = os_socket_local_listen(("apartment:" + urlOf(port)).c_str(), 5, USE_DEFAULT);
+        ASSERT_GE(fd, 0);
+    }
+    if (c.pathOff) setenv("APARTMENT_SAME_HOST", "0", 1);
     const int descriptors = openDescriptors();
-    EXPECT_FALSE(apartment_initialize(urlOf(port).c_str(), true));
-    EXPECT_EQ(apartment_dispatch_message(nullptr, deadlineIn(0)), -1);
-    EXPECT_EQ(openDescriptors(), descriptors);
-    apartment_uninitialize();
-    EXPECT_FALSE(initialiseOnFreePort().empty());
+    testing::internal::CaptureStdout();
+    const bool started = apartment_initialize(urlOf(port).c_str(), true);
+    const std::string printed = testing::internal::GetCapturedStdout();
+    unsetenv("APARTMENT_SAME_HOST");
+    EXPECT_EQ(started, c.starts) << printed;
+    if (!started) {
+        EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 1) << printed;
+        EXPECT_EQ(apartment_dispatch_message(nullptr, deadlineIn(0)), -1);
+        EXPECT_EQ(openDescriptors(), descriptors);
+    }
     apartment_uninitialize();
     os_socket_close(fd, USE_DEFAULT);
+    EXPECT_EQ(initialiseOnFreePort(port), urlOf(port));
+    apartment_uninitialize();
 }
+
+#define ROW(name, portHeld, pathOff, starts) TakenCase{#name, portHeld, pathOff, starts}
+INSTANTIATE_TEST_SUITE_P(Initialise, TakenTest,
+                         ::testing::Values(ROW(Port, true, false, false),
+                                           ROW(SameHostName, false, false, false),
+                                           ROW(SameHostNameWithThePathOff, false, true, true)),
+                         [](const ::testing::TestParamInfo<TakenCase>& info) {
+                             return info.param.name;
+                         });
+#undef ROW
 
 // ------------------------------------------------------------ hostile peers
 
@@ -786,6 +822,7 @@ enum class TlsUse { Request, Notification, RawFrame, Heartbeat };
 struct TlsUseCase {
     const char* name;
     TlsUse use;
+    bool overTcp;  // else over the same-host path
 };
 class TlsAcceptedTest : public HostTest, public ::testing::WithParamInterface<TlsUseCase> {};
 }  // namespace
@@ -804,9 +841,11 @@ TEST_P(TlsAcceptedTest, BothLinkClassesCarryEverything) {
     const std::string remote = peer.readLine(5000);
     ASSERT_FALSE(remote.empty());
     tlsEnvironment("b");
+    if (GetParam().overTcp) setenv("APARTMENT_SAME_HOST", "0", 1);
     testing::internal::CaptureStdout();
     const std::string url = startHost();
     tlsEnvironment("");
+    unsetenv("APARTMENT_SAME_HOST");
     ASSERT_FALSE(url.empty());
     CReference<Recorder> node = addNode("h");
     std::string payload = "sealed " + std::string(GetParam().name);
@@ -841,17 +880,76 @@ TEST_P(TlsAcceptedTest, BothLinkClassesCarryEverything) {
             break;
     }
     const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_GT(connectedSockets(GetParam().overTcp ? AF_INET : AF_UNIX), 0);
     EXPECT_EQ(occurrences(printed, "[TcpApartment Info]: TLS 1.3 on links, record layer: "), 1u)
         << printed;
     EXPECT_EQ(printed.find("[TcpApartment Warning]"), std::string::npos) << printed;
     EXPECT_EQ(peer.stop(), 0);
 }
 
-#define ROW(use) TlsUseCase{#use, TlsUse::use}
+#define ROW(use) TlsUseCase{#use, TlsUse::use, false}
 INSTANTIATE_TEST_SUITE_P(Tls, TlsAcceptedTest,
                          ::testing::Values(ROW(Request), ROW(Notification), ROW(RawFrame),
-                                           ROW(Heartbeat)),
+                                           ROW(Heartbeat),
+                                           TlsUseCase{"RequestOverTcp", TlsUse::Request, true}),
                          [](const ::testing::TestParamInfo<TlsUseCase>& info) {
+                             return info.param.name;
+                         });
+#undef ROW
+
+// ------------------------------------------------------------ same host
+
+namespace {
+struct SameHostCase {
+    const char* name;
+    bool peerOff;  // APARTMENT_SAME_HOST=0 on either side
+    bool hostOff;
+};
+void PrintTo(const SameHostCase& c, std::ostream* os) { *os << c.name; }
+class SameHostTest : public HostTest, public ::testing::WithParamInterface<SameHostCase> {};
+}  // namespace
+
+// Both link classes to an apartment of this host go over a Unix socket
+// under its name. A peer without the name (the path off there) is reached
+// over TCP with no wait for the name; a host with the path off neither
+// takes its own name nor looks for the peer's.
+TEST_P(SameHostTest, BothLinkClassesTakeThePathOnlyWhenBothEndsHaveIt) {
+    const SameHostCase c = GetParam();
+    Peer peer([c] {
+        if (c.peerOff) setenv("APARTMENT_SAME_HOST", "0", 1);
+        PeerOptions options;
+        options.report = true;
+        return servePeer(options);
+    });
+    const std::string remote = peer.readLine(5000);
+    ASSERT_FALSE(remote.empty());
+    if (c.hostOff) setenv("APARTMENT_SAME_HOST", "0", 1);
+    const std::string url = startHost();
+    unsetenv("APARTMENT_SAME_HOST");
+    ASSERT_FALSE(url.empty());
+    CReference<Recorder> node = addNode("h");
+    const long long start = nowMs();
+    ASSERT_TRUE(apartment_connect_remote(nullptr, remote.c_str(), false));
+    ASSERT_TRUE(apartment_connect_remote(nullptr, remote.c_str(), true));
+    EXPECT_LT(nowMs() - start, 500);
+    EXPECT_EQ(requestAndRead("h", remote, "echo", "near", 3000), "near");
+    char data[] = "raw";
+    ASSERT_EQ(apartment_raw_write(nullptr, remote.c_str(), 7, data, 3), 0);
+    EXPECT_TRUE(peer.waitFor("RAW 7 3 ", 3000));
+    const bool local = !c.peerOff && !c.hostOff;
+    EXPECT_EQ(connectedSockets(AF_UNIX), local ? 2 : 0);
+    EXPECT_EQ(connectedSockets(AF_INET), local ? 0 : 2);
+    EXPECT_EQ(sameHostNameHeld(url), !c.hostOff);
+    EXPECT_EQ(sameHostNameHeld(remote), !c.peerOff);
+    EXPECT_EQ(peer.stop(), 0);
+}
+
+#define ROW(name, peerOff, hostOff) SameHostCase{#name, peerOff, hostOff}
+INSTANTIATE_TEST_SUITE_P(Links, SameHostTest,
+                         ::testing::Values(ROW(BothEnds, false, false),
+                                           ROW(PeerWithoutTheName, true, false),
+                                           ROW(HostWithThePathOff, false, true)),
+                         [](const ::testing::TestParamInfo<SameHostCase>& info) {
                              return info.param.name;
                          });
 #undef ROW

@@ -13,6 +13,7 @@
 #include "GroundKit/OS/OS_Clock.h"
 #include "GroundKit/OS/OS_Thread.h"
 #include "GroundKit/StringAssistant/StringAssistant.h"
+#include "SameHost.h"
 #include "os_log.h"
 
 namespace {
@@ -32,6 +33,17 @@ unsigned int countFromEnvironment(const char* variable, const char* what, unsign
         return fallback;
     }
     return static_cast<unsigned int>(value);
+}
+
+// A switch of the environment: "0" off, "1" on, missing the default;
+// anything else keeps the default with a line saying why.
+bool switchFromEnvironment(const char* variable, const char* what, bool fallback) {
+    const char* text = std::getenv(variable);
+    if (text == nullptr) return fallback;
+    if (std::strcmp(text, "0") == 0 || std::strcmp(text, "1") == 0) return *text == '1';
+    log_task_line("[Apartment Warning]: %s=\"%s\" is neither 0 nor 1; the %s stays %s.", variable,
+                  text, what, fallback ? "on" : "off");
+    return fallback;
 }
 }  // namespace
 
@@ -98,6 +110,7 @@ bool CApartment::initApartment(const char* strApartmentUrl, bool bListen) {
                              CQueueBudget::DEFAULT_PER_LINK),
         countFromEnvironment(MAX_QUEUED_BYTES_VARIABLE, "bound on queued bytes",
                              CQueueBudget::DEFAULT_TOTAL));
+    m_bSameHost = switchFromEnvironment(CSameHost::VARIABLE, "same-host path", true);
     // Before the first sink is made: every sink takes the context with it.
     std::string tlsError;
     m_tlsContext = CTlsContext::fromEnvironment(tlsError);

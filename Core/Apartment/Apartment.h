@@ -107,8 +107,9 @@ public:
 
     // Lifecycle and identity. initApartment also reads the maximum frame
     // size, the maximum of links and the TLS settings from the environment
-    // (see maxFrameSize, maxLinks and tlsContext); TLS settings that cannot
-    // be used fail it with one line.
+    // (see maxFrameSize, maxLinks, tlsContext and sameHost); TLS settings
+    // that cannot be used fail it with one line, and so does a same-host
+    // name that is taken (as a taken port does).
     bool initApartment(const char* strApartmentUrl, bool bListen) override;
     void destroyApartment() override;
     bool getApartmentUrl(char* strApartmentUrl, DWORD& dwLen) const override;
@@ -197,6 +198,10 @@ public:
     // environment by initApartment (see CTlsContext::fromEnvironment); null
     // when TLS is off. Set before any link exists, read-only after.
     const std::shared_ptr<CTlsContext>& tlsContext() const { return m_tlsContext; }
+    // Whether links to apartments of this host go over Unix sockets (see
+    // CSameHost): on unless APARTMENT_SAME_HOST=0 when initApartment read
+    // the environment. Read-only after that.
+    bool sameHost() const { return m_bSameHost; }
 
 protected:
     // The transport. createSink returns an uninitialised sink with one
@@ -382,6 +387,7 @@ private:
     unsigned int m_uintMaxFrameSize;
     unsigned int m_uintMaxLinks;
     std::shared_ptr<CTlsContext> m_tlsContext;
+    bool m_bSameHost = true;
     unsigned int m_uintUnreadResponseMs;
     std::shared_ptr<CQueueBudget> m_pQueueBudget;
     // Answers that no request waits for are reported one line a second:

@@ -68,6 +68,7 @@ IApartmentSink* CTcpApartment::createSink(APARTMENT_SINK_TYPE type) {
     }
     sink->setMaxFrameSize(maxFrameSize());
     sink->setTlsContext(tlsContext());
+    sink->setSameHost(sameHost());
     return static_cast<IApartmentSink*>(sink);
 }
 
@@ -372,12 +373,25 @@ void CTcpApartment::acceptLinks(DWORD dwTimeout, std::vector<IApartmentServerSin
     IApartmentListenSink* listen = listenSink();
     if (listen == nullptr) return;
     CReference<IApartmentSink> listenView(asIApartmentSink(listen));
+    // The TCP port's listener and those of its same-host names.
+    std::vector<CTcpListenSink*> listeners;
+    if (CTcpListenSink* tcp = dynamic_cast<CTcpListenSink*>(listenView.operator->())) {
+        listeners.push_back(tcp);
+        for (const CReference<CTcpListenSink>& name : tcp->sameHostListeners())
+            listeners.push_back(name);
+    }
     if (!m_bListenWatched) {
-        CReference<ITcpApartmentSink> tcp(asITcpApartmentSink(listen));
-        if (tcp.nil() || !m_ListenPoller.watch(listenView, tcp->getSocketFd())) {
-            // No readiness set: accept as connections come, one wait at a time.
-            IApartmentServerSink* server = listen->processConnectRequest(dwTimeout);
-            if (server != nullptr) server->releaseRef();
+        bool watched = !listeners.empty();
+        for (CTcpListenSink* listener : listeners)
+            watched = watched && m_ListenPoller.watch(listener, listener->getSocketFd());
+        if (!watched) {
+            // No readiness set: accept as connections come, one wait at a
+            // time (connections without their connection frame are no link).
+            for (CTcpListenSink* listener : listeners) {
+                IApartmentServerSink* server =
+                    listener->processConnectRequest(listener == listeners.front() ? dwTimeout : 0);
+                if (server != nullptr) server->releaseRef();
+            }
             return;
         }
         m_bListenWatched = true;
@@ -395,8 +409,9 @@ void CTcpApartment::acceptLinks(DWORD dwTimeout, std::vector<IApartmentServerSin
     std::vector<CLinkPoller::Link> links;
     m_ListenPoller.wait(timeoutMs, links);
     for (const CLinkPoller::Link& link : links) {
-        if (link.sink == listenView.operator->())
-            acceptConnections();
+        const auto listener = std::find(listeners.begin(), listeners.end(), link.sink);
+        if (listener != listeners.end())
+            acceptConnections(*listener);
         else
             stepHandshake(link.sink, ready);
     }
@@ -442,13 +457,13 @@ void CTcpApartment::noteDeadline(const timespec& deadline) {
         m_EarliestDeadline = deadline;
 }
 
-void CTcpApartment::acceptConnections() {
+void CTcpApartment::acceptConnections(IApartmentListenSink* pListener) {
     // A bounded number per wake-up, so that a storm does not starve the
     // handshakes under way; the rest are taken on the next pass. Large
     // enough that the listen queue rarely fills: a connection it refuses
     // is retried by the peer's system only after a second.
     for (int taken = 0; taken < ACCEPTS_PER_PASS; ++taken) {
-        CReference<IApartmentServerSink> server(listenSink()->processConnectRequest(0));
+        CReference<IApartmentServerSink> server(pListener->processConnectRequest(0));
         if (server.nil()) return;
         CReference<IApartmentSink> sink(asIApartmentSink(server));
         CTcpServerSink* tcp = dynamic_cast<CTcpServerSink*>(sink.operator->());

@@ -12,7 +12,10 @@
 //     only a connection whose peer is known is handed on to be filed;
 //   - with TLS (the apartment's context, handed to every sink it makes),
 //     the server's side of each handshake is also done there, before the
-//     connection frame, and a refused peer is named in one line.
+//     connection frame, and a refused peer is named in one line;
+//   - with the same-host path (see CSameHost), the listen thread waits on
+//     the listeners of the port's same-host names beside the port's, and
+//     treats their connections as the port's in every way.
 #ifndef APARTMENT_TCPAPARTMENT_H
 #define APARTMENT_TCPAPARTMENT_H
 
@@ -114,8 +117,9 @@ private:
     // with a reference to `batch`, after the frames that came before it.
     void closeLink(CommThread& thread, IApartmentSink* pSink, MessageBatch& batch);
 
-    // The listen thread's side.
-    void acceptConnections();
+    // The listen thread's side. Takes what connections wait on one
+    // listener: the TCP port's, or that of a same-host name.
+    void acceptConnections(IApartmentListenSink* pListener);
     void stepHandshake(IApartmentSink* pSink, std::vector<IApartmentServerSink*>& ready);
     void dropHandshake(std::map<IApartmentSink*, Handshake>::iterator it);
     // Lowers m_EarliestDeadline to `deadline` when it is earlier.

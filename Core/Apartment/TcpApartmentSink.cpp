@@ -15,6 +15,7 @@
 #include "GroundKit/OS/OS_Clock.h"
 #include "GroundKit/Reference/Reference.h"
 #include "GroundKit/StringAssistant/StringAssistant.h"
+#include "SameHost.h"
 #include "os_log.h"
 
 namespace {
@@ -462,8 +463,16 @@ bool CTcpApartmentSink::initSinkSocketOpt() {
     const int noDelay = 1;
     m_Socket.setSockopt(SOL_SOCKET, SO_RCVBUF, &bufferSize, sizeof bufferSize);
     m_Socket.setSockopt(SOL_SOCKET, SO_SNDBUF, &bufferSize, sizeof bufferSize);
-    m_Socket.setSockopt(IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
+    if (!overLocalSocket()) m_Socket.setSockopt(IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
     return true;
+}
+
+bool CTcpApartmentSink::overLocalSocket() const {
+    int domain = AF_INET;
+    socklen_t length = sizeof domain;
+    return OS::Socket::getSockOpt(m_Socket.getSockFd(), SOL_SOCKET, SO_DOMAIN, &domain, &length,
+                                  USE_DEFAULT) == 0 &&
+           domain == AF_UNIX;
 }
 
 void CTcpApartmentSink::makeSinkAddress(const std::string& strIp, unsigned short uiPort,
@@ -622,7 +631,47 @@ bool CTcpListenSink::onSinkInited(const char* localAddress, const char* remoteAd
     initSinkSocketOpt();
     if (!m_Socket.listen(LISTEN_BACKLOG)) return false;
     makeSinkAddress(m_strLocalIPAddress, m_uiLocalIPPort, m_strLocalAddress);
+    // With the port, or not at all: a failure here closes the port too.
+    return !m_bSameHost || listenSameHost();
+}
+
+bool CTcpListenSink::listenSameHost() {
+    for (const std::string& ip : CSameHost::namedAddresses(m_strLocalIPAddress)) {
+        CReference<CTcpListenSink> listener(new CSameHostListenSink);
+        listener->setMaxFrameSize(m_uintMaxFrameSize);
+        listener->setTlsContext(m_tlsContext);
+        std::string address;
+        makeSinkAddress(ip, m_uiLocalIPPort, address);
+        if (!listener->initSink(address.c_str(), nullptr)) {
+            dropSameHostListeners();
+            return false;
+        }
+        listener->setLocalApartmentUrl(m_strLocalApartmentUrl.c_str());
+        m_SameHostListeners.push_back(listener);
+    }
     return true;
+}
+
+void CTcpListenSink::dropSameHostListeners() {
+    std::vector<CReference<CTcpListenSink>> listeners;
+    listeners.swap(m_SameHostListeners);
+    for (CReference<CTcpListenSink>& listener : listeners) listener->destroySink();
+}
+
+void CTcpListenSink::setLocalApartmentUrl(const char* strUrl) {
+    CTcpApartmentSink::setLocalApartmentUrl(strUrl);
+    for (CReference<CTcpListenSink>& listener : m_SameHostListeners)
+        listener->setLocalApartmentUrl(strUrl);
+}
+
+bool CTcpListenSink::onSinkDestroyed() {
+    dropSameHostListeners();  // the names go before the port
+    return CTcpApartmentSink::onSinkDestroyed();
+}
+
+void CTcpListenSink::onSinkClose() {
+    dropSameHostListeners();
+    CTcpApartmentSink::onSinkClose();
 }
 
 IApartmentServerSink* CTcpListenSink::processConnectRequest(DWORD dwTimeoutMs) {
@@ -645,12 +694,57 @@ IApartmentServerSink* CTcpListenSink::processConnectRequest(DWORD dwTimeoutMs) {
     std::string remoteAddress;
     makeSinkAddress(localIp, localPort, localAddress);
     makeSinkAddress(peerIp, peerPort, remoteAddress);
-    if (!server->initSink(localAddress.c_str(), remoteAddress.c_str())) return nullptr;
+    return adoptConnection(server, localAddress, remoteAddress);
+}
+
+IApartmentServerSink* CTcpListenSink::adoptConnection(CTcpServerSink* server,
+                                                      const std::string& strLocal,
+                                                      const std::string& strRemote) {
+    if (!server->initSink(strLocal.c_str(), strRemote.c_str())) return nullptr;
     server->setLocalApartmentUrl(m_strLocalApartmentUrl.c_str());
     server->setMaxFrameSize(m_uintMaxFrameSize);
     server->setTlsContext(m_tlsContext);
     server->addRef();  // the caller's
     return server;
+}
+
+// ---------------------------------------------------------------------------
+// CSameHostListenSink
+
+bool CSameHostListenSink::onSinkInited(const char* localAddress, const char* remoteAddress) {
+    if (!CTcpApartmentSink::onSinkInited(localAddress, remoteAddress)) return false;
+    const std::string name = CSameHost::nameOf(m_strLocalIPAddress, m_uiLocalIPPort);
+    const int fd = OS::Socket::localListen(name.c_str(), LISTEN_BACKLOG, USE_DEFAULT);
+    if (fd == -1) {
+        log_task_line("[TcpApartment Error]: Can not listen on the same-host name \"%s\", error "
+                      "code: %d",
+                      name.c_str(), OS::Socket::getErrnoCode());
+        return false;
+    }
+    if (!m_Socket.attach(fd, USE_DEFAULT)) {
+        OS::Socket::close(fd, USE_DEFAULT);
+        return false;
+    }
+    m_strPeerAddress = CSameHost::sourceAddressFor(m_strLocalIPAddress);
+    return true;
+}
+
+IApartmentServerSink* CSameHostListenSink::processConnectRequest(DWORD dwTimeoutMs) {
+    if (!m_Socket.readyToRead(dwTimeoutMs, nullptr)) return nullptr;
+    CReference<CTcpServerSink> server(new (std::nothrow) CTcpServerSink);
+    if (server.nil()) return nullptr;
+    int fd;
+    do {
+        fd = OS::Socket::accept(m_Socket.getSockFd(), nullptr, nullptr, USE_DEFAULT);
+    } while (fd == -1 && OS::Socket::getErrnoCode() == EINTR);
+    if (fd == -1) return nullptr;
+    if (!server->innerSocket().attach(fd, USE_DEFAULT)) {
+        OS::Socket::close(fd, USE_DEFAULT);
+        return nullptr;
+    }
+    // A Unix peer has no port: its end is named by the address it would
+    // have come from over TCP, as its own link names it.
+    return adoptConnection(server, m_strLocalAddress, m_strPeerAddress);
 }
 
 // ---------------------------------------------------------------------------
@@ -660,6 +754,7 @@ APARTMENT_SINK_TYPE CTcpClientSink::sinkType() const { return CLIENT_SINK; }
 
 bool CTcpClientSink::onSinkInited(const char* localAddress, const char* remoteAddress) {
     if (!CTcpApartmentSink::onSinkInited(localAddress, remoteAddress)) return false;
+    if (connectSameHost()) return !m_tlsContext || handshake();
     if (!m_Socket.initSocket(SOCK_STREAM, m_strLocalIPAddress, m_uiLocalIPPort, USE_DEFAULT))
         return false;
     initSinkSocketOpt();
@@ -682,6 +777,24 @@ bool CTcpClientSink::onSinkInited(const char* localAddress, const char* remoteAd
     }
     makeSinkAddress(m_strLocalIPAddress, m_uiLocalIPPort, m_strLocalAddress);
     return !m_tlsContext || handshake();
+}
+
+bool CTcpClientSink::connectSameHost() {
+    // A local end asked for (an address to bind) is TCP's to honour.
+    if (!m_bSameHost || !m_strLocalIPAddress.empty() || m_uiLocalIPPort != 0 ||
+        m_uiRemoteIPPort == 0 || !CSameHost::isHostAddress(m_strRemoteIPAddress))
+        return false;
+    const std::string name = CSameHost::nameOf(m_strRemoteIPAddress, m_uiRemoteIPPort);
+    const int fd = OS::Socket::localConnect(name.c_str(), USE_DEFAULT);
+    if (fd == -1) return false;  // nobody holds it (or its queue is full): TCP
+    if (!m_Socket.attach(fd, USE_DEFAULT)) {
+        OS::Socket::close(fd, USE_DEFAULT);
+        return false;
+    }
+    initSinkSocketOpt();
+    m_strLocalIPAddress = CSameHost::sourceAddressFor(m_strRemoteIPAddress);
+    makeSinkAddress(m_strLocalIPAddress, 0, m_strLocalAddress);
+    return true;
 }
 
 bool CTcpClientSink::handshake() {

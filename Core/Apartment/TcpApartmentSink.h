@@ -27,6 +27,11 @@
 // announces more than the link's maximum is refused before anything is
 // allocated for it.
 //
+// Same host: with setSameHost(true) (before initSink), a listen sink also
+// listens on its same-host names and a client sink linking to an address
+// of this host tries the listener's name first (see CSameHost); the socket
+// is then a Unix stream socket and everything above it stays the same.
+//
 // TLS: with a context set (setTlsContext, before initSink), every byte of
 // the link goes through a CTlsSession, whose handshake completes before the
 // connection frame: a client's in initSink, a server's in
@@ -39,6 +44,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "ApartmentFrameCodec.h"
 #include "ApartmentSink.h"
@@ -46,6 +52,7 @@
 #include "FieldKit/Socket/Socket.h"
 #include "GroundKit/OS/OS_Condition.h"
 #include "GroundKit/OS/OS_Mutex.h"
+#include "GroundKit/Reference/Reference.h"
 #include "TlsSession.h"
 
 class ITcpApartmentSinkStub : public TExtensionStub<CApartmentSink, ITcpApartmentSink> {
@@ -126,6 +133,12 @@ public:
     // listen sink hands them to the server sinks it makes.
     void setTlsContext(const std::shared_ptr<CTlsContext>& context);
     bool usesTls() const { return m_tlsContext != nullptr; }
+    // Whether the sink takes the same-host path where it can (see
+    // CSameHost): set before initSink; off unless set.
+    void setSameHost(bool bSameHost) { m_bSameHost = bSameHost; }
+    // Whether the link's socket is a Unix socket: it took the same-host
+    // path. Any thread that holds the sink.
+    bool overLocalSocket() const;
     // Owning thread only. Whether the TLS session holds bytes the socket's
     // readiness no longer shows: the link must be read again before its
     // thread waits on the socket. False without TLS.
@@ -168,8 +181,8 @@ public:
     void setBacklog(std::shared_ptr<CLinkBacklog> backlog) { m_pBacklog = std::move(backlog); }
     const std::shared_ptr<CLinkBacklog>& backlog() const { return m_pBacklog; }
 
-    // Sets the socket buffers to LINK_SOCKET_BUFFER_SIZE and turns off
-    // Nagle's delay. False only when there is no socket.
+    // Sets the socket buffers to LINK_SOCKET_BUFFER_SIZE and, on TCP,
+    // turns off Nagle's delay. False only when there is no socket.
     bool initSinkSocketOpt();
 
     // "ip:port" (just "ip" for port 0); an empty ip stands for 127.0.0.1.
@@ -191,6 +204,7 @@ protected:
     unsigned short m_uiRemoteIPPort;
     CSocket m_Socket;
     std::shared_ptr<CTlsContext> m_tlsContext;
+    bool m_bSameHost = false;
     // The link's TLS once it is set up; null for plaintext. Made and driven
     // through its handshake by the one thread that sets the link up, then
     // shared by the reader and the writers (it locks inside). Kept until the
@@ -262,7 +276,9 @@ class CTcpServerSink;
 
 // The apartment's listening socket. With local port 0 it draws exactly one
 // random port in RANDOM_PORT_MIN..RANDOM_PORT_MAX and fails if that one is
-// taken.
+// taken. With the same-host path on it also takes the port's same-host
+// names (one listener each, see sameHostListeners) and fails, with one
+// line, if one of them is taken; the names go before the port.
 class CTcpListenSink : public IApartmentListenSinkStub {
 public:
     static constexpr unsigned short RANDOM_PORT_MIN = 10000;
@@ -282,8 +298,46 @@ public:
     // draw land on a port it holds.
     virtual unsigned short randomPort();
 
+    // The apartment's URL, for the server sinks of this listener and of its
+    // same-host listeners.
+    void setLocalApartmentUrl(const char* strUrl) override;
+    // The listeners of the same-host names, made by initSink; the listen
+    // thread waits on them beside this one. Empty with the path off.
+    const std::vector<CReference<CTcpListenSink>>& sameHostListeners() const {
+        return m_SameHostListeners;
+    }
+
 protected:
     bool onSinkInited(const char* localAddress, const char* remoteAddress) override;
+    bool onSinkDestroyed() override;
+    void onSinkClose() override;
+    // Makes an accepted connection (already in server's socket) this
+    // listener's: its addresses, the apartment's URL, maximum frame size
+    // and TLS. The server sink with the caller's reference, or null.
+    IApartmentServerSink* adoptConnection(CTcpServerSink* server, const std::string& strLocal,
+                                          const std::string& strRemote);
+
+private:
+    // Takes the same-host names of the port just bound; false (after one
+    // line) when one is taken.
+    bool listenSameHost();
+    void dropSameHostListeners();
+    std::vector<CReference<CTcpListenSink>> m_SameHostListeners;
+};
+
+// The listener of one same-host name, owned by the apartment's listen sink:
+// initSink("ip:port", null) takes the name of that address; its server
+// sinks are Unix sockets with the addresses a TCP link to ip:port would
+// have. Listen thread only, as its owner.
+class CSameHostListenSink : public CTcpListenSink {
+public:
+    IApartmentServerSink* processConnectRequest(DWORD dwTimeoutMs) override;
+
+protected:
+    bool onSinkInited(const char* localAddress, const char* remoteAddress) override;
+
+private:
+    std::string m_strPeerAddress;  // what a TCP peer of this host would come from
 };
 
 // The connecting end. initSink(local, remote) connects within
@@ -305,6 +359,10 @@ private:
     // The client's side of the TLS handshake, waiting on the socket; false
     // (with one line) when it failed or ran out of CONNECT_TIMEOUT_MS.
     bool handshake();
+    // Connects to the remote's same-host name, never waiting; false (and
+    // nothing changed) when the remote is no address of this host or
+    // nobody holds the name.
+    bool connectSameHost();
 };
 
 // The accepted end, created by CTcpListenSink::processConnectRequest.

@@ -7,7 +7,7 @@
  *   os_clock.h   clocks and time normalisation
  *   os_text.h    code-page conversion, formatted length, ASCII test
  *   os_log.h     the log task
- *   os_socket.h  IPv4 sockets
+ *   os_socket.h  IPv4 sockets, and Unix sockets within one host
  *   os_stream.h  the byte stores behind the serialisation streams
  *
  * Unless a function says otherwise it never blocks, never prints and is safe

@@ -1,5 +1,6 @@
 /*
- * IPv4 sockets over the POSIX socket API.
+ * IPv4 sockets over the POSIX socket API, and the Unix stream sockets of
+ * links within one host.
  *
  * Conventions shared by every function here:
  *   - Results follow the system call they wrap: a descriptor or a count, or
@@ -198,6 +199,46 @@ OS_PLATFORM_API int os_socket_shutdown(int fd, int how, RT_MODE mode);
  * 0, or -1. */
 OS_PLATFORM_API int os_socket_pair(int domain, int type, int protocol, int fds[2],
                                    RT_MODE mode);
+
+/*
+ * Unix stream sockets in the abstract namespace (Linux), for links between
+ * processes of one host. An abstract name is no file: it exists exactly as
+ * long as the socket bound to it is open (a process that ends, however it
+ * ends, gives its names back as it does its ports) and is seen by the
+ * processes of the same network namespace only. `name` is the name without
+ * the namespace's leading zero byte, a text of 1 to OS_SOCKET_LOCAL_NAME_MAX
+ * bytes.
+ */
+#define OS_SOCKET_LOCAL_NAME_MAX 107
+
+/*
+ * A close-on-exec stream socket bound to `name` and listening with
+ * `backlog`: its descriptor, or -1 (EADDRINUSE when another socket holds
+ * the name, ENAMETOOLONG or EINVAL for a name too long or empty).
+ */
+OS_PLATFORM_API int os_socket_local_listen(const char* name, int backlog, RT_MODE mode);
+
+/*
+ * A close-on-exec, non-blocking stream socket connected to `name`: its
+ * descriptor, or -1. Never waits: ECONNREFUSED (or ENOENT) when no socket
+ * holds the name, EAGAIN when its holder's listen queue is full.
+ */
+OS_PLATFORM_API int os_socket_local_connect(const char* name, RT_MODE mode);
+
+/*
+ * The IPv4 addresses (network byte order) of this host's interfaces that
+ * are up, loopback included: at most `max` of them into `addresses`; the
+ * number there are, which may exceed `max`, or -1 when they cannot be
+ * listed. Asks the system each time (the interfaces may change).
+ */
+OS_PLATFORM_API int os_socket_host_addresses(uint32_t* addresses, int max);
+
+/*
+ * The source address (network byte order) the system picks for a
+ * connection from this host to `address` into *source: 0, or -1 (for
+ * example ENETUNREACH). Nothing is sent.
+ */
+OS_PLATFORM_API int os_socket_source_address(uint32_t address, uint32_t* source);
 
 /*
  * Dotted IPv4 text to an address in network byte order, as inet_addr(3):

@@ -32,7 +32,9 @@ const char SERVE_USAGE[] =
     "holds one. Stops cleanly on SIGINT or SIGTERM.\n"
     "TLS: with APARTMENT_TLS_CERT, APARTMENT_TLS_KEY and APARTMENT_TLS_CA (PEM\n"
     "files) set, every link is mutual TLS 1.3 (peers need the same variables);\n"
-    "APARTMENT_TLS_KEYLOG=FILE appends session secrets for a capture tool.\n";
+    "APARTMENT_TLS_KEYLOG=FILE appends session secrets for a capture tool.\n"
+    "Links to apartments of this host go over a Unix socket named after the\n"
+    "URL; APARTMENT_SAME_HOST=0 keeps them on TCP (for a loopback capture).\n";
 
 // Counts of what arrived; raw frames are counted on the real-time thread.
 struct Counters {

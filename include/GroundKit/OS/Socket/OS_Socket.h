@@ -104,6 +104,18 @@ public:
     static int socketPair(int domain, int type, int protocol, int fds[2], RT_MODE mode) {
         return os_socket_pair(domain, type, protocol, fds, mode);
     }
+    static int localListen(const char* name, int backlog, RT_MODE mode) {
+        return os_socket_local_listen(name, backlog, mode);
+    }
+    static int localConnect(const char* name, RT_MODE mode) {
+        return os_socket_local_connect(name, mode);
+    }
+    static int hostAddresses(uint32_t* addresses, int max) {
+        return os_socket_host_addresses(addresses, max);
+    }
+    static int sourceAddress(uint32_t address, uint32_t* source) {
+        return os_socket_source_address(address, source);
+    }
     static uint32_t addressFromText(const char* text) { return os_socket_address_from_text(text); }
     static char* addressToText(uint32_t address, char* buf, size_t size) {
         return os_socket_address_to_text(address, buf, size);
