@@ -14,6 +14,7 @@
 #include "TcpApartmentSink.h"
 #include "TlsContext.h"
 #include "TlsSession.h"
+#include "os_poller.h"
 #include "support.h"
 
 using namespace aptest;
@@ -775,14 +776,55 @@ TEST_F(TcpSinkTest, TheLocalUrlNamesTheLinksConcreteAddress) {
     EXPECT_EQ(url, "tcp://10.0.0.1:1");
 }
 
-// Writers of one link are coalesced into shared writes: their bytes must
-// never interleave, and each writer must get its own frame's result (here
-// every tenth frame is above the link's maximum and must fail alone).
-TEST_F(TcpSinkTest, ConcurrentSendersNeverInterleaveFramesAndEachGetsItsOwnResult) {
+// A link's writes either synchronous (0) or through a send queue of that
+// many bytes, flushed by a thread of its own as a communication thread
+// would when the socket has room.
+class TcpSinkSendModes : public TcpSinkTest, public ::testing::WithParamInterface<unsigned int> {
+protected:
+    void TearDown() override {
+        if (m_flusher.joinable()) {
+            m_stop = true;
+            m_poller.wake();
+            m_flusher.join();
+            m_queued->setSendQueuePoller(nullptr);
+            m_poller.unwatch(m_queued);
+        }
+        TcpSinkTest::TearDown();
+    }
+    void useSendQueue(CTcpClientSink* client, unsigned int bytes) {
+        if (bytes == 0) return;
+        m_queued = client;
+        ASSERT_TRUE(m_poller.watch(client, client->getSocketFd()));
+        client->enableSendQueue(bytes, &m_poller);
+        m_flusher = std::thread([this] {
+            std::vector<CLinkPoller::Link> ready;
+            while (!m_stop) {
+                m_poller.wait(20, ready);
+                for (const CLinkPoller::Link& link : ready) {
+                    if (link.events & OS_POLLER_WRITE) m_queued->flushSendQueue();
+                    link.sink->releaseRef();
+                }
+                ready.clear();
+            }
+        });
+    }
+    CLinkPoller m_poller;
+    CTcpClientSink* m_queued = nullptr;
+    std::thread m_flusher;
+    std::atomic<bool> m_stop{false};
+};
+INSTANTIATE_TEST_SUITE_P(Writes, TcpSinkSendModes, ::testing::Values(0u, 16384u));
+
+// Writers of one link are coalesced into shared writes (or one queue):
+// their bytes must never interleave, and each writer must get its own
+// frame's result (here every tenth frame is above the link's maximum and
+// must fail alone).
+TEST_P(TcpSinkSendModes, ConcurrentSendersNeverInterleaveFramesAndEachGetsItsOwnResult) {
     CTcpClientSink* client = nullptr;
     CTcpServerSink* server = nullptr;
     ASSERT_TRUE(connectPair(client, server));
     client->setMaxFrameSize(4000);
+    useSendQueue(client, GetParam());
     constexpr int kThreads = 8, kFrames = 200;
     const unsigned int sizes[] = {10, 700, 1500, 3999, 0};
     auto sizeOf = [&](int t, int i) { return i % 10 == 9 ? 4001u : sizes[(i + t) % 5]; };
@@ -816,6 +858,65 @@ TEST_F(TcpSinkTest, ConcurrentSendersNeverInterleaveFramesAndEachGetsItsOwnResul
     for (std::thread& sender : senders) sender.join();
     EXPECT_EQ(received, expected);
     EXPECT_EQ(wrongResults, 0);
+}
+
+// A full queue holds its writer back instead of growing: against a peer
+// that never reads, the writer waits for room, then fails by the stall
+// rule and condemns the link.
+TEST_F(TcpSinkTest, AFullSendQueueMakesTheWriterWaitThenFailAtTheStall) {
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;  // never reads
+    ASSERT_TRUE(connectPair(client, server));
+    constexpr unsigned int kBound = 65536;
+    client->enableSendQueue(kBound, nullptr);
+    const Bytes payload(4000, 0x33);
+    std::atomic<bool> done{false};
+    std::atomic<int> sent{0};
+    testing::internal::CaptureStdout();
+    const Clock::time_point start = Clock::now();
+    std::thread writer([&] {
+        // The socket buffers take a few MiB first; far fewer than this.
+        for (int i = 0; i < 20000 && client->sendFrame(1, payload.data(), 4000); ++i) ++sent;
+        done = true;
+    });
+    size_t most = 0;
+    while (!done) most = std::max(most, client->sendQueueBytes());
+    writer.join();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "TcpApartmentSink write failed.\n");
+    EXPECT_LT(msSince(start), 5000);
+    EXPECT_LT(sent, 20000);
+    EXPECT_LE(most, kBound);
+    EXPECT_GT(most, kBound - 4008);  // it did fill up
+    EXPECT_TRUE(client->isExpectSinkClosed());
+}
+
+// Frames the peer never took are counted in one line when the link closes.
+TEST_F(TcpSinkTest, ALinkClosedWithQueuedFramesSaysHowMany) {
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;  // never reads
+    ASSERT_TRUE(connectPair(client, server));
+    // The socket is filled behind the sink's back, so that nothing queued
+    // can leave (until the kernel has settled, it keeps finding room).
+    const Bytes filler(4096, 0);
+    while (OS::Socket::writable(client->getSocketFd(), 200, nullptr, USE_DEFAULT)) {
+        while (os_socket_send(client->getSocketFd(), filler.data(), static_cast<int>(filler.size()),
+                              MSG_DONTWAIT | MSG_NOSIGNAL, USE_DEFAULT) > 0) {
+        }
+    }
+    while (os_socket_send(client->getSocketFd(), filler.data(), 1, MSG_DONTWAIT | MSG_NOSIGNAL,
+                          USE_DEFAULT) > 0) {
+    }
+    client->enableSendQueue(1 << 20, nullptr);
+    const char byte = 7;
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(client->sendFrame(1, &byte, 1));
+    EXPECT_EQ(client->sendQueueFrames(), 3u);
+    testing::internal::CaptureStdout();
+    client->closeSink();
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("[TcpApartment Warning]: link to "), std::string::npos) << out;
+    EXPECT_NE(out.find(" closed with 3 frames still queued; not sent.\n"), std::string::npos) << out;
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+    EXPECT_FALSE(client->sendFrame(1, &byte, 1));
 }
 
 TEST_F(TcpSinkTest, AStalledPeerEndsALargeSendAndCondemnsTheLink) {
