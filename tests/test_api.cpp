@@ -6,6 +6,8 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include <stdexcept>
 
 #include "os_sync.h"
@@ -347,6 +349,54 @@ TEST_F(ApiWithPeer, RequestsCarryDataOfEverySizeAndNumberFromOne) {
         EXPECT_EQ(code, REQUEST_OK);
         EXPECT_TRUE(response == request);
     }
+}
+
+// Both apartments with a send queue: writes return once queued, and what
+// two writer threads queue on one link arrives whole and in each writer's
+// order; a request and its answer still make their round trip.
+class ApiWithPeerAndSendQueue : public ApiWithPeer {
+protected:
+    void SetUp() override {
+        setenv("APARTMENT_SEND_QUEUE_BYTES", "4096", 1);  // the peer inherits it
+        ApiWithPeer::SetUp();
+        unsetenv("APARTMENT_SEND_QUEUE_BYTES");
+    }
+};
+
+TEST_F(ApiWithPeerAndSendQueue, FramesOfTwoWritersArriveWholeAndInEachWritersOrder) {
+    constexpr unsigned int kFrames = 150;
+    CReference<Recorder> other = addNode("me2");
+    std::atomic<int> failures{0};
+    std::vector<std::thread> writers;
+    for (unsigned int t = 0; t < 2; ++t) {
+        writers.emplace_back([&, t] {
+            // The size tells the order; the bytes the writer.
+            for (unsigned int size = 1; size <= kFrames; ++size) {
+                Bytes data = pattern(size * 40, t);
+                unsigned int id = 0;
+                if (apartment_node_write_notify(nullptr, t == 0 ? "me" : "me2", m_peerUrl.c_str(),
+                                                "echo", data.data(), size * 40, id) != 0)
+                    ++failures;
+            }
+        });
+    }
+    for (std::thread& writer : writers) writer.join();
+    EXPECT_EQ(failures, 0);
+    unsigned int next[2] = {1, 1};
+    for (unsigned int i = 0; i < 2 * kFrames; ++i) {
+        std::string line;
+        ASSERT_TRUE(m_peer.waitFor("REQ echo", 10000, &line)) << i;
+        std::istringstream fields(line.substr(9));
+        std::string apartment, node;
+        unsigned long id = 0, size = 0, hash = 0;
+        int flag = 1;
+        fields >> apartment >> node >> id >> size >> flag >> hash;
+        const unsigned int t = node == "me" ? 0 : 1;
+        ASSERT_EQ(size, next[t]++ * 40) << line;
+        const Bytes data = pattern(size, t);
+        EXPECT_EQ(hash, fnv1a(data.data(), size)) << line;
+    }
+    EXPECT_EQ(requestAndRead("me", m_peerUrl, "echo", "after", 5000), "after");
 }
 
 TEST_F(ApiWithPeer, ResponseCodesPassThroughUnchanged) {
