@@ -198,8 +198,12 @@ bool CTcpApartment::serveLink(CommThread& thread, const CLinkPoller::Link& link,
     IApartmentSink* pSink = link.sink;
     CTcpApartmentSink* tcp = dynamic_cast<CTcpApartmentSink*>(pSink);
     if (tcp == nullptr || pSink->isSinkClosed()) return false;
-    // Room again for what its writers queued.
-    if ((link.events & OS_POLLER_WRITE) != 0) tcp->flushSendQueue();
+    // Room again for what its writers queued; with nothing to read
+    // reported, the socket is not asked.
+    if ((link.events & OS_POLLER_WRITE) != 0) {
+        tcp->flushSendQueue();
+        if (link.events == OS_POLLER_WRITE) return false;
+    }
     // A write condemned it (and shut it down, which is what woke us).
     if (pSink->isExpectSinkClosed()) {
         closeLink(thread, pSink, batch);

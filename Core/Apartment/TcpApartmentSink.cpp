@@ -1,5 +1,6 @@
 #include "TcpApartmentSink.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -295,8 +296,9 @@ bool CTcpApartmentSink::_queueFrame(PendingFrame& frame, unsigned int uintSize) 
     const size_t total = FRAME_HEADER_SIZE + static_cast<size_t>(uintSize);
     const bool alone = total > m_uintSendQueueBound;  // can never share the queue
     m_SendMutex.lock();
-    timespec stallAt = OS::Clock::monotonicDeadline(SEND_STALL_TIMEOUT_MS);
-    unsigned long long seen = m_ullSendProgress;
+    timespec stallAt{0, 0};
+    bool waiting = false;
+    unsigned long long seen = 0;
     for (;;) {
         // A condemned link may hold part of a frame: nothing more may follow.
         if (m_Socket.getSockFd() == -1 || isExpectSinkClosed() || m_bSendQueueClosed) {
@@ -319,7 +321,8 @@ bool CTcpApartmentSink::_queueFrame(PendingFrame& frame, unsigned int uintSize) 
         }
         // Another thread is writing: wait while it makes progress (a frame
         // written alone has a stall rule of its own).
-        if (m_ullSendProgress != seen || m_bWritingAlone) {
+        if (!waiting || m_ullSendProgress != seen || m_bWritingAlone) {
+            waiting = true;
             seen = m_ullSendProgress;
             stallAt = OS::Clock::monotonicDeadline(SEND_STALL_TIMEOUT_MS);
         } else if (OS::Clock::hasPassed(stallAt)) {
@@ -344,6 +347,17 @@ bool CTcpApartmentSink::_queueFrame(PendingFrame& frame, unsigned int uintSize) 
         _endFlush(written ? _flushQueue(false) : FLUSH_FAILED);
         m_SendMutex.unlock();
         return written;
+    }
+    try {
+        // Grown ahead, by doubling, so that the copies below cannot throw
+        // with the mutex held and part of a frame queued.
+        if (m_SendFillEnds.size() == m_SendFillEnds.capacity())
+            m_SendFillEnds.reserve(std::max<size_t>(16, 2 * m_SendFillEnds.capacity()));
+        if (m_SendFill.capacity() - m_SendFill.size() < total)
+            m_SendFill.reserve(std::max(m_SendFill.size() + total, 2 * m_SendFill.capacity()));
+    } catch (const std::bad_alloc&) {
+        m_SendMutex.unlock();
+        return false;  // nothing queued: the link goes on as it was
     }
     for (int i = 0; i < frame.partCount; ++i) {
         const char* part = static_cast<const char*>(frame.parts[i].iov_base);
