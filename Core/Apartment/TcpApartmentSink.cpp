@@ -387,7 +387,8 @@ bool CTcpApartmentSink::_queueFrame(PendingFrame& frame, unsigned int uintSize) 
     return true;
 }
 
-CTcpApartmentSink::FLUSH_RESULT CTcpApartmentSink::_flushQueue(bool bWait, bool bQuietStall) {
+CTcpApartmentSink::FLUSH_RESULT CTcpApartmentSink::_flushQueue(bool bWait,
+                                                              const timespec* pGiveUpAt) {
     const int fd = m_Socket.getSockFd();
     unsigned int rounds = 0;
     for (;;) {
@@ -411,19 +412,26 @@ CTcpApartmentSink::FLUSH_RESULT CTcpApartmentSink::_flushQueue(bool bWait, bool 
         } while (result < 0 && OS::Socket::getErrnoCode() == EINTR);
         const int error = result < 0 ? OS::Socket::getErrnoCode() : 0;
         bool writable = false;
-        if (result < 0 && bWait && !isPermanentSendError(error))
-            writable = OS::Socket::writable(fd, SEND_STALL_TIMEOUT_MS, nullptr, USE_DEFAULT);
+        if (result < 0 && bWait && !isPermanentSendError(error)) {
+            long long waitMs = SEND_STALL_TIMEOUT_MS;
+            if (pGiveUpAt != nullptr) waitMs = std::min(waitMs, std::max(0LL, millisecondsUntil(*pGiveUpAt)));
+            writable = OS::Socket::writable(fd, static_cast<unsigned long>(waitMs), nullptr, USE_DEFAULT);
+        }
         m_SendMutex.lock();
         if (result > 0) {
             m_uintSendFlushOffset += static_cast<size_t>(result);
             m_ullSendProgress += static_cast<unsigned long long>(result);
             m_SendDoneCondition.notifyAll();  // room for writers that wait
+            // A closing link waits for no writer that a slow peer keeps busy.
+            if (pGiveUpAt == nullptr ? m_bSendQueueClosed : OS::Clock::hasPassed(*pGiveUpAt))
+                return FLUSH_BLOCKED;
             continue;
         }
         if (result < 0 && !isPermanentSendError(error)) {
-            if (!bWait) return FLUSH_BLOCKED;
+            if (!bWait || (pGiveUpAt != nullptr && OS::Clock::hasPassed(*pGiveUpAt)))
+                return FLUSH_BLOCKED;
             if (writable) continue;
-            if (!bQuietStall) log_task_line("TcpApartmentSink write failed.");
+            if (pGiveUpAt == nullptr) log_task_line("TcpApartmentSink write failed.");
         }
         // Part of a frame may be on the wire: the stream is out of step.
         setExpectSinkClosed(true);
@@ -457,11 +465,14 @@ void CTcpApartmentSink::flushSendQueue() {
 void CTcpApartmentSink::_closeSendQueue() {
     SendLock lock(&m_SendMutex);
     m_bSendQueueClosed = true;
-    while (m_bSending) m_SendDoneCondition.wait();
-    if (_queuedBytes() != 0 && m_Socket.getSockFd() != -1 && !isExpectSinkClosed()) {
-        // The line below says what did not go; a stall needs no other.
+    // What the peer takes within the stall bound goes; the rest is
+    // counted. A writer still under way by then (a frame too large for the
+    // queue, going to a slow peer) is ended by the shutdown that follows.
+    const timespec giveUpAt = OS::Clock::monotonicDeadline(SEND_STALL_TIMEOUT_MS);
+    while (m_bSending && !OS::Clock::hasPassed(giveUpAt)) m_SendDoneCondition.wait(giveUpAt);
+    if (!m_bSending && _queuedBytes() != 0 && m_Socket.getSockFd() != -1 && !isExpectSinkClosed()) {
         m_bSending = true;
-        _flushQueue(true, true);
+        _flushQueue(true, &giveUpAt);
         m_bSending = false;
         m_SendDoneCondition.notifyAll();
     }
@@ -475,6 +486,7 @@ void CTcpApartmentSink::_closeSendQueue() {
     }
     if (m_bSendArmed && m_pSendPoller != nullptr) m_pSendPoller->wantWrite(this, false);
     m_bSendArmed = false;
+    if (m_bSending) return;  // its writer still reads the queue: freed with the sink
     std::vector<char>().swap(m_SendFill);
     std::vector<char>().swap(m_SendFlush);
     std::vector<size_t>().swap(m_SendFillEnds);

@@ -309,8 +309,9 @@ private:
     // the caller. With bWait, waits for the socket under the stall rule;
     // without, stops at a full socket and after a few swaps of the queue,
     // so that a writer that flushes is not kept writing for the others.
-    // bQuietStall leaves a stall's line to the caller.
-    FLUSH_RESULT _flushQueue(bool bWait, bool bQuietStall = false);
+    // With pGiveUpAt (a closing link), it stops there, printing nothing;
+    // without, it stops (FLUSH_BLOCKED) once the link is closing.
+    FLUSH_RESULT _flushQueue(bool bWait, const timespec* pGiveUpAt = nullptr);
     // m_SendMutex held: gives m_bSending back and arms the poller's
     // thread (or disarms it) according to how the flush ended.
     void _endFlush(FLUSH_RESULT result);
