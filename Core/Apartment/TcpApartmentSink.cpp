@@ -37,6 +37,10 @@ const unsigned int WRITER_FLUSH_ROUNDS = 4;
 // communication thread writes out (see _queueFrame). Shorter than any
 // round trip, so that a request or an answer is never held back.
 const long long STREAM_GAP_NS = 10000;
+// A frame from this size on is written from its writer's buffers when the
+// socket is free, even within a stream: a system call is cheap beside
+// its bytes, and a copy is not.
+const size_t DIRECT_WRITE_MIN = 4096;
 // A send queue's buffers above this are given back when the queue
 // empties, so that a link that is idle again holds little.
 const size_t SEND_QUEUE_KEPT_CAPACITY = 64 * 1024;
@@ -307,9 +311,11 @@ bool CTcpApartmentSink::_queueFrame(PendingFrame& frame, unsigned int uintSize) 
         }
         const size_t queued = _queuedBytes();
         if (alone ? queued == 0 && !m_bSending : queued + total <= m_uintSendQueueBound) break;
-        if (!m_bSending) {
+        if (!m_bSending && !m_bSendArmed) {
             // The socket is free: make room by writing, waiting for the
-            // peer as a synchronous write would.
+            // peer as a synchronous write would. (When the communication
+            // thread is to write, it is left to: two threads taking turns
+            // at a socket that is full would only wake each other.)
             m_bSending = true;
             const FLUSH_RESULT result = _flushQueue(true);
             _endFlush(result);
@@ -348,6 +354,24 @@ bool CTcpApartmentSink::_queueFrame(PendingFrame& frame, unsigned int uintSize) 
         m_SendMutex.unlock();
         return written;
     }
+    // While another thread writes, or the communication thread is to, the
+    // frame leaves with the next write. Otherwise a frame on its own (a
+    // request, an answer) is written at once by its writer, while frames
+    // that follow each other closely are left to the communication thread,
+    // so that they gather into large writes instead of costing a system
+    // call each on the writer's thread.
+    const timespec now = OS::Clock::monotonicNow();
+    const long long gapNs = (now.tv_sec - m_LastQueuedAt.tv_sec) * 1000000000LL +
+                            (now.tv_nsec - m_LastQueuedAt.tv_nsec);
+    m_LastQueuedAt = now;
+    const bool idle = !m_bSending && !m_bSendArmed;
+    const bool stream = gapNs < STREAM_GAP_NS && m_pSendPoller != nullptr;
+    // A frame that would be written at once anyway, or one large enough to
+    // be worth its own system call, goes from the caller's buffers without
+    // a copy. Not through TLS, whose retried write must see the parts cut
+    // as before.
+    if (idle && !m_pTls && _queuedBytes() == 0 && (!stream || total >= DIRECT_WRITE_MIN))
+        return _writeDirect(frame, total);
     try {
         // Grown ahead, by doubling, so that the copies below cannot throw
         // with the mutex held and part of a frame queued.
@@ -364,19 +388,8 @@ bool CTcpApartmentSink::_queueFrame(PendingFrame& frame, unsigned int uintSize) 
         m_SendFill.insert(m_SendFill.end(), part, part + frame.parts[i].iov_len);
     }
     m_SendFillEnds.push_back(m_SendFill.size());
-    // While another thread writes, or the communication thread is to, the
-    // frame leaves with the next write. Otherwise a frame on its own (a
-    // request, an answer) is written at once by its writer, while frames
-    // that follow each other closely are left to the communication thread,
-    // so that they gather into large writes instead of costing a system
-    // call each on the writer's thread.
-    const timespec now = OS::Clock::monotonicNow();
-    const long long gapNs = (now.tv_sec - m_LastQueuedAt.tv_sec) * 1000000000LL +
-                            (now.tv_nsec - m_LastQueuedAt.tv_nsec);
-    m_LastQueuedAt = now;
-    if (!m_bSending && !m_bSendArmed) {
-        if (gapNs < STREAM_GAP_NS && m_pSendPoller != nullptr &&
-            m_pSendPoller->wantWrite(this, true)) {
+    if (idle) {
+        if (stream && m_pSendPoller->wantWrite(this, true)) {
             m_bSendArmed = true;
         } else {
             m_bSending = true;
@@ -385,6 +398,68 @@ bool CTcpApartmentSink::_queueFrame(PendingFrame& frame, unsigned int uintSize) 
     }
     m_SendMutex.unlock();
     return true;
+}
+
+bool CTcpApartmentSink::_writeDirect(PendingFrame& frame, size_t total) {
+    m_bSending = true;
+    const int fd = m_Socket.getSockFd();
+    m_SendMutex.unlock();
+    iovec* parts = frame.parts;
+    int count = frame.partCount;
+    size_t sent = 0;
+    long result;
+    for (;;) {
+        do {
+            result = OS::Socket::sendVector(fd, parts, count, 0, USE_DEFAULT);
+        } while (result < 0 && OS::Socket::getErrnoCode() == EINTR);
+        if (result <= 0) break;
+        sent += static_cast<size_t>(result);
+        size_t step = static_cast<size_t>(result);
+        while (count > 0 && step >= parts->iov_len) {
+            step -= parts->iov_len;
+            ++parts;
+            --count;
+        }
+        if (count == 0) break;
+        parts->iov_base = static_cast<char*>(parts->iov_base) + step;
+        parts->iov_len -= step;
+    }
+    const int error = result < 0 ? OS::Socket::getErrnoCode() : 0;
+    m_SendMutex.lock();
+    m_ullSendProgress += sent;
+    if (sent == total) {
+        _endFlush(_flushQueue(false));  // what others queued meanwhile
+        m_SendMutex.unlock();
+        return true;
+    }
+    if (result == 0 || isPermanentSendError(error)) {
+        if (sent != 0) setExpectSinkClosed(true);  // part of the frame is on the wire
+        _endFlush(FLUSH_FAILED);
+        m_SendMutex.unlock();
+        return false;
+    }
+    // The socket is full: the rest of the frame leads the queue, before
+    // whatever others queued meanwhile.
+    bool kept = true;
+    try {
+        m_SendFlush.clear();
+        m_SendFlushEnds.clear();
+        m_uintSendFlushOffset = 0;
+        m_SendFlush.reserve(total - sent);
+        m_SendFlushEnds.push_back(total - sent);
+        for (int i = 0; i < count; ++i) {
+            const char* part = static_cast<const char*>(parts[i].iov_base);
+            m_SendFlush.insert(m_SendFlush.end(), part, part + parts[i].iov_len);
+        }
+    } catch (const std::bad_alloc&) {
+        kept = false;
+        m_SendFlush.clear();
+        m_SendFlushEnds.clear();
+        if (sent != 0) setExpectSinkClosed(true);
+    }
+    _endFlush(kept ? FLUSH_BLOCKED : FLUSH_FAILED);
+    m_SendMutex.unlock();
+    return kept;
 }
 
 CTcpApartmentSink::FLUSH_RESULT CTcpApartmentSink::_flushQueue(bool bWait,

@@ -305,6 +305,10 @@ private:
     };
     // Send-queue mode of sendFrameParts.
     bool _queueFrame(PendingFrame& frame, unsigned int uintSize);
+    // m_SendMutex held, the queue empty and the socket free; releases the
+    // mutex. Writes the frame as far as the socket takes it now and queues
+    // the rest for the communication thread.
+    bool _writeDirect(PendingFrame& frame, size_t total);
     // m_SendMutex held (released while writing) and m_bSending taken by
     // the caller. With bWait, waits for the socket under the stall rule;
     // without, stops at a full socket and after a few swaps of the queue,
