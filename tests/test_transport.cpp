@@ -890,6 +890,39 @@ TEST_F(TcpSinkTest, AFullSendQueueMakesTheWriterWaitThenFailAtTheStall) {
     EXPECT_TRUE(client->isExpectSinkClosed());
 }
 
+// A link held back from reading (back-pressure) is still reported when its
+// send queue waits for room, and only for that.
+TEST_F(TcpSinkTest, APausedLinkIsStillReportedForRoomToWrite) {
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;
+    ASSERT_TRUE(connectPair(client, server));
+    const char byte = 1;
+    ASSERT_TRUE(server->sendFrame(1, &byte, 1));  // something to read
+    CLinkPoller poller;
+    ASSERT_TRUE(poller.watch(client, client->getSocketFd()));
+    auto events = [&] {
+        std::vector<CLinkPoller::Link> ready;
+        poller.wait(200, ready);
+        uint32_t seen = 0;
+        for (const CLinkPoller::Link& link : ready) {
+            seen |= link.events;
+            link.sink->releaseRef();
+        }
+        return seen & (OS_POLLER_READ | OS_POLLER_WRITE);
+    };
+    CLinkPoller::Link link;
+    ASSERT_TRUE(poller.lookup(1, link));
+    link.sink->releaseRef();
+    ASSERT_TRUE(poller.pause(1));
+    ASSERT_TRUE(poller.wantWrite(client, true));
+    EXPECT_EQ(events(), OS_POLLER_WRITE);
+    ASSERT_TRUE(poller.resume(1));
+    EXPECT_EQ(events(), OS_POLLER_READ | OS_POLLER_WRITE);
+    ASSERT_TRUE(poller.wantWrite(client, false));
+    EXPECT_EQ(events(), OS_POLLER_READ);
+    poller.unwatch(client);
+}
+
 // Frames the peer never took are counted in one line when the link closes.
 TEST_F(TcpSinkTest, ALinkClosedWithQueuedFramesSaysHowMany) {
     CTcpClientSink* client = nullptr;

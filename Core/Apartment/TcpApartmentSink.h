@@ -251,7 +251,8 @@ protected:
     // (see PendingFrame); m_SendDoneCondition wakes a closer once no write
     // is under way. No socket call is made under it. Closing the socket
     // waits for that, so that no writer uses a descriptor that is being
-    // closed (or reused). Nothing else is locked while it is held.
+    // closed (or reused). Nothing else is locked while it is held, but
+    // for the poller's leaf mutex (the send queue's arming).
     struct PendingFrame;
     OS::TBaseMutex m_SendMutex;
     OS::TCondition m_SendDoneCondition;

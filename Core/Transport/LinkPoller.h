@@ -13,9 +13,9 @@
 // descriptor whose number is reused would otherwise be forgotten in the
 // new link's place).
 //
-// Threads: watch, unwatch, pause, resume and wake from any thread; wait and
-// lookup from the owning thread (and lookup from any thread that holds the
-// sink). One mutex, a leaf, guards the registry; nothing is released or
+// Threads: watch, unwatch, pause, resume, wantWrite and wake from any
+// thread (wantWrite also under a sink's send mutex); wait and lookup from
+// the owning thread (and lookup from any thread that holds the sink). One mutex, a leaf, guards the registry; nothing is released or
 // called out under it.
 #ifndef APARTMENT_TRANSPORT_LINKPOLLER_H
 #define APARTMENT_TRANSPORT_LINKPOLLER_H
