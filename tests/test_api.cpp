@@ -6,6 +6,8 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include <stdexcept>
 
 #include "os_sync.h"
@@ -347,6 +349,52 @@ TEST_F(ApiWithPeer, RequestsCarryDataOfEverySizeAndNumberFromOne) {
         EXPECT_EQ(code, REQUEST_OK);
         EXPECT_TRUE(response == request);
     }
+}
+
+// Both apartments with a send queue: writes return once queued, and what
+// two writer threads queue on one link arrives whole and in each writer's
+// order; a request and its answer still make their round trip.
+class ApiWithPeerAndSendQueue : public ApiWithPeer {
+protected:
+    void SetUp() override {
+        setenv("APARTMENT_SEND_QUEUE_BYTES", "4096", 1);  // the peer inherits it
+        ApiWithPeer::SetUp();
+        unsetenv("APARTMENT_SEND_QUEUE_BYTES");
+    }
+};
+
+TEST_F(ApiWithPeerAndSendQueue, FramesOfTwoWritersArriveWholeAndInEachWritersOrder) {
+    constexpr unsigned int kFrames = 150, kStep = 40;
+    CReference<Recorder> other = addNode("me2");
+    std::atomic<int> failures{0};
+    auto write = [&](unsigned int t) {
+        // The size tells the order; the bytes the writer.
+        for (unsigned int size = kStep; size <= kFrames * kStep; size += kStep) {
+            Bytes data = pattern(size, t);
+            unsigned int id = 0;
+            failures += apartment_node_write_notify(nullptr, t == 0 ? "me" : "me2",
+                                                    m_peerUrl.c_str(), "echo", data.data(), size,
+                                                    id) != 0;
+        }
+    };
+    std::thread second(write, 1);
+    write(0);
+    second.join();
+    EXPECT_EQ(failures, 0);
+    unsigned long next[2] = {kStep, kStep};
+    for (unsigned int i = 0; i < 2 * kFrames; ++i) {
+        std::string line;
+        ASSERT_TRUE(m_peer.waitFor("REQ echo", 10000, &line)) << i;
+        char node[8] = "";
+        unsigned long size = 0, hash = 0;
+        ASSERT_EQ(std::sscanf(line.c_str(), "REQ echo %*s %7s %*u %lu %*d %lu", node, &size, &hash), 3);
+        const unsigned int t = std::strcmp(node, "me") == 0 ? 0 : 1;
+        ASSERT_EQ(size, next[t]) << line;
+        next[t] += kStep;
+        const Bytes data = pattern(size, t);
+        EXPECT_EQ(hash, fnv1a(data.data(), size)) << line;
+    }
+    EXPECT_EQ(requestAndRead("me", m_peerUrl, "echo", "after", 5000), "after");
 }
 
 TEST_F(ApiWithPeer, ResponseCodesPassThroughUnchanged) {

@@ -14,6 +14,7 @@
 #include "TcpApartmentSink.h"
 #include "TlsContext.h"
 #include "TlsSession.h"
+#include "os_poller.h"
 #include "support.h"
 
 using namespace aptest;
@@ -775,14 +776,51 @@ TEST_F(TcpSinkTest, TheLocalUrlNamesTheLinksConcreteAddress) {
     EXPECT_EQ(url, "tcp://10.0.0.1:1");
 }
 
-// Writers of one link are coalesced into shared writes: their bytes must
-// never interleave, and each writer must get its own frame's result (here
-// every tenth frame is above the link's maximum and must fail alone).
-TEST_F(TcpSinkTest, ConcurrentSendersNeverInterleaveFramesAndEachGetsItsOwnResult) {
+// A link's writes either synchronous (0) or through a send queue of that
+// many bytes, flushed by a thread of its own as a communication thread
+// would when the socket has room.
+class TcpSinkSendModes : public TcpSinkTest, public ::testing::WithParamInterface<unsigned int> {
+protected:
+    void TearDown() override {
+        m_stop = true;
+        if (m_flusher.joinable()) m_flusher.join();
+        if (m_queued != nullptr) m_queued->setSendQueuePoller(nullptr), m_poller.unwatch(m_queued);
+        TcpSinkTest::TearDown();
+    }
+    void useSendQueue(CTcpClientSink* client, unsigned int bytes) {
+        if (bytes == 0) return;
+        m_queued = client;
+        ASSERT_TRUE(m_poller.watch(client, client->getSocketFd()));
+        client->enableSendQueue(bytes, &m_poller);
+        m_flusher = std::thread([this] {
+            std::vector<CLinkPoller::Link> ready;
+            while (!m_stop) {
+                m_poller.wait(20, ready);
+                for (const CLinkPoller::Link& link : ready) {
+                    if (link.events & OS_POLLER_WRITE) m_queued->flushSendQueue();
+                    link.sink->releaseRef();
+                }
+                ready.clear();
+            }
+        });
+    }
+    CLinkPoller m_poller;
+    CTcpClientSink* m_queued = nullptr;
+    std::thread m_flusher;
+    std::atomic<bool> m_stop{false};
+};
+INSTANTIATE_TEST_SUITE_P(Writes, TcpSinkSendModes, ::testing::Values(0u, 16384u));
+
+// Writers of one link are coalesced into shared writes (or one queue):
+// their bytes must never interleave, and each writer must get its own
+// frame's result (here every tenth frame is above the link's maximum and
+// must fail alone).
+TEST_P(TcpSinkSendModes, ConcurrentSendersNeverInterleaveFramesAndEachGetsItsOwnResult) {
     CTcpClientSink* client = nullptr;
     CTcpServerSink* server = nullptr;
     ASSERT_TRUE(connectPair(client, server));
     client->setMaxFrameSize(4000);
+    useSendQueue(client, GetParam());
     constexpr int kThreads = 8, kFrames = 200;
     const unsigned int sizes[] = {10, 700, 1500, 3999, 0};
     auto sizeOf = [&](int t, int i) { return i % 10 == 9 ? 4001u : sizes[(i + t) % 5]; };
@@ -816,6 +854,74 @@ TEST_F(TcpSinkTest, ConcurrentSendersNeverInterleaveFramesAndEachGetsItsOwnResul
     for (std::thread& sender : senders) sender.join();
     EXPECT_EQ(received, expected);
     EXPECT_EQ(wrongResults, 0);
+}
+
+// A full queue holds its writer back instead of growing: against a peer
+// that never reads, the writer waits for room, then fails by the stall
+// rule and condemns the link; closing it counts the frames left.
+TEST_F(TcpSinkTest, AFullSendQueueHoldsItsWriterAndItsCloseCountsWhatWasLeft) {
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;  // never reads
+    ASSERT_TRUE(connectPair(client, server));
+    constexpr unsigned int kBound = 65536, kFrame = 4000 + 8;
+    client->enableSendQueue(kBound, nullptr);
+    const Bytes payload(4000, 0x33);
+    std::atomic<bool> done{false};
+    std::atomic<int> sent{0};
+    testing::internal::CaptureStdout();
+    const Clock::time_point start = Clock::now();
+    std::thread writer([&] {
+        // The socket buffers take a few MiB first; far fewer than this.
+        for (int i = 0; i < 20000 && client->sendFrame(1, payload.data(), 4000); ++i) ++sent;
+        done = true;
+    });
+    size_t most = 0;
+    while (!done) most = std::max(most, client->sendQueueBytes());
+    writer.join();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "TcpApartmentSink write failed.\n");
+    EXPECT_LT(msSince(start), 5000);
+    EXPECT_LT(sent, 20000);
+    EXPECT_LE(most, kBound);
+    EXPECT_GT(most, kBound - kFrame);  // it did fill up
+    EXPECT_TRUE(client->isExpectSinkClosed());
+    const size_t left = (client->sendQueueBytes() + kFrame - 1) / kFrame;
+    testing::internal::CaptureStdout();
+    client->closeSink();
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out.rfind("[TcpApartment Warning]: link to ", 0), 0u) << out;
+    EXPECT_NE(out.find(" closed with " + std::to_string(left) + " frames still queued; not sent.\n"),
+              std::string::npos) << out;
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+}
+
+// A link held back from reading (back-pressure) is still reported when its
+// send queue waits for room, and only for that.
+TEST_F(TcpSinkTest, APausedLinkIsStillReportedForRoomToWrite) {
+    CTcpClientSink* client = nullptr;
+    CTcpServerSink* server = nullptr;
+    ASSERT_TRUE(connectPair(client, server));
+    const char byte = 1;
+    ASSERT_TRUE(server->sendFrame(1, &byte, 1));  // something to read
+    CLinkPoller poller;
+    ASSERT_TRUE(poller.watch(client, client->getSocketFd()));
+    auto events = [&] {
+        std::vector<CLinkPoller::Link> ready;
+        poller.wait(200, ready);
+        uint32_t seen = 0;
+        for (const CLinkPoller::Link& link : ready) {
+            seen |= link.events;
+            link.sink->releaseRef();
+        }
+        return seen & (OS_POLLER_READ | OS_POLLER_WRITE);
+    };
+    ASSERT_TRUE(poller.pause(1));  // the first key
+    ASSERT_TRUE(poller.wantWrite(client, true));
+    EXPECT_EQ(events(), OS_POLLER_WRITE);
+    ASSERT_TRUE(poller.resume(1));
+    EXPECT_EQ(events(), OS_POLLER_READ | OS_POLLER_WRITE);
+    ASSERT_TRUE(poller.wantWrite(client, false));
+    EXPECT_EQ(events(), OS_POLLER_READ);
+    poller.unwatch(client);
 }
 
 TEST_F(TcpSinkTest, AStalledPeerEndsALargeSendAndCondemnsTheLink) {

@@ -53,10 +53,12 @@ const char* const CApartment::UNREAD_RESPONSE_MS_VARIABLE = "APARTMENT_UNREAD_RE
 const char* const CApartment::MAX_QUEUED_BYTES_PER_LINK_VARIABLE =
     "APARTMENT_MAX_QUEUED_BYTES_PER_LINK";
 const char* const CApartment::MAX_QUEUED_BYTES_VARIABLE = "APARTMENT_MAX_QUEUED_BYTES";
+const char* const CApartment::SEND_QUEUE_BYTES_VARIABLE = "APARTMENT_SEND_QUEUE_BYTES";
 
 CApartment::CApartment()
     : m_uintMaxFrameSize(APARTMENT_DEFAULT_MAX_FRAME_SIZE),
       m_uintMaxLinks(DEFAULT_MAX_LINKS),
+      m_uintSendQueueBytes(0),
       m_uintUnreadResponseMs(CApartmentNode::DEFAULT_UNREAD_RESPONSE_MS),
       m_pQueueBudget(std::make_shared<CQueueBudget>(CQueueBudget::DEFAULT_PER_LINK,
                                                     CQueueBudget::DEFAULT_TOTAL)),
@@ -102,6 +104,12 @@ bool CApartment::initApartment(const char* strApartmentUrl, bool bListen) {
     m_uintMaxFrameSize = countFromEnvironment(MAX_FRAME_BYTES_VARIABLE, "maximum frame size",
                                               APARTMENT_DEFAULT_MAX_FRAME_SIZE);
     m_uintMaxLinks = countFromEnvironment(MAX_LINKS_VARIABLE, "maximum of links", DEFAULT_MAX_LINKS);
+    // 0, the default, is a value of its own here: no queue.
+    const char* sendQueue = std::getenv(SEND_QUEUE_BYTES_VARIABLE);
+    m_uintSendQueueBytes = sendQueue != nullptr && std::strcmp(sendQueue, "0") == 0
+                               ? 0
+                               : countFromEnvironment(SEND_QUEUE_BYTES_VARIABLE,
+                                                      "send queue bound (bytes)", 0);
     m_uintUnreadResponseMs = countFromEnvironment(UNREAD_RESPONSE_MS_VARIABLE,
                                                   "time an unread response is kept (ms)",
                                                   CApartmentNode::DEFAULT_UNREAD_RESPONSE_MS);

@@ -97,6 +97,7 @@ public:
     static const char* const UNREAD_RESPONSE_MS_VARIABLE;
     static const char* const MAX_QUEUED_BYTES_PER_LINK_VARIABLE;
     static const char* const MAX_QUEUED_BYTES_VARIABLE;
+    static const char* const SEND_QUEUE_BYTES_VARIABLE;
     // The most links an apartment holds (filed, and accepted connections
     // whose connection frame is awaited), unless APARTMENT_MAX_LINKS says
     // otherwise: a connection beyond it is closed at once.
@@ -194,6 +195,11 @@ public:
     // DEFAULT_MAX_LINKS, or the value of APARTMENT_MAX_LINKS (1 to
     // 4294967295) when initApartment read one.
     unsigned int maxLinks() const { return m_uintMaxLinks; }
+    // The bound in bytes of each non-real-time link's send queue, as
+    // initApartment read it from APARTMENT_SEND_QUEUE_BYTES; 0 (the
+    // default) when frames are written on the caller's thread before the
+    // write returns.
+    unsigned int sendQueueBytes() const { return m_uintSendQueueBytes; }
     // The TLS settings every link of this apartment uses, read from the
     // environment by initApartment (see CTlsContext::fromEnvironment); null
     // when TLS is off. Set before any link exists, read-only after.
@@ -386,6 +392,7 @@ private:
     // Set by initApartment before any sink exists; read-only afterwards.
     unsigned int m_uintMaxFrameSize;
     unsigned int m_uintMaxLinks;
+    unsigned int m_uintSendQueueBytes;
     std::shared_ptr<CTlsContext> m_tlsContext;
     bool m_bSameHost = true;
     unsigned int m_uintUnreadResponseMs;

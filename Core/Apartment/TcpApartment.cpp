@@ -99,6 +99,9 @@ bool CTcpApartment::watchLink(IApartmentSink* pSink, bool bRtThread) {
     if (!bRtThread && !tcp->backlog()) tcp->setBacklog(std::make_shared<CLinkBacklog>(queueBudget()));
     CLinkPoller& poller = m_Comm[bRtThread ? 1 : 0].poller;
     if (!poller.watch(pSink, tcp->getSocketFd())) return false;
+    // Raw frames on a real-time link are never queued.
+    if (!bRtThread && !pSink->getRTConnection() && sendQueueBytes() != 0)
+        tcp->enableSendQueue(sendQueueBytes(), &poller);
     // The listen thread may have left frames that followed the connection
     // frame inside the TLS session, where the socket's readiness never
     // shows them.
@@ -138,6 +141,9 @@ bool CTcpApartment::holdLink(CommThread& thread, uint64_t key, const CLinkBacklo
 }
 
 void CTcpApartment::unwatchLink(IApartmentSink* pSink) {
+    // The sink may outlive the poller (a writer's reference).
+    CTcpApartmentSink* tcp = dynamic_cast<CTcpApartmentSink*>(pSink);
+    if (tcp != nullptr && tcp->sendQueueBound() != 0) tcp->setSendQueuePoller(nullptr);
     for (CommThread& thread : m_Comm) thread.poller.unwatch(pSink);
 }
 
@@ -194,6 +200,12 @@ bool CTcpApartment::serveLink(CommThread& thread, const CLinkPoller::Link& link,
     IApartmentSink* pSink = link.sink;
     CTcpApartmentSink* tcp = dynamic_cast<CTcpApartmentSink*>(pSink);
     if (tcp == nullptr || pSink->isSinkClosed()) return false;
+    // Room again for what its writers queued; with nothing to read
+    // reported, the socket is not asked.
+    if ((link.events & OS_POLLER_WRITE) != 0) {
+        tcp->flushSendQueue();
+        if (link.events == OS_POLLER_WRITE) return false;
+    }
     // A write condemned it (and shut it down, which is what woke us).
     if (pSink->isExpectSinkClosed()) {
         closeLink(thread, pSink, batch);

@@ -1,5 +1,6 @@
 #include "TcpApartmentSink.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -15,6 +16,7 @@
 #include "GroundKit/OS/OS_Clock.h"
 #include "GroundKit/Reference/Reference.h"
 #include "GroundKit/StringAssistant/StringAssistant.h"
+#include "LinkPoller.h"
 #include "SameHost.h"
 #include "os_log.h"
 
@@ -28,6 +30,21 @@ const size_t SINK_ADDRESS_TEXT_SIZE = 64;
 const unsigned int MAX_RECEIVE_CHUNK = 1u << 30;
 // Buffers per frame in a gathered write: header, head part, tail part.
 const int PARTS_PER_FRAME = 3;
+// Swaps of the send queue a writer that flushes makes at most before it
+// leaves the rest to the communication thread: other writers may keep
+// filling the queue as fast as it empties.
+const unsigned int WRITER_FLUSH_ROUNDS = 4;
+// Frames queued closer together than this count as a stream, which the
+// communication thread writes out (see _queueFrame). Shorter than any
+// round trip, so that a request or an answer is never held back.
+const long long STREAM_GAP_NS = 10000;
+// A frame from this size on is written from its writer's buffers when the
+// socket is free, even within a stream: a system call is cheap beside
+// its bytes, and a copy is not.
+const size_t DIRECT_WRITE_MIN = 4096;
+// A send queue's buffers above this are given back when the queue
+// empties, so that a link that is idle again holds little.
+const size_t SEND_QUEUE_KEPT_CAPACITY = 64 * 1024;
 // Pause between passes of waitRemoteConnectionInfo that made no progress,
 // so that a peer holding half a header does not make the wait spin.
 const long NO_PROGRESS_PAUSE_US = 1000;
@@ -102,7 +119,15 @@ CTcpApartmentSink::CTcpApartmentSink()
       m_SendDoneCondition(nullptr, USE_STD),
       m_pSendHead(nullptr),
       m_pSendTail(nullptr),
-      m_bSending(false) {
+      m_bSending(false),
+      m_uintSendQueueBound(0),
+      m_uintSendFlushOffset(0),
+      m_ullSendProgress(0),
+      m_pSendPoller(nullptr),
+      m_bSendArmed(false),
+      m_bSendQueueClosed(false),
+      m_bWritingAlone(false),
+      m_LastQueuedAt{0, 0} {
     m_SendDoneCondition.bindMutex(&m_SendMutex);
 }
 
@@ -178,6 +203,7 @@ bool CTcpApartmentSink::sendFrameParts(const unsigned int& uintFrameType, const 
     frame.done = false;
     frame.ok = false;
     frame.lead = false;
+    if (m_uintSendQueueBound != 0) return _queueFrame(frame, uintSize);
 
     m_SendMutex.lock();
     // A condemned link may hold part of a frame: nothing more may follow.
@@ -237,6 +263,311 @@ bool CTcpApartmentSink::sendFrameParts(const unsigned int& uintFrameType, const 
     const bool ok = frame.ok;
     m_SendMutex.unlock();
     return ok;
+}
+
+void CTcpApartmentSink::enableSendQueue(unsigned int uintBytes, CLinkPoller* pPoller) {
+    SendLock lock(&m_SendMutex);
+    m_uintSendQueueBound = uintBytes;
+    m_pSendPoller = pPoller;
+}
+
+void CTcpApartmentSink::setSendQueuePoller(CLinkPoller* pPoller) {
+    SendLock lock(&m_SendMutex);
+    m_pSendPoller = pPoller;
+    if (pPoller == nullptr) m_bSendArmed = false;
+}
+
+size_t CTcpApartmentSink::_queuedBytes() const {
+    return m_SendFill.size() + (m_SendFlush.size() - m_uintSendFlushOffset);
+}
+
+size_t CTcpApartmentSink::_queuedFrames() const {
+    size_t frames = m_SendFillEnds.size();
+    for (size_t end : m_SendFlushEnds) frames += end > m_uintSendFlushOffset ? 1 : 0;
+    return frames;
+}
+
+size_t CTcpApartmentSink::sendQueueBytes() {
+    SendLock lock(&m_SendMutex);
+    return _queuedBytes();
+}
+
+size_t CTcpApartmentSink::sendQueueFrames() {
+    SendLock lock(&m_SendMutex);
+    return _queuedFrames();
+}
+
+bool CTcpApartmentSink::_queueFrame(PendingFrame& frame, unsigned int uintSize) {
+    const size_t total = FRAME_HEADER_SIZE + static_cast<size_t>(uintSize);
+    const bool alone = total > m_uintSendQueueBound;  // can never share the queue
+    m_SendMutex.lock();
+    timespec stallAt{0, 0};
+    bool waiting = false;
+    unsigned long long seen = 0;
+    for (;;) {
+        // A condemned link may hold part of a frame: nothing more may follow.
+        if (m_Socket.getSockFd() == -1 || isExpectSinkClosed() || m_bSendQueueClosed) {
+            m_SendMutex.unlock();
+            return false;
+        }
+        const size_t queued = _queuedBytes();
+        if (alone ? queued == 0 && !m_bSending : queued + total <= m_uintSendQueueBound) break;
+        if (!m_bSending && !m_bSendArmed) {
+            // The socket is free: make room by writing, waiting for the
+            // peer as a synchronous write would. (When the communication
+            // thread is to write, it is left to: two threads taking turns
+            // at a socket that is full would only wake each other.)
+            m_bSending = true;
+            const FLUSH_RESULT result = _flushQueue(true);
+            _endFlush(result);
+            if (result == FLUSH_FAILED) {
+                m_SendMutex.unlock();
+                return false;
+            }
+            continue;
+        }
+        // Another thread is writing: wait while it makes progress (a frame
+        // written alone has a stall rule of its own).
+        if (!waiting || m_ullSendProgress != seen || m_bWritingAlone) {
+            waiting = true;
+            seen = m_ullSendProgress;
+            stallAt = OS::Clock::monotonicDeadline(SEND_STALL_TIMEOUT_MS);
+        } else if (OS::Clock::hasPassed(stallAt)) {
+            log_task_line("TcpApartmentSink write failed.");
+            setExpectSinkClosed(true);
+            m_SendMutex.unlock();
+            return false;
+        }
+        m_SendDoneCondition.wait(stallAt);
+    }
+    if (alone) {
+        // Too large for the queue: written from the caller's buffers, as
+        // without a queue; what others queue meanwhile follows it.
+        m_bSending = true;
+        m_bWritingAlone = true;
+        const int fd = m_Socket.getSockFd();
+        m_SendMutex.unlock();
+        frame.next = nullptr;
+        const bool written = _writeFrames(fd, &frame, nullptr);
+        m_SendMutex.lock();
+        m_bWritingAlone = false;
+        _endFlush(written ? _flushQueue(false) : FLUSH_FAILED);
+        m_SendMutex.unlock();
+        return written;
+    }
+    // While another thread writes, or the communication thread is to, the
+    // frame leaves with the next write. Otherwise a frame on its own (a
+    // request, an answer) is written at once by its writer, while frames
+    // that follow each other closely are left to the communication thread,
+    // so that they gather into large writes instead of costing a system
+    // call each on the writer's thread.
+    const timespec now = OS::Clock::monotonicNow();
+    const long long gapNs = (now.tv_sec - m_LastQueuedAt.tv_sec) * 1000000000LL +
+                            (now.tv_nsec - m_LastQueuedAt.tv_nsec);
+    m_LastQueuedAt = now;
+    const bool idle = !m_bSending && !m_bSendArmed;
+    const bool stream = gapNs < STREAM_GAP_NS && m_pSendPoller != nullptr;
+    // A frame that would be written at once anyway, or one large enough to
+    // be worth its own system call, goes from the caller's buffers without
+    // a copy. Not through TLS, whose retried write must see the parts cut
+    // as before.
+    if (idle && !m_pTls && _queuedBytes() == 0 && (!stream || total >= DIRECT_WRITE_MIN))
+        return _writeDirect(frame, total);
+    try {
+        // Grown ahead, by doubling, so that the copies below cannot throw
+        // with the mutex held and part of a frame queued.
+        if (m_SendFillEnds.size() == m_SendFillEnds.capacity())
+            m_SendFillEnds.reserve(std::max<size_t>(16, 2 * m_SendFillEnds.capacity()));
+        if (m_SendFill.capacity() - m_SendFill.size() < total)
+            m_SendFill.reserve(std::max(m_SendFill.size() + total, 2 * m_SendFill.capacity()));
+    } catch (const std::bad_alloc&) {
+        m_SendMutex.unlock();
+        return false;  // nothing queued: the link goes on as it was
+    }
+    for (int i = 0; i < frame.partCount; ++i) {
+        const char* part = static_cast<const char*>(frame.parts[i].iov_base);
+        m_SendFill.insert(m_SendFill.end(), part, part + frame.parts[i].iov_len);
+    }
+    m_SendFillEnds.push_back(m_SendFill.size());
+    if (idle) {
+        if (stream && m_pSendPoller->wantWrite(this, true)) {
+            m_bSendArmed = true;
+        } else {
+            m_bSending = true;
+            _endFlush(_flushQueue(false));
+        }
+    }
+    m_SendMutex.unlock();
+    return true;
+}
+
+bool CTcpApartmentSink::_writeDirect(PendingFrame& frame, size_t total) {
+    m_bSending = true;
+    const int fd = m_Socket.getSockFd();
+    m_SendMutex.unlock();
+    iovec* parts = frame.parts;
+    int count = frame.partCount;
+    size_t sent = 0;
+    long result;
+    for (;;) {
+        do {
+            result = OS::Socket::sendVector(fd, parts, count, 0, USE_DEFAULT);
+        } while (result < 0 && OS::Socket::getErrnoCode() == EINTR);
+        if (result <= 0) break;
+        sent += static_cast<size_t>(result);
+        size_t step = static_cast<size_t>(result);
+        while (count > 0 && step >= parts->iov_len) {
+            step -= parts->iov_len;
+            ++parts;
+            --count;
+        }
+        if (count == 0) break;
+        parts->iov_base = static_cast<char*>(parts->iov_base) + step;
+        parts->iov_len -= step;
+    }
+    const int error = result < 0 ? OS::Socket::getErrnoCode() : 0;
+    m_SendMutex.lock();
+    m_ullSendProgress += sent;
+    if (sent == total) {
+        _endFlush(_flushQueue(false));  // what others queued meanwhile
+        m_SendMutex.unlock();
+        return true;
+    }
+    if (result == 0 || isPermanentSendError(error)) {
+        if (sent != 0) setExpectSinkClosed(true);  // part of the frame is on the wire
+        _endFlush(FLUSH_FAILED);
+        m_SendMutex.unlock();
+        return false;
+    }
+    // The socket is full: the rest of the frame leads the queue, before
+    // whatever others queued meanwhile.
+    bool kept = true;
+    try {
+        m_SendFlush.clear();
+        m_SendFlushEnds.clear();
+        m_uintSendFlushOffset = 0;
+        m_SendFlush.reserve(total - sent);
+        m_SendFlushEnds.push_back(total - sent);
+        for (int i = 0; i < count; ++i) {
+            const char* part = static_cast<const char*>(parts[i].iov_base);
+            m_SendFlush.insert(m_SendFlush.end(), part, part + parts[i].iov_len);
+        }
+    } catch (const std::bad_alloc&) {
+        kept = false;
+        m_SendFlush.clear();
+        m_SendFlushEnds.clear();
+        if (sent != 0) setExpectSinkClosed(true);
+    }
+    _endFlush(kept ? FLUSH_BLOCKED : FLUSH_FAILED);
+    m_SendMutex.unlock();
+    return kept;
+}
+
+CTcpApartmentSink::FLUSH_RESULT CTcpApartmentSink::_flushQueue(bool bWait,
+                                                              const timespec* pGiveUpAt) {
+    const int fd = m_Socket.getSockFd();
+    unsigned int rounds = 0;
+    for (;;) {
+        if (m_uintSendFlushOffset == m_SendFlush.size()) {
+            m_SendFlush.clear();
+            m_SendFlushEnds.clear();
+            m_uintSendFlushOffset = 0;
+            if (m_SendFill.empty()) return FLUSH_EMPTY;
+            if (!bWait && rounds++ == WRITER_FLUSH_ROUNDS) return FLUSH_BLOCKED;
+            m_SendFill.swap(m_SendFlush);
+            m_SendFillEnds.swap(m_SendFlushEnds);
+        }
+        iovec part;
+        part.iov_base = m_SendFlush.data() + m_uintSendFlushOffset;
+        part.iov_len = m_SendFlush.size() - m_uintSendFlushOffset;
+        m_SendMutex.unlock();
+        long result;
+        do {
+            result = m_pTls ? m_pTls->writev(&part, 1)
+                            : OS::Socket::sendVector(fd, &part, 1, 0, USE_DEFAULT);
+        } while (result < 0 && OS::Socket::getErrnoCode() == EINTR);
+        const int error = result < 0 ? OS::Socket::getErrnoCode() : 0;
+        bool writable = false;
+        if (result < 0 && bWait && !isPermanentSendError(error)) {
+            long long waitMs = SEND_STALL_TIMEOUT_MS;
+            if (pGiveUpAt != nullptr) waitMs = std::min(waitMs, std::max(0LL, millisecondsUntil(*pGiveUpAt)));
+            writable = OS::Socket::writable(fd, static_cast<unsigned long>(waitMs), nullptr, USE_DEFAULT);
+        }
+        m_SendMutex.lock();
+        if (result > 0) {
+            m_uintSendFlushOffset += static_cast<size_t>(result);
+            m_ullSendProgress += static_cast<unsigned long long>(result);
+            m_SendDoneCondition.notifyAll();  // room for writers that wait
+            // A closing link waits for no writer that a slow peer keeps busy.
+            if (pGiveUpAt == nullptr ? m_bSendQueueClosed : OS::Clock::hasPassed(*pGiveUpAt))
+                return FLUSH_BLOCKED;
+            continue;
+        }
+        if (result < 0 && !isPermanentSendError(error)) {
+            if (!bWait || (pGiveUpAt != nullptr && OS::Clock::hasPassed(*pGiveUpAt)))
+                return FLUSH_BLOCKED;
+            if (writable) continue;
+            if (pGiveUpAt == nullptr) log_task_line("TcpApartmentSink write failed.");
+        }
+        // Part of a frame may be on the wire: the stream is out of step.
+        setExpectSinkClosed(true);
+        return FLUSH_FAILED;
+    }
+}
+
+void CTcpApartmentSink::_endFlush(FLUSH_RESULT result) {
+    m_bSending = false;
+    const bool arm = result == FLUSH_BLOCKED && m_pSendPoller != nullptr;
+    // Under the send mutex, so that an arm and a disarm of two flushes
+    // reach the poller in the order they were decided.
+    if (arm != m_bSendArmed && m_pSendPoller != nullptr) m_pSendPoller->wantWrite(this, arm);
+    m_bSendArmed = arm;
+    if (result == FLUSH_EMPTY) {
+        if (m_SendFlush.capacity() > SEND_QUEUE_KEPT_CAPACITY) std::vector<char>().swap(m_SendFlush);
+        if (m_SendFill.capacity() > SEND_QUEUE_KEPT_CAPACITY) std::vector<char>().swap(m_SendFill);
+    }
+    m_SendDoneCondition.notifyAll();
+}
+
+void CTcpApartmentSink::flushSendQueue() {
+    SendLock lock(&m_SendMutex);
+    if (m_uintSendQueueBound == 0 || m_bSending || m_bSendQueueClosed ||
+        m_Socket.getSockFd() == -1 || isExpectSinkClosed())
+        return;
+    m_bSending = true;
+    _endFlush(_flushQueue(false));
+}
+
+void CTcpApartmentSink::_closeSendQueue() {
+    SendLock lock(&m_SendMutex);
+    m_bSendQueueClosed = true;
+    // What the peer takes within the stall bound goes; the rest is
+    // counted. A writer still under way by then (a frame too large for the
+    // queue, going to a slow peer) is ended by the shutdown that follows.
+    const timespec giveUpAt = OS::Clock::monotonicDeadline(SEND_STALL_TIMEOUT_MS);
+    while (m_bSending && !OS::Clock::hasPassed(giveUpAt)) m_SendDoneCondition.wait(giveUpAt);
+    if (!m_bSending && _queuedBytes() != 0 && m_Socket.getSockFd() != -1 && !isExpectSinkClosed()) {
+        m_bSending = true;
+        _flushQueue(true, &giveUpAt);
+        m_bSending = false;
+        m_SendDoneCondition.notifyAll();
+    }
+    const size_t frames = _queuedFrames();
+    if (frames != 0) {
+        const std::string& peer =
+            m_strRemoteApartmentUrl.empty() ? m_strRemoteAddress : m_strRemoteApartmentUrl;
+        log_task_line("[TcpApartment Warning]: link to %s closed with %zu frame%s still queued; "
+                      "not sent.",
+                      peer.c_str(), frames, frames == 1 ? "" : "s");
+    }
+    if (m_bSendArmed && m_pSendPoller != nullptr) m_pSendPoller->wantWrite(this, false);
+    m_bSendArmed = false;
+    if (m_bSending) return;  // its writer still reads the queue: freed with the sink
+    std::vector<char>().swap(m_SendFill);
+    std::vector<char>().swap(m_SendFlush);
+    std::vector<size_t>().swap(m_SendFillEnds);
+    std::vector<size_t>().swap(m_SendFlushEnds);
+    m_uintSendFlushOffset = 0;
 }
 
 void CTcpApartmentSink::finishFrames(PendingFrame* pFirst, PendingFrame* pEnd) {
@@ -521,6 +852,8 @@ void CTcpApartmentSink::onSinkClose() {
     // that no writer uses it after it has been released (and perhaps
     // reused). Writers that come later find no descriptor and fail. A TLS
     // peer is told first that the end is deliberate, if the socket takes it.
+    // Frames still queued go first, as far as the peer takes them.
+    if (m_uintSendQueueBound != 0) _closeSendQueue();
     if (m_pTls && m_Socket.getSockFd() != -1) m_pTls->shutdown();
     OS::Socket::shutdown(m_Socket.getSockFd(), SHUT_RDWR, USE_DEFAULT);
     SendLock lock(&m_SendMutex);

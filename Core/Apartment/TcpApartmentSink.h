@@ -15,6 +15,16 @@
 // caller still returns only once its own frame has been handed to the
 // kernel, or the link has failed.
 //
+// With a send queue (enableSendQueue), a frame is instead copied into the
+// link's queue, bounded in bytes, and the writer returns at once: the
+// first writer that finds the socket free writes out everything queued in
+// large writes, and when the socket is full the communication thread
+// takes over once it has room again. A writer that finds the queue full
+// waits for room under the stall rule of a synchronous write; a frame
+// larger than the whole queue waits for the queue to empty and is written
+// as without one. A link that closes with frames still queued says how
+// many in one line.
+//
 // Receiving: the single thread that owns the sink (a communication thread;
 // for a fresh server sink, the listen thread that reads its connection
 // frame before the link is filed). One read takes whatever is waiting into
@@ -54,6 +64,8 @@
 #include "GroundKit/OS/OS_Mutex.h"
 #include "GroundKit/Reference/Reference.h"
 #include "TlsSession.h"
+
+class CLinkPoller;
 
 class ITcpApartmentSinkStub : public TExtensionStub<CApartmentSink, ITcpApartmentSink> {
 public:
@@ -181,6 +193,23 @@ public:
     void setBacklog(std::shared_ptr<CLinkBacklog> backlog) { m_pBacklog = std::move(backlog); }
     const std::shared_ptr<CLinkBacklog>& backlog() const { return m_pBacklog; }
 
+    // Turns the send queue on, uintBytes at most (0 leaves writes
+    // synchronous), and names the readiness set whose thread flushes it
+    // when the socket is full (null: no thread does; the next writer
+    // tries). Called by the apartment when it files a link that is not
+    // real-time, before any other thread writes on it; the poller may be
+    // changed (or cleared, before it goes) at any time after.
+    void enableSendQueue(unsigned int uintBytes, CLinkPoller* pPoller);
+    void setSendQueuePoller(CLinkPoller* pPoller);
+    unsigned int sendQueueBound() const { return m_uintSendQueueBound; }
+    // The communication thread, when the socket has room: writes what is
+    // queued, as far as the socket takes it without waiting. Never blocks
+    // on the socket; returns at once while another thread is writing.
+    void flushSendQueue();
+    // Bytes and frames queued and not yet wholly written. Any thread.
+    size_t sendQueueBytes();
+    size_t sendQueueFrames();
+
     // Sets the socket buffers to LINK_SOCKET_BUFFER_SIZE and, on TCP,
     // turns off Nagle's delay. False only when there is no socket.
     bool initSinkSocketOpt();
@@ -235,13 +264,35 @@ protected:
     // (see PendingFrame); m_SendDoneCondition wakes a closer once no write
     // is under way. No socket call is made under it. Closing the socket
     // waits for that, so that no writer uses a descriptor that is being
-    // closed (or reused). Nothing else is locked while it is held.
+    // closed (or reused). Nothing else is locked while it is held, but
+    // for the poller's leaf mutex (the send queue's arming).
     struct PendingFrame;
     OS::TBaseMutex m_SendMutex;
     OS::TCondition m_SendDoneCondition;
     PendingFrame* m_pSendHead;
     PendingFrame* m_pSendTail;
     bool m_bSending;
+
+    // The send queue, under m_SendMutex (whose only nested lock is then
+    // the poller's leaf mutex, see _endFlush). Writers append to m_SendFill;
+    // the thread holding m_bSending swaps it with m_SendFlush once that is
+    // written out, and writes m_SendFlush from m_uintSendFlushOffset
+    // without the lock (no one else touches it meanwhile). The *Ends
+    // vectors hold where each frame ends, to count the frames not sent.
+    unsigned int m_uintSendQueueBound;  // 0: no queue; set before sharing
+    std::vector<char> m_SendFill;
+    std::vector<size_t> m_SendFillEnds;
+    std::vector<char> m_SendFlush;
+    std::vector<size_t> m_SendFlushEnds;
+    size_t m_uintSendFlushOffset;
+    // Bytes of the queue written so far: a writer waiting for room
+    // watches it to tell a slow peer from a stalled one.
+    unsigned long long m_ullSendProgress;
+    CLinkPoller* m_pSendPoller;
+    bool m_bSendArmed;        // the poller's thread is to flush when writable
+    bool m_bSendQueueClosed;  // the link is closing: nothing more is queued
+    bool m_bWritingAlone;     // m_bSending holds a frame too large for the queue
+    timespec m_LastQueuedAt;  // when the last frame was queued (monotonic)
 
 private:
     unsigned int effectiveMaxFrameSize() const;
@@ -260,6 +311,33 @@ private:
     // gathered writes as it takes; marks each frame's result. False when the
     // link failed (frames not wholly written are failed).
     bool _writeFrames(int fd, PendingFrame* pFirst, PendingFrame* pEnd);
+
+    enum FLUSH_RESULT {
+        FLUSH_EMPTY,    // everything queued is written
+        FLUSH_BLOCKED,  // the socket is full (or this writer did its share)
+        FLUSH_FAILED    // the link failed or stalled: it is condemned
+    };
+    // Send-queue mode of sendFrameParts.
+    bool _queueFrame(PendingFrame& frame, unsigned int uintSize);
+    // m_SendMutex held, the queue empty and the socket free; releases the
+    // mutex. Writes the frame as far as the socket takes it now and queues
+    // the rest for the communication thread.
+    bool _writeDirect(PendingFrame& frame, size_t total);
+    // m_SendMutex held (released while writing) and m_bSending taken by
+    // the caller. With bWait, waits for the socket under the stall rule;
+    // without, stops at a full socket and after a few swaps of the queue,
+    // so that a writer that flushes is not kept writing for the others.
+    // With pGiveUpAt (a closing link), it stops there, printing nothing;
+    // without, it stops (FLUSH_BLOCKED) once the link is closing.
+    FLUSH_RESULT _flushQueue(bool bWait, const timespec* pGiveUpAt = nullptr);
+    // m_SendMutex held: gives m_bSending back and arms the poller's
+    // thread (or disarms it) according to how the flush ended.
+    void _endFlush(FLUSH_RESULT result);
+    size_t _queuedBytes() const;
+    size_t _queuedFrames() const;
+    // On close: writes what the socket takes within the stall rule, says
+    // how many frames were left and drops them.
+    void _closeSendQueue();
 };
 
 class IApartmentListenSinkStub : public TExtensionStub<CTcpApartmentSink, IApartmentListenSink> {

@@ -29,7 +29,7 @@ bool CLinkPoller::watch(IApartmentSink* pSink, int fd) {
     Lock lock(&m_Mutex);
     if (m_Keys.count(pSink) != 0) return false;
     const uint64_t key = m_uintNextKey++;
-    m_Entries.emplace(key, Entry{pSink, fd});
+    m_Entries.emplace(key, Entry{pSink, fd, false, false});
     m_Keys.emplace(pSink, key);
     if (os_poller_add(m_intPoller, fd, OS_POLLER_READ, key) != 0) {
         m_Entries.erase(key);
@@ -49,17 +49,36 @@ void CLinkPoller::unwatch(IApartmentSink* pSink) {
     m_Keys.erase(it);
 }
 
+bool CLinkPoller::apply(uint64_t key, const Entry& entry) {
+    const unsigned int interest =
+        (entry.paused ? 0u : OS_POLLER_READ) | (entry.write ? OS_POLLER_WRITE : 0u);
+    return os_poller_modify(m_intPoller, entry.fd, interest, key) == 0;
+}
+
 bool CLinkPoller::pause(uint64_t key) {
     Lock lock(&m_Mutex);
     auto it = m_Entries.find(key);
-    return it != m_Entries.end() && os_poller_modify(m_intPoller, it->second.fd, 0, key) == 0;
+    if (it == m_Entries.end()) return false;
+    it->second.paused = true;
+    return apply(key, it->second);
 }
 
 bool CLinkPoller::resume(uint64_t key) {
     Lock lock(&m_Mutex);
     auto it = m_Entries.find(key);
-    return it != m_Entries.end() &&
-           os_poller_modify(m_intPoller, it->second.fd, OS_POLLER_READ, key) == 0;
+    if (it == m_Entries.end()) return false;
+    it->second.paused = false;
+    return apply(key, it->second);
+}
+
+bool CLinkPoller::wantWrite(IApartmentSink* pSink, bool bWrite) {
+    Lock lock(&m_Mutex);
+    auto it = m_Keys.find(pSink);
+    if (it == m_Keys.end()) return false;
+    Entry& entry = m_Entries[it->second];
+    if (entry.write == bWrite) return true;
+    entry.write = bWrite;
+    return apply(it->second, entry);
 }
 
 bool CLinkPoller::setInterest(IApartmentSink* pSink, bool bRead, bool bWrite) {

@@ -13,9 +13,9 @@
 // descriptor whose number is reused would otherwise be forgotten in the
 // new link's place).
 //
-// Threads: watch, unwatch, pause, resume and wake from any thread; wait and
-// lookup from the owning thread (and lookup from any thread that holds the
-// sink). One mutex, a leaf, guards the registry; nothing is released or
+// Threads: watch, unwatch, pause, resume, wantWrite and wake from any
+// thread (wantWrite also under a sink's send mutex); wait and lookup from
+// the owning thread (and lookup from any thread that holds the sink). One mutex, a leaf, guards the registry; nothing is released or
 // called out under it.
 #ifndef APARTMENT_TRANSPORT_LINKPOLLER_H
 #define APARTMENT_TRANSPORT_LINKPOLLER_H
@@ -59,6 +59,10 @@ public:
     // What a watched link is reported for: bytes to read, room to write
     // (a TLS handshake may wait for either). False when it is not watched.
     bool setInterest(IApartmentSink* pSink, bool bRead, bool bWrite);
+    // Whether a watched link is also reported when its socket has room to
+    // write (a send queue waiting for the socket), beside what pause and
+    // resume say about reading. False when it is not watched.
+    bool wantWrite(IApartmentSink* pSink, bool bWrite);
     // Reports a watched link on the next wait (and ends a wait under way)
     // although its socket shows nothing: bytes were read ahead of the
     // socket's readiness by whoever held it before (a TLS session).
@@ -79,7 +83,11 @@ private:
     struct Entry {
         IApartmentSink* sink;
         int fd;
+        bool paused;
+        bool write;
     };
+    // The interest of an entry, from its paused and write flags.
+    bool apply(uint64_t key, const Entry& entry);
     mutable OS::TBaseMutex m_Mutex;
     std::unordered_map<uint64_t, Entry> m_Entries;
     std::unordered_map<const IApartmentSink*, uint64_t> m_Keys;
