@@ -230,6 +230,12 @@ bool CTcpApartment::Leadership::takeForCommThread(DWORD dwTimeout) {
     TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
     const timespec deadline = OS::Clock::monotonicDeadline(dwTimeout);
     for (;;) {
+        if (m_bHandBack) {
+            // Before a pump that may be waiting for the links again: it
+            // waits for this pass.
+            m_bHandBack = false;
+            break;
+        }
         if (m_bPumpLeads) {
             // Until the pump leaves its wait (which wakes us), or the pass
             // is over: no wake-up of an idle host is added to today's one
@@ -237,9 +243,6 @@ bool CTcpApartment::Leadership::takeForCommThread(DWORD dwTimeout) {
             m_bCommParked = true;
             m_Condition.wait(deadline);
             m_bCommParked = false;
-        } else if (m_bHandBack) {
-            m_bHandBack = false;
-            break;
         } else {
             // A pump that has just left its wait is most likely back at
             // once (a round trip's next request); taking the links over for
@@ -265,17 +268,30 @@ void CTcpApartment::Leadership::releaseByCommThread() {
 bool CTcpApartment::Leadership::waitElsewhere(timespec deadline) {
     {
         TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
-        if (m_bPumpLeads) return false;  // another thread pumps and leads
+        // Another thread pumps and leads, or no readiness set to wait on.
+        if (m_bPumpLeads || !m_Owner.m_Comm[0].poller.valid()) return false;
         m_bPumpLeads = true;
         m_ulPumpThread.store(OS::Thread::current(), std::memory_order_relaxed);
-        while (m_bCommServing) {
-            m_Owner.m_Comm[0].poller.wake();  // ends its wait: the pass then ends
-            const int rc = OS::Clock::isNoLimit(deadline) ? m_Condition.wait()
-                                                          : m_Condition.wait(deadline);
-            if (rc != WAIT_CONDITION_OK && m_bCommServing) {
-                leave(false);
-                return true;  // the deadline has passed: the pop gives up
+        // A link handed back is served by the communication thread first.
+        while (m_bCommServing || m_bHandBack) {
+            timespec until = deadline;
+            if (m_bCommServing) {
+                m_Owner.m_Comm[0].poller.wake();  // ends its wait: the pass then ends
+            } else {
+                m_Condition.notifyAll();
+                // Bounded: with no communication thread to take it (none
+                // could be started), the pump leads all the same.
+                const timespec pass = OS::Clock::monotonicDeadline(THREAD_PASS_MS);
+                if (OS::Clock::isNoLimit(until) || OS::Clock::isEarlier(pass, until)) until = pass;
             }
+            const int rc = OS::Clock::isNoLimit(until) ? m_Condition.wait()
+                                                       : m_Condition.wait(until);
+            if (rc == WAIT_CONDITION_OK || !(m_bCommServing || m_bHandBack)) continue;
+            if (!OS::Clock::isNoLimit(deadline) && OS::Clock::hasPassed(deadline)) {
+                leave(false);
+                return true;  // the pop gives up
+            }
+            if (!m_bCommServing) m_bHandBack = false;
         }
     }
     int timeoutMs = -1;
