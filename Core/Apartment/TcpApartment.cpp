@@ -288,7 +288,7 @@ bool CTcpApartment::Leadership::waitElsewhere(timespec deadline) {
                                                        : m_Condition.wait(until);
             if (rc == WAIT_CONDITION_OK || !(m_bCommServing || m_bHandBack)) continue;
             if (!OS::Clock::isNoLimit(deadline) && OS::Clock::hasPassed(deadline)) {
-                leave(false);
+                leave(false, true);
                 return true;  // the pop gives up
             }
             if (!m_bCommServing) m_bHandBack = false;
@@ -308,22 +308,26 @@ bool CTcpApartment::Leadership::waitElsewhere(timespec deadline) {
         handBack = m_Owner.runPass(m_Owner.m_Comm[0], timeoutMs, true);
     } catch (...) {
         TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
-        leave(true);
+        leave(true, false);
         throw;
     }
+    // A wait that simply ran out brings no callback: the parked thread is
+    // left to its own pass's end, so that an idle host that pumps with a
+    // time-out costs no wake-up more than before.
+    const bool ranOut = !OS::Clock::isNoLimit(deadline) && OS::Clock::hasPassed(deadline);
     TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
-    leave(handBack);
+    leave(handBack, ranOut);
     return true;
 }
 
-void CTcpApartment::Leadership::leave(bool bHandBack) {
+void CTcpApartment::Leadership::leave(bool bHandBack, bool bRanOut) {
     m_bPumpLeads = false;
     m_ulPumpThread.store(0, std::memory_order_relaxed);
     m_PumpLeftAt = OS::Clock::monotonicNow();
     if (bHandBack) m_bHandBack = true;
     // Only a parked communication thread needs the call: one in its grace
     // wait looks again when that ends.
-    if (m_bCommParked || bHandBack) m_Condition.notifyAll();
+    if ((m_bCommParked && !bRanOut) || bHandBack) m_Condition.notifyAll();
 }
 
 void CTcpApartment::Leadership::wake() {

@@ -131,8 +131,9 @@ private:
 
     private:
         // Under m_Mutex: hands the links back, waking the communication
-        // thread when it is parked (or must take a link at once).
-        void leave(bool bHandBack);
+        // thread when it is parked and a callback may follow (not after a
+        // wait that ran out), or when it must take a link at once.
+        void leave(bool bHandBack, bool bRanOut);
 
         CTcpApartment& m_Owner;
         // A leaf but for the poller's wake-up: guards the fields below but
