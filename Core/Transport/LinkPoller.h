@@ -14,8 +14,9 @@
 // new link's place).
 //
 // Threads: watch, unwatch, pause, resume and wake from any thread; wait and
-// lookup from the owning thread (and lookup from any thread that holds the
-// sink). One mutex, a leaf, guards the registry; nothing is released or
+// lookup from the thread that serves the links, one at a time (a
+// communication thread, or a pumping thread while it leads in its place),
+// and lookup from any thread that holds the sink. One mutex, a leaf, guards the registry; nothing is released or
 // called out under it.
 #ifndef APARTMENT_TRANSPORT_LINKPOLLER_H
 #define APARTMENT_TRANSPORT_LINKPOLLER_H
