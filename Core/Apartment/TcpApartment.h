@@ -41,9 +41,10 @@ public:
     static const DWORD CONNECTION_INFO_TIMEOUT_MS = 100;
 
     // How long the communication thread leaves the ordinary links to a
-    // pumping thread that has just left its wait for the queue, before it
-    // serves them itself: the longest a link goes unread while the pump is
-    // busy in a callback.
+    // pumping thread that has just left its wait for the queue with
+    // something to dispatch, before it serves them itself: the longest a
+    // link goes unread while the pump is busy in a callback. (After a wait
+    // that ran out it takes them back at the end of its own pass.)
     static const long HAND_BACK_GRACE_US = 1000;
 
     CTcpApartment();
