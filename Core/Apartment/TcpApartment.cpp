@@ -273,7 +273,9 @@ bool CTcpApartment::Leadership::waitElsewhere(timespec deadline) {
         m_bPumpLeads = true;
         m_ulPumpThread.store(OS::Thread::current(), std::memory_order_relaxed);
         // A link handed back is served by the communication thread first.
+        bool waitedForPass = false;
         while (m_bCommServing || m_bHandBack) {
+            waitedForPass = true;
             timespec until = deadline;
             if (m_bCommServing) {
                 m_Owner.m_Comm[0].poller.wake();  // ends its wait: the pass then ends
@@ -292,6 +294,12 @@ bool CTcpApartment::Leadership::waitElsewhere(timespec deadline) {
                 return true;  // the pop gives up
             }
             if (!m_bCommServing) m_bHandBack = false;
+        }
+        // That pass's wait may have taken the wake-up of a message posted
+        // since the queue was found empty: the pop looks again first.
+        if (waitedForPass) {
+            leave(false, false);
+            return true;
         }
     }
     int timeoutMs = -1;
