@@ -931,6 +931,43 @@ TEST_F(Connection, RealTimeLoopbackAndRealTimePeerAtOnce) {
     EXPECT_EQ(corrupt.load(), 0u);
 }
 
+// A thread that waits for its response reads it off the link itself: the
+// frame it waits for costs no wake-up of another thread. The request is
+// answered late enough that the asker is already waiting on the link.
+TEST_F(Connection, AResponseAwaitedOnTheLinkIsReadByTheWaitingThread) {
+    CReference<Recorder> server = addNode(b, "node");
+    std::thread::id answeredOn;
+    server->onRequest([&](const Recorder::Request& r) {
+        answeredOn = std::this_thread::get_id();
+        sleepMs(50);
+        char ok[] = "ok";
+        b->writeResponseFrame("node", r.srcApartment.c_str(), r.srcNode.c_str(), r.id, 0, ok, 2,
+                              false);
+    });
+    CReference<Recorder> asker = addNode(a, "src");
+    CReference<IApartmentNode> node(a->findApartmentNode("src"));
+    ASSERT_TRUE(a->connectApartment(urlB.c_str(), false));
+    ASSERT_TRUE(bSeesA(false));
+    std::thread::id pumping;
+    std::thread responder([&] {
+        pumping = std::this_thread::get_id();
+        pumpUntil(b, [&] { return server->requestCount() == 1; }, 5000);
+    });
+    CTcpApartment* tcp = dynamic_cast<CTcpApartment*>(a.operator->());
+    ASSERT_NE(tcp, nullptr);
+    const unsigned long long before = tcp->messagesReadByPump();
+    char data[] = "hello";
+    unsigned int id = 0;
+    ASSERT_TRUE(a->writeRequestFrame("src", urlB.c_str(), "node", data, 5, false, id, true));
+    int code = -1;
+    unsigned int size = 0;
+    EXPECT_TRUE(node->getResponse(id, code, nullptr, size, 5000));
+    responder.join();
+    EXPECT_EQ(size, 2u);
+    EXPECT_EQ(answeredOn, pumping);
+    EXPECT_GT(tcp->messagesReadByPump(), before);
+}
+
 // A node may drop itself (or another node) when it hears that a peer went
 // away: the notice round must survive the node map changing under it.
 TEST_F(Connection, NodesMayBeDestroyedFromAnOfflineNotice) {

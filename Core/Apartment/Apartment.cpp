@@ -430,7 +430,7 @@ bool CApartment::getMessage(APARTMENT_TMSG& msg, timespec deadline) {
         m_pQueueBudget->m_liftHolds = true;
         interruptWait(false);
     }
-    return m_ApartmentMsgQueue.pop(msg, deadline);
+    return m_ApartmentMsgQueue.pop(msg, deadline, queueWaiter());
 }
 
 int CApartment::dispatchMessage(const APARTMENT_TMSG& msg) {

@@ -234,6 +234,10 @@ protected:
     // Ends the wait of that communication thread now in progress (or its
     // next one). Any thread; called holding no apartment lock.
     virtual void interruptWait(bool bRtConnection) = 0;
+    // Who may wait for the main queue on the links themselves, so that a
+    // frame read by the pumping thread is dispatched without waking another
+    // thread; null (the default) when the pump waits on the queue alone.
+    virtual CMessageQueue::Waiter* queueWaiter() { return nullptr; }
     // One pass of the listen thread: waits up to dwTimeout ms and appends
     // to `ready` the accepted server sinks whose connection frame has
     // arrived, each with a reference for the caller.

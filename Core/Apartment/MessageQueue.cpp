@@ -6,6 +6,7 @@ CMessageQueue::CMessageQueue()
     : m_bInterruptPop(false),
       m_bLockQueue(false),
       m_uintWaiters(0),
+      m_pWaiting(nullptr),
       m_QueueMutex(MUTEX_NONE, USE_STD, nullptr),
       m_QueueNotEmptyCondition(nullptr, USE_STD) {
     m_QueueNotEmptyCondition.bindMutex(&m_QueueMutex);
@@ -24,9 +25,7 @@ bool CMessageQueue::push(const APARTMENT_TMSG& msg) {
     TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
     if (m_bLockQueue) return false;
     m_ElementQueue.push_back(msg);
-    // Every waiter re-tests the list; waking one could pick a pop that is
-    // about to give up (interrupted, timed out) and strand the message.
-    if (m_uintWaiters != 0) m_QueueNotEmptyCondition.notifyAll();
+    wakeWaiters();
     return true;
 }
 
@@ -40,7 +39,7 @@ bool CMessageQueue::pushBatch(const APARTMENT_TMSG* pMessages, size_t count) {
         m_ElementQueue.resize(before);  // all or nothing: the caller still owns them all
         throw;
     }
-    if (count != 0 && m_uintWaiters != 0) m_QueueNotEmptyCondition.notifyAll();
+    if (count != 0) wakeWaiters();
     return true;
 }
 
@@ -58,7 +57,18 @@ bool CMessageQueue::pop(APARTMENT_TMSG& msg, int intTimeout) {
     return pop(msg, OS::Clock::deadlineAfter(intTimeout));
 }
 
+void CMessageQueue::wakeWaiters() {
+    // Every waiter re-tests the list; waking one could pick a pop that is
+    // about to give up (interrupted, timed out) and strand the message.
+    if (m_uintWaiters != 0) m_QueueNotEmptyCondition.notifyAll();
+    if (m_pWaiting != nullptr) m_pWaiting->wake();
+}
+
 bool CMessageQueue::pop(APARTMENT_TMSG& msg, timespec deadline) {
+    return pop(msg, deadline, nullptr);
+}
+
+bool CMessageQueue::pop(APARTMENT_TMSG& msg, timespec deadline, Waiter* pWaiter) {
     TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
     // An interrupt meant for pops that were already waiting must not end
     // this one.
@@ -71,6 +81,22 @@ bool CMessageQueue::pop(APARTMENT_TMSG& msg, timespec deadline) {
         // dispatcher asks the deferred queue with a zero wait before every
         // message.
         if (!bUnlimited && OS::Clock::hasPassed(deadline)) return false;
+        if (pWaiter != nullptr && m_pWaiting == nullptr) {
+            m_pWaiting = pWaiter;
+            m_QueueMutex.unlock();
+            bool waited = false;
+            try {
+                waited = pWaiter->waitElsewhere(deadline);
+            } catch (...) {
+                m_QueueMutex.lock();
+                m_pWaiting = nullptr;
+                throw;
+            }
+            m_QueueMutex.lock();
+            m_pWaiting = nullptr;
+            if (!waited) pWaiter = nullptr;
+            continue;
+        }
         ++m_uintWaiters;
         const int result = bUnlimited ? m_QueueNotEmptyCondition.wait()
                                       : m_QueueNotEmptyCondition.wait(deadline);
@@ -87,6 +113,7 @@ void CMessageQueue::interruptPop() {
     TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
     m_bInterruptPop = true;
     m_QueueNotEmptyCondition.notifyAll();
+    if (m_pWaiting != nullptr) m_pWaiting->wake();
 }
 
 unsigned int CMessageQueue::getQueueSize() {
@@ -98,6 +125,7 @@ void CMessageQueue::lockQueue() {
     TAutoMutex<OS::TBaseMutex> lock(&m_QueueMutex);
     // Both under the mutex: a woken waiter cannot run before the flag is set.
     m_QueueNotEmptyCondition.notifyAll();
+    if (m_pWaiting != nullptr) m_pWaiting->wake();
     m_bLockQueue = true;
 }
 

@@ -19,6 +19,23 @@
 
 class CMessageQueue : public IMessageQueueStub {
 public:
+    // Someone who can wait for this queue's messages somewhere else (on the
+    // links that bring them) instead of on its condition.
+    class Waiter {
+    public:
+        virtual ~Waiter() {}
+        // Called by the popping thread, without the queue's lock, while the
+        // queue is empty: waits until wake(), the deadline, or something
+        // of its own happens (it may push meanwhile). False at once when
+        // it cannot wait now (someone else does): the pop then waits on the
+        // condition.
+        virtual bool waitElsewhere(timespec deadline) = 0;
+        // Ends that wait. Called by any pushing, interrupting or locking
+        // thread under the queue's lock: it must take no lock of the queue's
+        // callers.
+        virtual void wake() = 0;
+    };
+
     CMessageQueue();
     virtual ~CMessageQueue();
 
@@ -33,6 +50,9 @@ public:
     bool pop(APARTMENT_TMSG& msg) override;
     bool pop(APARTMENT_TMSG& msg, int intTimeout) override;
     bool pop(APARTMENT_TMSG& msg, timespec deadline) override;
+    // The same pop, waiting through `pWaiter` (when not null and no other
+    // pop waits through one) instead of on the condition.
+    bool pop(APARTMENT_TMSG& msg, timespec deadline, Waiter* pWaiter);
     void interruptPop() override;
     unsigned int getQueueSize() override;
     void lockQueue() override;
@@ -46,6 +66,9 @@ private:
     // Pops waiting on the condition: a push wakes them only when there are
     // any, so a busy pumping thread is not signalled per message.
     unsigned int m_uintWaiters;
+    Waiter* m_pWaiting;  // the waiter of the pop waiting through one, or null
+    // Wakes the pops waiting on the condition and the one waiting elsewhere.
+    void wakeWaiters();
     OS::TBaseMutex m_QueueMutex;
     OS::TCondition m_QueueNotEmptyCondition;  // signalled (all waiters) on push, interrupt and lock
 };

@@ -10,6 +10,7 @@
 #include "ApartmentGuard.h"
 #include "os_poller.h"
 #include "GroundKit/OS/OS_Clock.h"
+#include "GroundKit/OS/OS_Thread.h"
 #include "GroundKit/OS/Socket/OS_Socket.h"
 #include "TcpApartmentSink.h"
 #include "os_log.h"
@@ -36,6 +37,8 @@ CTcpApartment::CTcpApartment()
     : m_pRtRawBuffer(new (std::nothrow) char[RT_RAW_BUFFER_SIZE]()),
       m_uintRtRawBufferSize(m_pRtRawBuffer != nullptr ? RT_RAW_BUFFER_SIZE : 0),
       m_pLoopbackRawBuffer(nullptr),
+      m_Lead(*this),
+      m_uintPumpMessages(0),
       m_bListenWatched(false),
       m_EarliestDeadline(OS::Clock::noLimit()) {}
 
@@ -152,7 +155,21 @@ void CTcpApartment::interruptWait(bool bRtConnection) {
 }
 
 void CTcpApartment::serveLinks(DWORD dwTimeout, bool bRtConnection) {
-    CommThread& thread = m_Comm[bRtConnection ? 1 : 0];
+    if (bRtConnection) {
+        runPass(m_Comm[1], static_cast<int>(dwTimeout), false);
+        return;
+    }
+    if (!m_Lead.takeForCommThread(dwTimeout)) return;
+    try {
+        runPass(m_Comm[0], static_cast<int>(dwTimeout), false);
+    } catch (...) {
+        m_Lead.releaseByCommThread();
+        throw;
+    }
+    m_Lead.releaseByCommThread();
+}
+
+bool CTcpApartment::runPass(CommThread& thread, int timeoutMs, bool bPump) {
     std::vector<CLinkPoller::Link>& links = thread.ready;
     links.clear();
     if (!thread.held.empty()) resumeHeldLinks(thread);
@@ -163,7 +180,7 @@ void CTcpApartment::serveLinks(DWORD dwTimeout, bool bRtConnection) {
     }
     thread.carried.clear();
     const size_t carried = links.size();
-    thread.poller.wait(carried != 0 ? 0 : static_cast<int>(dwTimeout), links);
+    thread.poller.wait(carried != 0 ? 0 : timeoutMs, links);
     if (carried != 0 && links.size() > carried) {
         // A link both carried and ready is served once.
         std::sort(links.begin(), links.end(),
@@ -177,11 +194,19 @@ void CTcpApartment::serveLinks(DWORD dwTimeout, bool bRtConnection) {
         }
         links.resize(kept);
     }
-    if (links.empty()) return;
+    if (links.empty()) return false;
 
     MessageBatch& batch = t_batch;
     batch.clear();
+    bool handBack = false;
     for (const CLinkPoller::Link& link : links) {
+        // Raw frames of a real-time link to this apartment reach the host
+        // on the communication thread, never on its pumping thread.
+        if (bPump && link.sink->getRTConnection()) {
+            thread.carried.push_back(link.key);
+            handBack = true;
+            continue;
+        }
         // What goes wrong while serving one link (no memory, say) closes
         // that link only; what the others brought is still posted.
         const bool framesLeft = guarded("receiving, link closed", false, [&] {
@@ -189,10 +214,142 @@ void CTcpApartment::serveLinks(DWORD dwTimeout, bool bRtConnection) {
         });
         if (framesLeft) thread.carried.push_back(link.key);
     }
+    if (bPump) m_uintPumpMessages.fetch_add(batch.size(), std::memory_order_relaxed);
     if (!batch.empty()) postMessages(batch.data(), batch.size());
     batch.clear();
     for (const CLinkPoller::Link& link : links) link.sink->releaseRef();
     links.clear();
+    // A link with more than one pass to give is a stream: the
+    // communication thread reads on while the pump dispatches.
+    return handBack || (bPump && !thread.carried.empty());
+}
+
+// ------------------------------------------------ who waits on the links
+
+CTcpApartment::Leadership::Leadership(CTcpApartment& owner)
+    : m_Owner(owner),
+      m_Mutex(MUTEX_NONE, USE_STD, nullptr),
+      m_Condition(nullptr, USE_STD),
+      m_ulPumpThread(0) {
+    m_Condition.bindMutex(&m_Mutex);
+}
+
+bool CTcpApartment::Leadership::takeForCommThread(DWORD dwTimeout) {
+    TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
+    const timespec deadline = OS::Clock::monotonicDeadline(dwTimeout);
+    for (;;) {
+        if (m_bHandBack) {
+            // Before a pump that may be waiting for the links again: it
+            // waits for this pass.
+            m_bHandBack = false;
+            break;
+        }
+        if (m_bPumpLeads) {
+            // Until the pump leaves its wait (which wakes us), or the pass
+            // is over: no wake-up of an idle host is added to today's one
+            // per pass.
+            m_bCommParked = true;
+            m_Condition.wait(deadline);
+            m_bCommParked = false;
+        } else {
+            // A pump that has just left its wait is most likely back at
+            // once (a round trip's next request); taking the links over for
+            // that moment would cost both threads a wake-up each time.
+            timespec grace = m_PumpLeftAt;
+            grace.tv_nsec += HAND_BACK_GRACE_US * 1000L;
+            OS::Clock::adjustClockTime(&grace);
+            if (!OS::Clock::isEarlier(OS::Clock::monotonicNow(), grace)) break;
+            m_Condition.wait(OS::Clock::isEarlier(grace, deadline) ? grace : deadline);
+        }
+        if (OS::Clock::hasPassed(deadline)) return false;
+    }
+    m_bCommServing = true;
+    return true;
+}
+
+void CTcpApartment::Leadership::releaseByCommThread() {
+    TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
+    m_bCommServing = false;
+    if (m_bPumpLeads) m_Condition.notifyAll();
+}
+
+bool CTcpApartment::Leadership::waitElsewhere(timespec deadline) {
+    {
+        TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
+        // Another thread pumps and leads, or no readiness set to wait on.
+        if (m_bPumpLeads || !m_Owner.m_Comm[0].poller.valid()) return false;
+        m_bPumpLeads = true;
+        m_ulPumpThread.store(OS::Thread::current(), std::memory_order_relaxed);
+        // A link handed back is served by the communication thread first.
+        bool waitedForPass = false;
+        while (m_bCommServing || m_bHandBack) {
+            waitedForPass = true;
+            timespec until = deadline;
+            if (m_bCommServing) {
+                m_Owner.m_Comm[0].poller.wake();  // ends its wait: the pass then ends
+            } else {
+                m_Condition.notifyAll();
+                // Bounded: with no communication thread to take it (none
+                // could be started), the pump leads all the same.
+                const timespec pass = OS::Clock::monotonicDeadline(THREAD_PASS_MS);
+                if (OS::Clock::isNoLimit(until) || OS::Clock::isEarlier(pass, until)) until = pass;
+            }
+            const int rc = OS::Clock::isNoLimit(until) ? m_Condition.wait()
+                                                       : m_Condition.wait(until);
+            if (rc == WAIT_CONDITION_OK || !(m_bCommServing || m_bHandBack)) continue;
+            if (!OS::Clock::isNoLimit(deadline) && OS::Clock::hasPassed(deadline)) {
+                leave(false, true);
+                return true;  // the pop gives up
+            }
+            if (!m_bCommServing) m_bHandBack = false;
+        }
+        // That pass's wait may have taken the wake-up of a message posted
+        // since the queue was found empty: the pop looks again first.
+        if (waitedForPass) {
+            leave(false, false);
+            return true;
+        }
+    }
+    int timeoutMs = -1;
+    if (!OS::Clock::isNoLimit(deadline)) {
+        const timespec now = OS::Clock::monotonicNow();
+        const long long ns =
+            (deadline.tv_sec - now.tv_sec) * 1000000000LL + (deadline.tv_nsec - now.tv_nsec);
+        // Rounded up, so that the wait does not end just before the
+        // deadline and spin on a zero wait.
+        timeoutMs = ns <= 0 ? 0 : static_cast<int>(std::min(ns / 1000000 + 1, 1LL << 30));
+    }
+    bool handBack = false;
+    try {
+        handBack = m_Owner.runPass(m_Owner.m_Comm[0], timeoutMs, true);
+    } catch (...) {
+        TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
+        leave(true, false);
+        throw;
+    }
+    // A wait that simply ran out brings no callback: the parked thread is
+    // left to its own pass's end, so that an idle host that pumps with a
+    // time-out costs no wake-up more than before.
+    const bool ranOut = !OS::Clock::isNoLimit(deadline) && OS::Clock::hasPassed(deadline);
+    TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
+    leave(handBack, ranOut);
+    return true;
+}
+
+void CTcpApartment::Leadership::leave(bool bHandBack, bool bRanOut) {
+    m_bPumpLeads = false;
+    m_ulPumpThread.store(0, std::memory_order_relaxed);
+    m_PumpLeftAt = OS::Clock::monotonicNow();
+    if (bHandBack) m_bHandBack = true;
+    // Only a parked communication thread needs the call: one in its grace
+    // wait looks again when that ends.
+    if ((m_bCommParked && !bRanOut) || bHandBack) m_Condition.notifyAll();
+}
+
+void CTcpApartment::Leadership::wake() {
+    // The pump's own posts need no wake-up: it looks at the queue next.
+    if (m_ulPumpThread.load(std::memory_order_relaxed) != OS::Thread::current())
+        m_Owner.m_Comm[0].poller.wake();
 }
 
 bool CTcpApartment::serveLink(CommThread& thread, const CLinkPoller::Link& link,

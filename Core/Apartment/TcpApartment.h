@@ -19,6 +19,7 @@
 #ifndef APARTMENT_TCPAPARTMENT_H
 #define APARTMENT_TCPAPARTMENT_H
 
+#include <atomic>
 #include <map>
 #include <vector>
 
@@ -42,8 +43,20 @@ public:
     // begun, is dropped without notice.
     static const DWORD CONNECTION_INFO_TIMEOUT_MS = 100;
 
+    // How long the communication thread leaves the ordinary links to a
+    // pumping thread that has just left its wait for the queue with
+    // something to dispatch, before it serves them itself: the longest a
+    // link goes unread while the pump is busy in a callback. (After a wait
+    // that ran out it takes them back at the end of its own pass.)
+    static const long HAND_BACK_GRACE_US = 1000;
+
     CTcpApartment();
     virtual ~CTcpApartment();
+    // Messages posted from the ordinary links by a pumping thread that read
+    // them itself while it waited for the queue. Any thread.
+    unsigned long long messagesReadByPump() const {
+        return m_uintPumpMessages.load(std::memory_order_relaxed);
+    }
 
     APARTMENT_TYPE apartmentType() const override { return TCP_APARTMENT; }
     // Also drops the connections whose connection frame is still awaited.
@@ -72,6 +85,7 @@ protected:
     // when no memory can be had for a frame.
     void serveLinks(DWORD dwTimeout, bool bRtConnection) override;
     void interruptWait(bool bRtConnection) override;
+    CMessageQueue::Waiter* queueWaiter() override { return &m_Lead; }
     // One pass of the listen thread: waits up to dwTimeout ms for new
     // connections and for the connection frames awaited, and hands over
     // the server sinks whose peer is now known. A connection beyond the
@@ -95,6 +109,55 @@ private:
         timespec totalDeadline;
         bool watchingWrite = false;  // the TLS handshake waits for room to write
     };
+
+    // Who serves the ordinary links (m_Comm[0]) at a time: the non-real-
+    // time communication thread, or a thread that pumps the apartment and
+    // would otherwise sleep on the empty queue (leader and followers). The
+    // pump leads whenever it waits, so that the frame it waits for is read,
+    // posted and dispatched on its own thread with one wake-up; the
+    // communication thread serves them whenever no pump waits, so that
+    // no link goes unread while the pump runs a callback (after at most
+    // HAND_BACK_GRACE_US). Both ends post into the one queue, so per-link
+    // order and everything already queued come first whoever reads.
+    class Leadership : public CMessageQueue::Waiter {
+    public:
+        explicit Leadership(CTcpApartment& owner);
+        // The communication thread's side: waits (up to dwTimeout ms) until
+        // no pump leads; false when the time ran out first. A true is
+        // followed by one pass and releaseByCommThread.
+        bool takeForCommThread(DWORD dwTimeout);
+        void releaseByCommThread();
+        // The pump's side (from CMessageQueue::pop, without its lock): one
+        // pass over the links as their leader, waiting until the deadline,
+        // a wake-up or frames. False when another pumping thread leads.
+        bool waitElsewhere(timespec deadline) override;
+        void wake() override;
+
+    private:
+        // Under m_Mutex: hands the links back, waking the communication
+        // thread when it is parked and a callback may follow (not after a
+        // wait that ran out), or when it must take a link at once.
+        void leave(bool bHandBack, bool bRanOut);
+
+        CTcpApartment& m_Owner;
+        // A leaf but for the poller's wake-up: guards the fields below but
+        // m_ulPumpThread, which wake() reads under the queue's lock.
+        OS::TBaseMutex m_Mutex;
+        OS::TCondition m_Condition;  // leadership changes hands
+        bool m_bPumpLeads = false;     // a pump holds the links or waits for them
+        bool m_bCommServing = false;   // the communication thread is in a pass
+        bool m_bCommParked = false;    // ... or waits for the pump to leave
+        bool m_bHandBack = false;      // a link the pump may not serve is carried
+        timespec m_PumpLeftAt{0, 0};
+        std::atomic<unsigned long> m_ulPumpThread;
+    };
+
+    // One pass over a set of links, as serveLinks describes, by its
+    // communication thread or by a leading pump (`bPump`). True when the
+    // pump should hand the links back at once: it left the real-time links
+    // of its set (the loopback pair) carried for the communication thread,
+    // or a link has frames beyond the per-pass bound.
+    bool runPass(CommThread& thread, int timeoutMs, bool bPump);
 
     // Serves one ready link of a communication thread; true when whole
     // frames are left for the next pass. A link over its queue bound is
@@ -135,6 +198,8 @@ private:
     // used only by the non-real-time communication thread.
     char* m_pLoopbackRawBuffer;
     CommThread m_Comm[2];  // [1]: the real-time thread's
+    Leadership m_Lead;
+    std::atomic<unsigned long long> m_uintPumpMessages;
 
     // The listen thread's alone: its readiness set (the listening socket
     // and the connections being set up) and those connections.

@@ -15,7 +15,9 @@
 //
 // Threads: watch, unwatch, pause, resume, wantWrite and wake from any
 // thread (wantWrite also under a sink's send mutex); wait and lookup from
-// the owning thread (and lookup from any thread that holds the sink). One mutex, a leaf, guards the registry; nothing is released or
+// the thread that serves the links, one at a time (a communication thread,
+// or a pumping thread while it leads in its place), and lookup from any
+// thread that holds the sink. One mutex, a leaf, guards the registry; nothing is released or
 // called out under it.
 #ifndef APARTMENT_TRANSPORT_LINKPOLLER_H
 #define APARTMENT_TRANSPORT_LINKPOLLER_H
