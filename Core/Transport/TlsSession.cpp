@@ -150,7 +150,11 @@ CTlsSession::~CTlsSession() { SSL_free(m_pSsl); }
 template <class Call>
 CTlsSession::Outcome CTlsSession::call(Call&& run) {
     TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
-    ERR_clear_error();
+    // Whatever else this thread did with OpenSSL may have left errors that
+    // SSL_get_error would take for this call's. Peeking is cheaper than
+    // clearing, and the queue is nearly always empty: every call here
+    // leaves it so.
+    if (ERR_peek_error() != 0) ERR_clear_error();
     Outcome outcome{};
     {
         CSigpipeBlock block(m_context->kernelTlsPossible());
@@ -160,9 +164,12 @@ CTlsSession::Outcome CTlsSession::call(Call&& run) {
     }
     if (outcome.result > 0) return outcome;
     outcome.sslError = SSL_get_error(m_pSsl, outcome.result);
+    // A retry is reported only while the queue is empty: nothing to read
+    // or clear, and this is the path of every read that finds no record.
+    if (isRetry(outcome.sslError)) return outcome;
     const unsigned long first = ERR_peek_error();
     if (ERR_GET_LIB(first) == ERR_LIB_SSL) outcome.sslReason = ERR_GET_REASON(first);
-    if (!isRetry(outcome.sslError) && m_failure.empty()) m_failure = describe(outcome);
+    if (m_failure.empty()) m_failure = describe(outcome);
     ERR_clear_error();
     return outcome;
 }
