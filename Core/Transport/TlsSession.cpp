@@ -53,13 +53,11 @@ private:
 // OpenSSL's own writes with write(2), which raises SIGPIPE on a connection
 // the peer reset; the library promises hosts that it never does, so these
 // go through the platform's send and recv (MSG_NOSIGNAL). Its data is the
-// descriptor.
-// One send or recv of at most 1 GiB on the descriptor the BIO holds, again
-// while a signal interrupts it; its result.
+// outbox, which holds the descriptor.
+// One send or recv of at most 1 GiB on the descriptor, again while a
+// signal interrupts it; its result.
 template <class Io>
-int socketCall(BIO* pBio, size_t size, Io io) {
-    BIO_clear_retry_flags(pBio);
-    const int fd = static_cast<int>(reinterpret_cast<intptr_t>(BIO_get_data(pBio)));
+int socketCall(int fd, size_t size, Io io) {
     const int chunk = size > (1u << 30) ? (1 << 30) : static_cast<int>(size);
     int n;
     do n = io(fd, chunk);
@@ -67,8 +65,29 @@ int socketCall(BIO* pBio, size_t size, Io io) {
     return n;
 }
 
+CTlsOutbox& outboxOf(BIO* pBio) { return *static_cast<CTlsOutbox*>(BIO_get_data(pBio)); }
+
 int socketWrite(BIO* pBio, const char* data, size_t size, size_t* written) {
-    const int n = socketCall(pBio, size, [data](int fd, int chunk) {
+    BIO_clear_retry_flags(pBio);
+    CTlsOutbox& outbox = outboxOf(pBio);
+    if (outbox.gather && (outbox.end != 0 || size <= CTlsOutbox::SIZE)) {
+        // Full: OpenSSL keeps the record and offers it again once the
+        // writer has flushed.
+        if (size > CTlsOutbox::SIZE - outbox.end) {
+            BIO_set_retry_write(pBio);
+            return 0;
+        }
+        std::memcpy(outbox.bytes.get() + outbox.end, data, size);
+        outbox.end += size;
+        *written = size;
+        return 1;
+    }
+    // Records queued by a gathered write are ahead of this one on the stream.
+    if (!outbox.flush()) {
+        if (errno == EAGAIN || errno == EWOULDBLOCK) BIO_set_retry_write(pBio);
+        return 0;
+    }
+    const int n = socketCall(outbox.fd, size, [data](int fd, int chunk) {
         return os_socket_send(fd, data, chunk, 0, USE_DEFAULT);
     });
     if (n >= 0) {
@@ -80,7 +99,8 @@ int socketWrite(BIO* pBio, const char* data, size_t size, size_t* written) {
 }
 
 int socketRead(BIO* pBio, char* data, size_t size, size_t* got) {
-    const int n = socketCall(pBio, size, [data](int fd, int chunk) {
+    BIO_clear_retry_flags(pBio);
+    const int n = socketCall(outboxOf(pBio).fd, size, [data](int fd, int chunk) {
         return os_socket_recv(fd, data, chunk, 0, USE_DEFAULT);
     });
     if (n > 0) {
@@ -94,7 +114,11 @@ int socketRead(BIO* pBio, char* data, size_t size, size_t* got) {
 
 long socketControl(BIO* pBio, int command, long, void*) {
     switch (command) {
-    case BIO_CTRL_FLUSH: return 1;  // nothing is buffered here
+    case BIO_CTRL_FLUSH:
+        BIO_clear_retry_flags(pBio);
+        if (outboxOf(pBio).flush()) return 1;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) BIO_set_retry_write(pBio);
+        return 0;
     case BIO_CTRL_EOF: return BIO_test_flags(pBio, BIO_FLAGS_IN_EOF) != 0;
     default: return 0;
     }
@@ -120,6 +144,21 @@ bool isRetry(int sslError) {
 
 }  // namespace
 
+bool CTlsOutbox::flush() {
+    while (begin != end) {
+        const int n = socketCall(fd, end - begin, [this](int socket, int chunk) {
+            return os_socket_send(socket, bytes.get() + begin, chunk, 0, USE_DEFAULT);
+        });
+        if (n <= 0) {
+            if (n == 0) errno = EAGAIN;
+            return false;
+        }
+        begin += static_cast<size_t>(n);
+    }
+    begin = end = 0;
+    return true;
+}
+
 CTlsSession::CTlsSession(std::shared_ptr<CTlsContext> context, int fd, ROLE role)
     : m_context(std::move(context)), m_fd(fd), m_Mutex(MUTEX_NONE, USE_STD, nullptr) {
     m_pSsl = SSL_new(m_context->native());
@@ -130,7 +169,8 @@ CTlsSession::CTlsSession(std::shared_ptr<CTlsContext> context, int fd, ROLE role
         BIO* pBio = socketMethod() != nullptr ? BIO_new(socketMethod()) : nullptr;
         ready = pBio != nullptr;
         if (ready) {
-            BIO_set_data(pBio, reinterpret_cast<void*>(static_cast<intptr_t>(fd)));
+            m_outbox.fd = fd;
+            BIO_set_data(pBio, &m_outbox);
             BIO_set_init(pBio, 1);
             SSL_set_bio(m_pSsl, pBio, pBio);  // one reference serves both directions
         }
@@ -276,6 +316,19 @@ long CTlsSession::writev(const iovec* parts, int count) {
         errno = EIO;
         return -1;
     }
+    if (m_heldPlain != 0) {
+        // Records the last call queued go before any other. The caller
+        // passes their bytes first again; they count once they have left.
+        bool flushed;
+        {
+            TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
+            flushed = m_outbox.flush();
+        }
+        if (!flushed) return -1;
+        const long held = static_cast<long>(m_heldPlain);
+        m_heldPlain = 0;
+        return held;
+    }
     int index = 0;
     size_t offset = 0;  // into parts[index]
     auto advance = [&](size_t step) {
@@ -291,7 +344,23 @@ long CTlsSession::writev(const iovec* parts, int count) {
         }
     };
     advance(0);
+    size_t remaining = 0;
+    for (int i = index; i < count; ++i) remaining += parts[i].iov_len;
+    remaining -= offset;
+    // A write of one record goes straight to the socket; one of more
+    // queues its records in the outbox and sends them a few at a time.
+    // Not with OpenSSL's own socket layer, which the kernel may take over.
+    const bool gather = remaining > RECORD_SIZE && !m_context->kernelTlsPossible();
+    if (gather && !m_outbox.bytes) m_outbox.bytes.reset(new char[CTlsOutbox::SIZE]);
     long total = 0;
+    size_t queued = 0;  // taken by OpenSSL, its records in the outbox
+    auto flushQueued = [&] {
+        TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
+        if (!m_outbox.flush()) return false;
+        total += static_cast<long>(queued);
+        queued = 0;
+        return true;
+    };
     while (index < count) {
         // Small parts are gathered into one record: a record per part
         // would cost a header, a tag and a send(2) each. A part of a record
@@ -313,17 +382,26 @@ long CTlsSession::writev(const iovec* parts, int count) {
             data = m_staging.get();
         }
         size_t written = 0;
-        const Outcome outcome =
-            call([&](SSL* pSsl) { return SSL_write_ex(pSsl, data, length, &written); });
+        const Outcome outcome = call([&](SSL* pSsl) {
+            m_outbox.gather = gather;
+            const int result = SSL_write_ex(pSsl, data, length, &written);
+            m_outbox.gather = false;
+            return result;
+        });
         if (outcome.result > 0) {
-            total += static_cast<long>(written);
+            if (gather) queued += written;
+            else total += static_cast<long>(written);
             advance(written);
             continue;
         }
-        if (isRetry(outcome.sslError) || total > 0) break;  // a failure shows again on the next call
+        // A full outbox: once it has left, OpenSSL takes the same bytes again.
+        if (queued != 0 && outcome.sslError == SSL_ERROR_WANT_WRITE && flushQueued()) continue;
+        // A failure shows again on the next call.
+        if (isRetry(outcome.sslError) || total > 0 || queued > 0) break;
         errno = outcome.sslError == SSL_ERROR_SYSCALL && outcome.sysErrno != 0 ? outcome.sysErrno : EIO;
         return -1;
     }
+    if (queued != 0 && !flushQueued()) m_heldPlain = queued;
     if (total > 0) return total;
     errno = EAGAIN;
     return -1;

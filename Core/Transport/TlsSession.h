@@ -25,6 +25,23 @@
 #include "TlsContext.h"
 #include "os_socket.h"
 
+// Records on their way to the socket, queued while one write makes
+// several of them, so that a large frame costs a send(2) per OUTBOX_SIZE
+// rather than per record. The session's socket layer owns it; it is used
+// only under the session's mutex, since OpenSSL calls that layer from
+// inside SSL_read and SSL_write_ex alike.
+struct CTlsOutbox {
+    static constexpr size_t SIZE = 4 * 16640;  // four records, each with its header and tag
+    int fd = -1;
+    bool gather = false;  // set around a write of several records: queue rather than send
+    std::unique_ptr<char[]> bytes;  // made by the first gathered write, then kept
+    size_t begin = 0, end = 0;      // what is queued and not sent yet
+
+    // Sends what is queued, without waiting. True once nothing is left;
+    // false with errno (EAGAIN: wait for writable) while some is.
+    bool flush();
+};
+
 class CTlsSession {
 public:
     enum ROLE { CLIENT, SERVER };
@@ -75,7 +92,8 @@ public:
     // same parts from where this one stopped (more may follow them), as a
     // retried gathered write does: OpenSSL may hold the next bytes
     // encrypted already and expects them again. Memory per link: one record
-    // of staging once a write has small parts, beside OpenSSL's buffers.
+    // of staging once a write has small parts, and an outbox of four
+    // records once a write spans more than one, beside OpenSSL's buffers.
     long writev(const iovec* parts, int count);
 
     // Sends close_notify if the socket takes it now; never waits. Reads and
@@ -115,6 +133,10 @@ private:
     std::atomic<bool> m_bKernel{false};
     bool m_bReadStalled = false;  // the communication thread's: the last read found nothing
     std::unique_ptr<char[]> m_staging;  // the writer's (one at a time): small parts gathered
+    CTlsOutbox m_outbox;                // under m_Mutex; the user-space socket layer's only
+    // The writer's: bytes OpenSSL took whose records still wait in the
+    // outbox, reported to the caller once they have left.
+    size_t m_heldPlain = 0;
 };
 
 #endif
