@@ -53,7 +53,7 @@ private:
 // OpenSSL's own writes with write(2), which raises SIGPIPE on a connection
 // the peer reset; the library promises hosts that it never does, so these
 // go through the platform's send and recv (MSG_NOSIGNAL). Its data is the
-// outbox, which holds the descriptor.
+// wire (CTlsWire).
 // One send or recv of at most 1 GiB on the descriptor, again while a
 // signal interrupts it; its result.
 template <class Io>
@@ -65,29 +65,29 @@ int socketCall(int fd, size_t size, Io io) {
     return n;
 }
 
-CTlsOutbox& outboxOf(BIO* pBio) { return *static_cast<CTlsOutbox*>(BIO_get_data(pBio)); }
+CTlsWire& wireOf(BIO* pBio) { return *static_cast<CTlsWire*>(BIO_get_data(pBio)); }
 
 int socketWrite(BIO* pBio, const char* data, size_t size, size_t* written) {
     BIO_clear_retry_flags(pBio);
-    CTlsOutbox& outbox = outboxOf(pBio);
-    if (outbox.gather && (outbox.end != 0 || size <= CTlsOutbox::SIZE)) {
+    CTlsWire& wire = wireOf(pBio);
+    if (wire.gather && (wire.end != 0 || size <= CTlsWire::SIZE)) {
         // Full: OpenSSL keeps the record and offers it again once the
         // writer has flushed.
-        if (size > CTlsOutbox::SIZE - outbox.end) {
+        if (size > CTlsWire::SIZE - wire.end) {
             BIO_set_retry_write(pBio);
             return 0;
         }
-        std::memcpy(outbox.bytes.get() + outbox.end, data, size);
-        outbox.end += size;
+        std::memcpy(wire.bytes.get() + wire.end, data, size);
+        wire.end += size;
         *written = size;
         return 1;
     }
     // Records queued by a gathered write are ahead of this one on the stream.
-    if (!outbox.flush()) {
+    if (!wire.flush()) {
         if (errno == EAGAIN || errno == EWOULDBLOCK) BIO_set_retry_write(pBio);
         return 0;
     }
-    const int n = socketCall(outbox.fd, size, [data](int fd, int chunk) {
+    const int n = socketCall(wire.fd, size, [data](int fd, int chunk) {
         return os_socket_send(fd, data, chunk, 0, USE_DEFAULT);
     });
     if (n >= 0) {
@@ -100,9 +100,11 @@ int socketWrite(BIO* pBio, const char* data, size_t size, size_t* written) {
 
 int socketRead(BIO* pBio, char* data, size_t size, size_t* got) {
     BIO_clear_retry_flags(pBio);
-    const int n = socketCall(outboxOf(pBio).fd, size, [data](int fd, int chunk) {
+    CTlsWire& wire = wireOf(pBio);
+    const int n = socketCall(wire.fd, size, [data](int fd, int chunk) {
         return os_socket_recv(fd, data, chunk, 0, USE_DEFAULT);
     });
+    wire.drained = n < 0 || static_cast<size_t>(n) < size;
     if (n > 0) {
         *got = static_cast<size_t>(n);
         return 1;
@@ -116,7 +118,7 @@ long socketControl(BIO* pBio, int command, long, void*) {
     switch (command) {
     case BIO_CTRL_FLUSH:
         BIO_clear_retry_flags(pBio);
-        if (outboxOf(pBio).flush()) return 1;
+        if (wireOf(pBio).flush()) return 1;
         if (errno == EAGAIN || errno == EWOULDBLOCK) BIO_set_retry_write(pBio);
         return 0;
     case BIO_CTRL_EOF: return BIO_test_flags(pBio, BIO_FLAGS_IN_EOF) != 0;
@@ -144,7 +146,7 @@ bool isRetry(int sslError) {
 
 }  // namespace
 
-bool CTlsOutbox::flush() {
+bool CTlsWire::flush() {
     while (begin != end) {
         const int n = socketCall(fd, end - begin, [this](int socket, int chunk) {
             return os_socket_send(socket, bytes.get() + begin, chunk, 0, USE_DEFAULT);
@@ -169,8 +171,8 @@ CTlsSession::CTlsSession(std::shared_ptr<CTlsContext> context, int fd, ROLE role
         BIO* pBio = socketMethod() != nullptr ? BIO_new(socketMethod()) : nullptr;
         ready = pBio != nullptr;
         if (ready) {
-            m_outbox.fd = fd;
-            BIO_set_data(pBio, &m_outbox);
+            m_wire.fd = fd;
+            BIO_set_data(pBio, &m_wire);
             BIO_set_init(pBio, 1);
             SSL_set_bio(m_pSsl, pBio, pBio);  // one reference serves both directions
         }
@@ -278,6 +280,15 @@ int CTlsSession::read(void* buffer, size_t size) {
         return -1;
     }
     const int want = size > INT_MAX ? INT_MAX : static_cast<int>(size);
+    if (m_bDrained) {
+        // What this read would find is EAGAIN, at the cost of an OpenSSL
+        // call and a recv(2) on every frame's path. The poller is level-
+        // triggered: bytes that came meanwhile show as readable.
+        m_bDrained = false;
+        m_bReadStalled = true;
+        errno = EAGAIN;
+        return -1;
+    }
     m_bReadStalled = false;
     if (m_bKernel && !hasPending()) {
         int n;
@@ -288,7 +299,12 @@ int CTlsSession::read(void* buffer, size_t size) {
         // likely) heads the queue; OpenSSL reads it with its type below.
         if (n >= 0 || errno != EIO) return n;
     }
-    const Outcome outcome = call([&](SSL* pSsl) { return SSL_read(pSsl, buffer, want); });
+    const Outcome outcome = call([&](SSL* pSsl) {
+        const int result = SSL_read(pSsl, buffer, want);
+        if (result > 0 && !m_context->kernelTlsPossible())
+            m_bDrained = m_wire.drained && SSL_has_pending(pSsl) == 0;
+        return result;
+    });
     if (outcome.result > 0) return outcome.result;
     if (isRetry(outcome.sslError)) {
         m_bReadStalled = true;  // what is inside, if anything, is part of a record
@@ -322,7 +338,7 @@ long CTlsSession::writev(const iovec* parts, int count) {
         bool flushed;
         {
             TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
-            flushed = m_outbox.flush();
+            flushed = m_wire.flush();
         }
         if (!flushed) return -1;
         const long held = static_cast<long>(m_heldPlain);
@@ -351,12 +367,12 @@ long CTlsSession::writev(const iovec* parts, int count) {
     // queues its records in the outbox and sends them a few at a time.
     // Not with OpenSSL's own socket layer, which the kernel may take over.
     const bool gather = remaining > RECORD_SIZE && !m_context->kernelTlsPossible();
-    if (gather && !m_outbox.bytes) m_outbox.bytes.reset(new char[CTlsOutbox::SIZE]);
+    if (gather && !m_wire.bytes) m_wire.bytes.reset(new char[CTlsWire::SIZE]);
     long total = 0;
     size_t queued = 0;  // taken by OpenSSL, its records in the outbox
     auto flushQueued = [&] {
         TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
-        if (!m_outbox.flush()) return false;
+        if (!m_wire.flush()) return false;
         total += static_cast<long>(queued);
         queued = 0;
         return true;
@@ -383,9 +399,9 @@ long CTlsSession::writev(const iovec* parts, int count) {
         }
         size_t written = 0;
         const Outcome outcome = call([&](SSL* pSsl) {
-            m_outbox.gather = gather;
+            m_wire.gather = gather;
             const int result = SSL_write_ex(pSsl, data, length, &written);
-            m_outbox.gather = false;
+            m_wire.gather = false;
             return result;
         });
         if (outcome.result > 0) {

@@ -25,16 +25,18 @@
 #include "TlsContext.h"
 #include "os_socket.h"
 
-// Records on their way to the socket, queued while one write makes
-// several of them, so that a large frame costs a send(2) per OUTBOX_SIZE
-// rather than per record. The session's socket layer owns it; it is used
-// only under the session's mutex, since OpenSSL calls that layer from
-// inside SSL_read and SSL_write_ex alike.
-struct CTlsOutbox {
+// The user-space socket layer's state: its descriptor, what the last
+// recv(2) found, and an outbox for records on their way to the socket,
+// queued while one write makes several of them so that a large frame costs
+// a send(2) per four records rather than per record. Used only under the
+// session's mutex, since OpenSSL calls that layer from inside SSL_read and
+// SSL_write_ex alike.
+struct CTlsWire {
     static constexpr size_t SIZE = 4 * 16640;  // four records, each with its header and tag
     int fd = -1;
-    bool gather = false;  // set around a write of several records: queue rather than send
-    std::unique_ptr<char[]> bytes;  // made by the first gathered write, then kept
+    bool drained = false;  // the last recv took less than it asked for: the socket had no more
+    bool gather = false;   // set around a write of several records: queue rather than send
+    std::unique_ptr<char[]> bytes;  // the outbox, made by the first gathered write, then kept
     size_t begin = 0, end = 0;      // what is queued and not sent yet
 
     // Sends what is queued, without waiting. True once nothing is left;
@@ -132,8 +134,11 @@ private:
     std::string m_peerSubject;
     std::atomic<bool> m_bKernel{false};
     bool m_bReadStalled = false;  // the communication thread's: the last read found nothing
+    // The communication thread's: the last read emptied both the socket and
+    // OpenSSL's buffer, so the next would find nothing.
+    bool m_bDrained = false;
     std::unique_ptr<char[]> m_staging;  // the writer's (one at a time): small parts gathered
-    CTlsOutbox m_outbox;                // under m_Mutex; the user-space socket layer's only
+    CTlsWire m_wire;                    // under m_Mutex; the user-space socket layer's only
     // The writer's: bytes OpenSSL took whose records still wait in the
     // outbox, reported to the caller once they have left.
     size_t m_heldPlain = 0;
