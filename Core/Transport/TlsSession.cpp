@@ -367,7 +367,6 @@ long CTlsSession::writev(const iovec* parts, int count) {
     // queues its records in the outbox and sends them a few at a time.
     // Not with OpenSSL's own socket layer, which the kernel may take over.
     const bool gather = remaining > RECORD_SIZE && !m_context->kernelTlsPossible();
-    if (gather && !m_wire.bytes) m_wire.bytes.reset(new char[CTlsWire::SIZE]);
     long total = 0;
     size_t queued = 0;  // taken by OpenSSL, its records in the outbox
     auto flushQueued = [&] {
@@ -399,6 +398,7 @@ long CTlsSession::writev(const iovec* parts, int count) {
         }
         size_t written = 0;
         const Outcome outcome = call([&](SSL* pSsl) {
+            if (gather && !m_wire.bytes) m_wire.bytes.reset(new char[CTlsWire::SIZE]);
             m_wire.gather = gather;
             const int result = SSL_write_ex(pSsl, data, length, &written);
             m_wire.gather = false;
