@@ -79,7 +79,11 @@ public:
 
     // The communication thread. Bytes read (> 0); 0 when the peer closed
     // (close_notify, or the connection's end); -1 with errno EAGAIN when
-    // nothing is there yet (wait for readable), or another errno (EIO, ECONNRESET, ...) when the link failed.
+    // nothing is there yet (wait for readable), or another errno (EIO,
+    // ECONNRESET, ...) when the link failed. EAGAIN comes without a look at
+    // the socket after a read that emptied it and the session: bytes that
+    // came since then show as readable, so the wait must be on a level,
+    // not an edge.
     int read(void* buffer, size_t size);
     // The communication thread. True when bytes wait inside the session
     // (decrypted, or records read ahead from the socket): call read again
