@@ -269,7 +269,7 @@ std::string CTlsSession::peerSubject() const {
 }
 
 bool CTlsSession::hasPending() {
-    if (m_pSsl == nullptr || m_bReadStalled) return false;
+    if (m_pSsl == nullptr || m_bReadStalled.load(std::memory_order_relaxed)) return false;
     TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
     return SSL_has_pending(m_pSsl) == 1;
 }
@@ -285,16 +285,16 @@ int CTlsSession::read(void* buffer, size_t size) {
         // call and a recv(2) on every frame's path. The poller is level-
         // triggered: bytes that came meanwhile show as readable.
         m_bDrained = false;
-        m_bReadStalled = true;
+        m_bReadStalled.store(true, std::memory_order_relaxed);
         errno = EAGAIN;
         return -1;
     }
-    m_bReadStalled = false;
+    m_bReadStalled.store(false, std::memory_order_relaxed);
     if (m_bKernel && !hasPending()) {
         int n;
         do n = os_socket_recv(m_fd, buffer, want, 0, USE_DEFAULT);
         while (n < 0 && errno == EINTR);
-        m_bReadStalled = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+        m_bReadStalled.store(n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK), std::memory_order_relaxed);
         // EIO: a record that is not data (an alert, close_notify most
         // likely) heads the queue; OpenSSL reads it with its type below.
         if (n >= 0 || errno != EIO) return n;
@@ -307,7 +307,8 @@ int CTlsSession::read(void* buffer, size_t size) {
     });
     if (outcome.result > 0) return outcome.result;
     if (isRetry(outcome.sslError)) {
-        m_bReadStalled = true;  // what is inside, if anything, is part of a record
+        // What is inside, if anything, is part of a record.
+        m_bReadStalled.store(true, std::memory_order_relaxed);
         errno = EAGAIN;
         return -1;
     }

@@ -137,7 +137,10 @@ private:
     std::string m_failure;
     std::string m_peerSubject;
     std::atomic<bool> m_bKernel{false};
-    bool m_bReadStalled = false;  // the communication thread's: the last read found nothing
+    // Written by the communication thread: the last read found nothing.
+    // Atomic because a link being filed asks hasPending from the thread
+    // that files it while the communication thread may already read.
+    std::atomic<bool> m_bReadStalled{false};
     // The communication thread's: the last read emptied both the socket and
     // OpenSSL's buffer, so the next would find nothing.
     bool m_bDrained = false;
