@@ -53,7 +53,8 @@ private:
 // OpenSSL's own writes with write(2), which raises SIGPIPE on a connection
 // the peer reset; the library promises hosts that it never does, so these
 // go through the platform's send and recv (MSG_NOSIGNAL). Its data is the
-// wire (CTlsWire).
+// session's CTlsWire.
+
 // One send or recv of at most 1 GiB on the descriptor, again while a
 // signal interrupts it; its result.
 template <class Io>
