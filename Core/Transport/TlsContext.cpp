@@ -134,6 +134,16 @@ std::shared_ptr<CTlsContext> CTlsContext::create(const Files& files, std::string
     // Take whatever the socket has in one read rather than a header and a
     // body per record; CTlsSession::hasPending covers what stays inside.
     SSL_CTX_set_read_ahead(pCtx, 1);
+    // Room for four full records, so that a large frame costs a recv(2)
+    // per four records rather than per record (about 50 KiB more per link
+    // than OpenSSL's default, once the link has read).
+    SSL_CTX_set_default_read_buffer_len(
+        pCtx, 4 * (SSL3_RT_MAX_PLAIN_LENGTH + SSL3_RT_MAX_ENCRYPTED_OVERHEAD));
+    // AES-128-GCM before OpenSSL's default AES-256-GCM: a third faster per
+    // byte with AES-NI, which large frames pay on both sides. A peer that
+    // offers only the others still gets them.
+    SSL_CTX_set_ciphersuites(
+        pCtx, "TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA384:TLS_CHACHA20_POLY1305_SHA256");
 #if defined(SSL_OP_ENABLE_KTLS) && !defined(OPENSSL_NO_KTLS)
     context->m_bKernelTls = kernelHasTls();
     if (context->m_bKernelTls) SSL_CTX_set_options(pCtx, SSL_OP_ENABLE_KTLS);

@@ -53,13 +53,12 @@ private:
 // OpenSSL's own writes with write(2), which raises SIGPIPE on a connection
 // the peer reset; the library promises hosts that it never does, so these
 // go through the platform's send and recv (MSG_NOSIGNAL). Its data is the
-// descriptor.
-// One send or recv of at most 1 GiB on the descriptor the BIO holds, again
-// while a signal interrupts it; its result.
+// session's CTlsWire.
+
+// One send or recv of at most 1 GiB on the descriptor, again while a
+// signal interrupts it; its result.
 template <class Io>
-int socketCall(BIO* pBio, size_t size, Io io) {
-    BIO_clear_retry_flags(pBio);
-    const int fd = static_cast<int>(reinterpret_cast<intptr_t>(BIO_get_data(pBio)));
+int socketCall(int fd, size_t size, Io io) {
     const int chunk = size > (1u << 30) ? (1 << 30) : static_cast<int>(size);
     int n;
     do n = io(fd, chunk);
@@ -67,8 +66,29 @@ int socketCall(BIO* pBio, size_t size, Io io) {
     return n;
 }
 
+CTlsWire& wireOf(BIO* pBio) { return *static_cast<CTlsWire*>(BIO_get_data(pBio)); }
+
 int socketWrite(BIO* pBio, const char* data, size_t size, size_t* written) {
-    const int n = socketCall(pBio, size, [data](int fd, int chunk) {
+    BIO_clear_retry_flags(pBio);
+    CTlsWire& wire = wireOf(pBio);
+    if (wire.gather && (wire.end != 0 || size <= CTlsWire::SIZE)) {
+        // Full: OpenSSL keeps the record and offers it again once the
+        // writer has flushed.
+        if (size > CTlsWire::SIZE - wire.end) {
+            BIO_set_retry_write(pBio);
+            return 0;
+        }
+        std::memcpy(wire.bytes.get() + wire.end, data, size);
+        wire.end += size;
+        *written = size;
+        return 1;
+    }
+    // Records queued by a gathered write are ahead of this one on the stream.
+    if (!wire.flush()) {
+        if (errno == EAGAIN || errno == EWOULDBLOCK) BIO_set_retry_write(pBio);
+        return 0;
+    }
+    const int n = socketCall(wire.fd, size, [data](int fd, int chunk) {
         return os_socket_send(fd, data, chunk, 0, USE_DEFAULT);
     });
     if (n >= 0) {
@@ -80,9 +100,12 @@ int socketWrite(BIO* pBio, const char* data, size_t size, size_t* written) {
 }
 
 int socketRead(BIO* pBio, char* data, size_t size, size_t* got) {
-    const int n = socketCall(pBio, size, [data](int fd, int chunk) {
+    BIO_clear_retry_flags(pBio);
+    CTlsWire& wire = wireOf(pBio);
+    const int n = socketCall(wire.fd, size, [data](int fd, int chunk) {
         return os_socket_recv(fd, data, chunk, 0, USE_DEFAULT);
     });
+    wire.drained = n < 0 || static_cast<size_t>(n) < size;
     if (n > 0) {
         *got = static_cast<size_t>(n);
         return 1;
@@ -94,7 +117,11 @@ int socketRead(BIO* pBio, char* data, size_t size, size_t* got) {
 
 long socketControl(BIO* pBio, int command, long, void*) {
     switch (command) {
-    case BIO_CTRL_FLUSH: return 1;  // nothing is buffered here
+    case BIO_CTRL_FLUSH:
+        BIO_clear_retry_flags(pBio);
+        if (wireOf(pBio).flush()) return 1;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) BIO_set_retry_write(pBio);
+        return 0;
     case BIO_CTRL_EOF: return BIO_test_flags(pBio, BIO_FLAGS_IN_EOF) != 0;
     default: return 0;
     }
@@ -120,6 +147,21 @@ bool isRetry(int sslError) {
 
 }  // namespace
 
+bool CTlsWire::flush() {
+    while (begin != end) {
+        const int n = socketCall(fd, end - begin, [this](int socket, int chunk) {
+            return os_socket_send(socket, bytes.get() + begin, chunk, 0, USE_DEFAULT);
+        });
+        if (n <= 0) {
+            if (n == 0) errno = EAGAIN;
+            return false;
+        }
+        begin += static_cast<size_t>(n);
+    }
+    begin = end = 0;
+    return true;
+}
+
 CTlsSession::CTlsSession(std::shared_ptr<CTlsContext> context, int fd, ROLE role)
     : m_context(std::move(context)), m_fd(fd), m_Mutex(MUTEX_NONE, USE_STD, nullptr) {
     m_pSsl = SSL_new(m_context->native());
@@ -130,7 +172,8 @@ CTlsSession::CTlsSession(std::shared_ptr<CTlsContext> context, int fd, ROLE role
         BIO* pBio = socketMethod() != nullptr ? BIO_new(socketMethod()) : nullptr;
         ready = pBio != nullptr;
         if (ready) {
-            BIO_set_data(pBio, reinterpret_cast<void*>(static_cast<intptr_t>(fd)));
+            m_wire.fd = fd;
+            BIO_set_data(pBio, &m_wire);
             BIO_set_init(pBio, 1);
             SSL_set_bio(m_pSsl, pBio, pBio);  // one reference serves both directions
         }
@@ -150,7 +193,11 @@ CTlsSession::~CTlsSession() { SSL_free(m_pSsl); }
 template <class Call>
 CTlsSession::Outcome CTlsSession::call(Call&& run) {
     TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
-    ERR_clear_error();
+    // Whatever else this thread did with OpenSSL may have left errors that
+    // SSL_get_error would take for this call's. Peeking is cheaper than
+    // clearing, and the queue is nearly always empty: every call here
+    // leaves it so.
+    if (ERR_peek_error() != 0) ERR_clear_error();
     Outcome outcome{};
     {
         CSigpipeBlock block(m_context->kernelTlsPossible());
@@ -160,9 +207,12 @@ CTlsSession::Outcome CTlsSession::call(Call&& run) {
     }
     if (outcome.result > 0) return outcome;
     outcome.sslError = SSL_get_error(m_pSsl, outcome.result);
+    // A retry is reported only while the queue is empty: nothing to read
+    // or clear, and this is the path of every read that finds no record.
+    if (isRetry(outcome.sslError)) return outcome;
     const unsigned long first = ERR_peek_error();
     if (ERR_GET_LIB(first) == ERR_LIB_SSL) outcome.sslReason = ERR_GET_REASON(first);
-    if (!isRetry(outcome.sslError) && m_failure.empty()) m_failure = describe(outcome);
+    if (m_failure.empty()) m_failure = describe(outcome);
     ERR_clear_error();
     return outcome;
 }
@@ -220,7 +270,7 @@ std::string CTlsSession::peerSubject() const {
 }
 
 bool CTlsSession::hasPending() {
-    if (m_pSsl == nullptr || m_bReadStalled) return false;
+    if (m_pSsl == nullptr || m_bReadStalled.load(std::memory_order_relaxed)) return false;
     TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
     return SSL_has_pending(m_pSsl) == 1;
 }
@@ -231,20 +281,35 @@ int CTlsSession::read(void* buffer, size_t size) {
         return -1;
     }
     const int want = size > INT_MAX ? INT_MAX : static_cast<int>(size);
-    m_bReadStalled = false;
+    if (m_bDrained) {
+        // What this read would find is EAGAIN, at the cost of an OpenSSL
+        // call and a recv(2) on every frame's path. The poller is level-
+        // triggered: bytes that came meanwhile show as readable.
+        m_bDrained = false;
+        m_bReadStalled.store(true, std::memory_order_relaxed);
+        errno = EAGAIN;
+        return -1;
+    }
+    m_bReadStalled.store(false, std::memory_order_relaxed);
     if (m_bKernel && !hasPending()) {
         int n;
         do n = os_socket_recv(m_fd, buffer, want, 0, USE_DEFAULT);
         while (n < 0 && errno == EINTR);
-        m_bReadStalled = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+        m_bReadStalled.store(n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK), std::memory_order_relaxed);
         // EIO: a record that is not data (an alert, close_notify most
         // likely) heads the queue; OpenSSL reads it with its type below.
         if (n >= 0 || errno != EIO) return n;
     }
-    const Outcome outcome = call([&](SSL* pSsl) { return SSL_read(pSsl, buffer, want); });
+    const Outcome outcome = call([&](SSL* pSsl) {
+        const int result = SSL_read(pSsl, buffer, want);
+        if (result > 0 && !m_context->kernelTlsPossible())
+            m_bDrained = m_wire.drained && SSL_has_pending(pSsl) == 0;
+        return result;
+    });
     if (outcome.result > 0) return outcome.result;
     if (isRetry(outcome.sslError)) {
-        m_bReadStalled = true;  // what is inside, if anything, is part of a record
+        // What is inside, if anything, is part of a record.
+        m_bReadStalled.store(true, std::memory_order_relaxed);
         errno = EAGAIN;
         return -1;
     }
@@ -269,6 +334,19 @@ long CTlsSession::writev(const iovec* parts, int count) {
         errno = EIO;
         return -1;
     }
+    if (m_heldPlain != 0) {
+        // Records the last call queued go before any other. The caller
+        // passes their bytes first again; they count once they have left.
+        bool flushed;
+        {
+            TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
+            flushed = m_wire.flush();
+        }
+        if (!flushed) return -1;
+        const long held = static_cast<long>(m_heldPlain);
+        m_heldPlain = 0;
+        return held;
+    }
     int index = 0;
     size_t offset = 0;  // into parts[index]
     auto advance = [&](size_t step) {
@@ -284,7 +362,22 @@ long CTlsSession::writev(const iovec* parts, int count) {
         }
     };
     advance(0);
+    size_t remaining = 0;
+    for (int i = index; i < count; ++i) remaining += parts[i].iov_len;
+    remaining -= offset;
+    // A write of one record goes straight to the socket; one of more
+    // queues its records in the outbox and sends them a few at a time.
+    // Not with OpenSSL's own socket layer, which the kernel may take over.
+    const bool gather = remaining > RECORD_SIZE && !m_context->kernelTlsPossible();
     long total = 0;
+    size_t queued = 0;  // taken by OpenSSL, its records in the outbox
+    auto flushQueued = [&] {
+        TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
+        if (!m_wire.flush()) return false;
+        total += static_cast<long>(queued);
+        queued = 0;
+        return true;
+    };
     while (index < count) {
         // Small parts are gathered into one record: a record per part
         // would cost a header, a tag and a send(2) each. A part of a record
@@ -306,17 +399,27 @@ long CTlsSession::writev(const iovec* parts, int count) {
             data = m_staging.get();
         }
         size_t written = 0;
-        const Outcome outcome =
-            call([&](SSL* pSsl) { return SSL_write_ex(pSsl, data, length, &written); });
+        const Outcome outcome = call([&](SSL* pSsl) {
+            if (gather && !m_wire.bytes) m_wire.bytes.reset(new char[CTlsWire::SIZE]);
+            m_wire.gather = gather;
+            const int result = SSL_write_ex(pSsl, data, length, &written);
+            m_wire.gather = false;
+            return result;
+        });
         if (outcome.result > 0) {
-            total += static_cast<long>(written);
+            if (gather) queued += written;
+            else total += static_cast<long>(written);
             advance(written);
             continue;
         }
-        if (isRetry(outcome.sslError) || total > 0) break;  // a failure shows again on the next call
+        // A full outbox: once it has left, OpenSSL takes the same bytes again.
+        if (queued != 0 && outcome.sslError == SSL_ERROR_WANT_WRITE && flushQueued()) continue;
+        // A failure shows again on the next call.
+        if (isRetry(outcome.sslError) || total > 0 || queued > 0) break;
         errno = outcome.sslError == SSL_ERROR_SYSCALL && outcome.sysErrno != 0 ? outcome.sysErrno : EIO;
         return -1;
     }
+    if (queued != 0 && !flushQueued()) m_heldPlain = queued;
     if (total > 0) return total;
     errno = EAGAIN;
     return -1;

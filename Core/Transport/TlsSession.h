@@ -25,6 +25,25 @@
 #include "TlsContext.h"
 #include "os_socket.h"
 
+// The user-space socket layer's state: its descriptor, what the last
+// recv(2) found, and an outbox for records on their way to the socket,
+// queued while one write makes several of them so that a large frame costs
+// a send(2) per four records rather than per record. Used only under the
+// session's mutex, since OpenSSL calls that layer from inside SSL_read and
+// SSL_write_ex alike.
+struct CTlsWire {
+    static constexpr size_t SIZE = 4 * 16640;  // four records, each with its header and tag
+    int fd = -1;
+    bool drained = false;  // the last recv took less than it asked for: the socket had no more
+    bool gather = false;   // set around a write of several records: queue rather than send
+    std::unique_ptr<char[]> bytes;  // the outbox, made by the first gathered write, then kept
+    size_t begin = 0, end = 0;      // what is queued and not sent yet
+
+    // Sends what is queued, without waiting. True once nothing is left;
+    // false with errno (EAGAIN: wait for writable) while some is.
+    bool flush();
+};
+
 class CTlsSession {
 public:
     enum ROLE { CLIENT, SERVER };
@@ -60,7 +79,11 @@ public:
 
     // The communication thread. Bytes read (> 0); 0 when the peer closed
     // (close_notify, or the connection's end); -1 with errno EAGAIN when
-    // nothing is there yet (wait for readable), or another errno (EIO, ECONNRESET, ...) when the link failed.
+    // nothing is there yet (wait for readable), or another errno (EIO,
+    // ECONNRESET, ...) when the link failed. EAGAIN comes without a look at
+    // the socket after a read that emptied it and the session: bytes that
+    // came since then show as readable, so the wait must be on a level,
+    // not an edge.
     int read(void* buffer, size_t size);
     // The communication thread. True when bytes wait inside the session
     // (decrypted, or records read ahead from the socket): call read again
@@ -75,7 +98,8 @@ public:
     // same parts from where this one stopped (more may follow them), as a
     // retried gathered write does: OpenSSL may hold the next bytes
     // encrypted already and expects them again. Memory per link: one record
-    // of staging once a write has small parts, beside OpenSSL's buffers.
+    // of staging once a write has small parts, and an outbox of four
+    // records once a write spans more than one, beside OpenSSL's buffers.
     long writev(const iovec* parts, int count);
 
     // Sends close_notify if the socket takes it now; never waits. Reads and
@@ -113,8 +137,18 @@ private:
     std::string m_failure;
     std::string m_peerSubject;
     std::atomic<bool> m_bKernel{false};
-    bool m_bReadStalled = false;  // the communication thread's: the last read found nothing
+    // Written by the communication thread: the last read found nothing.
+    // Atomic because a link being filed asks hasPending from the thread
+    // that files it while the communication thread may already read.
+    std::atomic<bool> m_bReadStalled{false};
+    // The communication thread's: the last read emptied both the socket and
+    // OpenSSL's buffer, so the next would find nothing.
+    bool m_bDrained = false;
     std::unique_ptr<char[]> m_staging;  // the writer's (one at a time): small parts gathered
+    CTlsWire m_wire;                    // under m_Mutex; the user-space socket layer's only
+    // The writer's: bytes OpenSSL took whose records still wait in the
+    // outbox, reported to the caller once they have left.
+    size_t m_heldPlain = 0;
 };
 
 #endif
