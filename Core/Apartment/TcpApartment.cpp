@@ -163,10 +163,10 @@ void CTcpApartment::serveLinks(DWORD dwTimeout, bool bRtConnection) {
     try {
         runPass(m_Comm[0], static_cast<int>(dwTimeout), false);
     } catch (...) {
-        m_Lead.releaseByCommThread();
+        m_Lead.releaseByCommThread(false);
         throw;
     }
-    m_Lead.releaseByCommThread();
+    m_Lead.releaseByCommThread(m_Comm[0].posted > 1 || !m_Comm[0].carried.empty());
 }
 
 bool CTcpApartment::runPass(CommThread& thread, int timeoutMs, bool bPump) {
@@ -194,6 +194,7 @@ bool CTcpApartment::runPass(CommThread& thread, int timeoutMs, bool bPump) {
         }
         links.resize(kept);
     }
+    thread.posted = 0;
     if (links.empty()) return false;
 
     MessageBatch& batch = t_batch;
@@ -214,6 +215,7 @@ bool CTcpApartment::runPass(CommThread& thread, int timeoutMs, bool bPump) {
         });
         if (framesLeft) thread.carried.push_back(link.key);
     }
+    thread.posted = batch.size();
     if (bPump) m_uintPumpMessages.fetch_add(batch.size(), std::memory_order_relaxed);
     if (!batch.empty()) postMessages(batch.data(), batch.size());
     batch.clear();
@@ -251,6 +253,8 @@ bool CTcpApartment::Leadership::takeForCommThread(DWORD dwTimeout) {
             m_bCommParked = true;
             m_Condition.wait(deadline);
             m_bCommParked = false;
+        } else if (m_bCommStreams) {
+            break;  // a stream: read on while the pump dispatches
         } else {
             // A pump that has just left its wait is most likely back at
             // once (a round trip's next request); taking the links over for
@@ -267,9 +271,10 @@ bool CTcpApartment::Leadership::takeForCommThread(DWORD dwTimeout) {
     return true;
 }
 
-void CTcpApartment::Leadership::releaseByCommThread() {
+void CTcpApartment::Leadership::releaseByCommThread(bool bStream) {
     TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
     m_bCommServing = false;
+    m_bCommStreams = bStream;
     if (m_bPumpLeads) m_Condition.notifyAll();
 }
 
@@ -278,6 +283,11 @@ bool CTcpApartment::Leadership::waitElsewhere(timespec deadline) {
         TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
         // Another thread pumps and leads, or no readiness set to wait on.
         if (m_bPumpLeads || !m_Owner.m_Comm[0].poller.valid()) return false;
+        // A stream is read on by the communication thread while this one
+        // dispatches: taking the links from it would cost both threads a
+        // hand-over per pass. The pump leads again once a pass of that
+        // thread brings a single message (a round trip's answer).
+        if (m_bCommStreams) return false;
         m_bPumpLeads = true;
         m_ulPumpThread.store(OS::Thread::current(), std::memory_order_relaxed);
         // A link handed back is served by the communication thread first.

@@ -98,6 +98,7 @@ private:
     struct CommThread {
         CLinkPoller poller;
         std::vector<CLinkPoller::Link> ready;  // the links of the pass
+        size_t posted = 0;                     // messages the last pass posted
         std::vector<uint64_t> carried;         // links with whole frames left over
         std::map<uint64_t, int> held;          // links held back, and why (CLinkBacklog)
     };
@@ -126,7 +127,9 @@ private:
         // no pump leads; false when the time ran out first. A true is
         // followed by one pass and releaseByCommThread.
         bool takeForCommThread(DWORD dwTimeout);
-        void releaseByCommThread();
+        // bStream: the pass brought more than one message, or left whole
+        // frames for the next (a stream, which that thread keeps reading).
+        void releaseByCommThread(bool bStream);
         // The pump's side (from CMessageQueue::pop, without its lock): one
         // pass over the links as their leader, waiting until the deadline,
         // a wake-up or frames. False when another pumping thread leads.
@@ -146,6 +149,7 @@ private:
         OS::TCondition m_Condition;  // leadership changes hands
         bool m_bPumpLeads = false;     // a pump holds the links or waits for them
         bool m_bCommServing = false;   // the communication thread is in a pass
+        bool m_bCommStreams = false;   // its last pass was part of a stream
         bool m_bCommParked = false;    // ... or waits for the pump to leave
         bool m_bHandBack = false;      // a link the pump may not serve is carried
         timespec m_PumpLeftAt{0, 0};
