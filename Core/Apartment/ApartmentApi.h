@@ -61,6 +61,32 @@
 // as by an orderly close (the nodes hear onApartmentOffline), with one line
 // naming the peer and the size. Both ends should agree on the maximum.
 //
+// Environment, read by apartment_initialize (details and exact lines in
+// apartment(3)); a bound that is not a whole number from 1 to 4294967295
+// keeps its default and prints one line:
+//   APARTMENT_MAX_LINKS (65536): links and connections being set up; one
+//     more is closed at once with one line.
+//   APARTMENT_MAX_QUEUED_BYTES_PER_LINK (16 MiB), APARTMENT_MAX_QUEUED_BYTES
+//     (256 MiB): received bytes waiting in the queues; a link over its bound,
+//     or every link while the total is over, is not read until dispatching
+//     has taken it below half. Real-time links are never held.
+//   APARTMENT_UNREAD_RESPONSE_MS (60000): an answer nobody collected in that
+//     time is dropped with one line; answers to requests a node never wrote,
+//     or gave up on, are not kept at all.
+//   APARTMENT_SEND_QUEUE_BYTES (0): above 0, each link queues up to that many
+//     bytes of requests, notifications and responses, and a write returns 0
+//     once its frame is queued (not sent); a full queue holds the writer
+//     under the 100 ms stall rule; a link that closes with frames queued
+//     says how many in one line. 0 keeps writes synchronous: 0 then means
+//     the bytes are with the kernel. Raw frames are never queued.
+//   APARTMENT_SAME_HOST (1): 0 keeps every link on TCP and takes no
+//     same-host name; otherwise a link to an apartment of this host goes
+//     over a Unix socket named after its URL, falling back to TCP at once.
+//   APARTMENT_TLS_CERT, APARTMENT_TLS_KEY, APARTMENT_TLS_CA (unset): all
+//     three make every link mutual TLS 1.3; a partial or unusable set makes
+//     apartment_initialize fail with one line. APARTMENT_TLS_KEYLOG names a
+//     file the session secrets are appended to.
+//
 // Out-arguments declared as references to constants (uintRequestId,
 // intResponseCode, uintBufLen, dwLen) are written all the same; the
 // declarations are kept for compatibility with existing hosts.
@@ -89,7 +115,9 @@ enum APARTMENT_RESPONSE_CODE {
 // Creates this process's apartment. "tcp://" alone picks every interface
 // and a free port; supportPassiveConnection makes it accept links. False
 // when already initialised (the running apartment is untouched), for a
-// scheme other than "tcp://", a URL over 128 characters or a port in use.
+// scheme other than "tcp://", a URL over 128 characters, a port in use, a
+// same-host name taken by another process, or unusable TLS settings (see
+// Environment above).
 APARTMENT_API bool apartment_initialize(const char* strApartmentUrl, bool supportPassiveConnection);
 // Stops timers, threads and links and releases everything.
 APARTMENT_API void apartment_uninitialize();
@@ -150,6 +178,8 @@ APARTMENT_API int apartment_raw_write(const char* strApartmentUrl,
 // and remote URLs must be pure ASCII (else -4), and the frame no larger
 // than the link's maximum (see Frame size above; else -4). A request opens
 // the link on first use; the new request id is written to uintRequestId.
+// 0 means the frame is with the kernel, or, with APARTMENT_SEND_QUEUE_BYTES
+// above 0, in the link's send queue (see Environment above).
 APARTMENT_API int apartment_node_write_request(const char* strApartmentUrl,
                                                const char* strNodeUrl,
                                                const char* strRemoteApartmentUrl,
