@@ -522,8 +522,15 @@ TEST_F(MessageLoop, StoredResponsesStayAndTheFirstWins) {
 // An answer from a link is kept only while its request is awaited: rows of
 // what requesters do, each with whether its answer can still be read.
 TEST_F(MessageLoop, OnlyAnswersThatSomeoneWaitsForAreKept) {
-    CApartmentNode* n = awaiting({});
-    n->setUnreadLimit(600);
+    // A node's unread limit is its apartment's, read from the environment.
+    node = CReference<IApartmentNode>();
+    recorder = CReference<Recorder>();
+    apartment = CReference<IApartment>();
+    Registry::manager()->removeAllApartments();
+    setenv("APARTMENT_UNREAD_RESPONSE_MS", "600", 1);
+    SetUp();
+    unsetenv("APARTMENT_UNREAD_RESPONSE_MS");
+    awaiting({});
     int code = 0;
     unsigned int size = 0;
     char buffer[8];
