@@ -939,8 +939,9 @@ TEST_F(Connection, RealTimeLoopbackAndRealTimePeerAtOnce) {
 }
 
 // A thread that waits for its response reads it off the link itself: the
-// frame it waits for costs no wake-up of another thread. The request is
-// answered late enough that the asker is already waiting on the link.
+// frame it waits for costs no wake-up of another thread, also after a
+// stream that the communication thread read. The request is answered late
+// enough that the asker is already waiting on the link.
 TEST_F(Connection, AResponseAwaitedOnTheLinkIsReadByTheWaitingThread) {
     CReference<Recorder> server = addNode(b, "node");
     std::thread::id answeredOn;
@@ -955,6 +956,14 @@ TEST_F(Connection, AResponseAwaitedOnTheLinkIsReadByTheWaitingThread) {
     CReference<IApartmentNode> node(a->findApartmentNode("src"));
     ASSERT_TRUE(a->connectApartment(urlB.c_str(), false));
     ASSERT_TRUE(bSeesA(false));
+    char data[] = "hello";
+    for (int i = 0; i < 300; ++i) {
+        unsigned int notification = 0;
+        ASSERT_TRUE(b->writeRequestFrame("node", urlA.c_str(), "src", data, 5, false, notification,
+                                         false));
+    }
+    ASSERT_TRUE(pumpUntil(a, [&] { return asker->requestCount() == 300; }, 5000));
+    pumpUntil(a, [] { return false; }, 250);  // quiet: the stream has ended
     std::thread::id pumping;
     std::thread responder([&] {
         pumping = std::this_thread::get_id();
@@ -963,7 +972,6 @@ TEST_F(Connection, AResponseAwaitedOnTheLinkIsReadByTheWaitingThread) {
     CTcpApartment* tcp = dynamic_cast<CTcpApartment*>(a.operator->());
     ASSERT_NE(tcp, nullptr);
     const unsigned long long before = tcp->messagesReadByPump();
-    char data[] = "hello";
     unsigned int id = 0;
     ASSERT_TRUE(a->writeRequestFrame("src", urlB.c_str(), "node", data, 5, false, id, true));
     int code = -1;
