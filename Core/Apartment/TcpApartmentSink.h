@@ -161,6 +161,11 @@ public:
     // unless the link holds a partial frame of its own: a reader calls
     // settleReadBuffer before it leaves the link.
     READ_RESULT readAvailable(unsigned int uintMost = 0xFFFFFFFFu);
+    // Owning thread only. The last READ_DATA took fewer bytes than it had
+    // room for from a plaintext socket, which therefore held no more at that
+    // moment: another read before the next wait would find nothing (bytes
+    // that come meanwhile show as readiness again).
+    bool readDrained() const { return m_bReadDrained; }
     // Owning thread only. Gives back the borrowed read buffer: bytes of an
     // incomplete frame still in it move to a buffer of the link's own, just
     // large enough for that frame, and a buffer of its own that holds
@@ -253,6 +258,7 @@ protected:
     bool m_bBorrowedBuffer;               // m_pReceiveBuffer is the reading thread's
     unsigned int m_uintReadBegin;
     unsigned int m_uintReadEnd;
+    bool m_bReadDrained = false;
     char* m_pLargePayload;  // a payload too large for the read buffer
     unsigned int m_uintLargePayloadFill;
     unsigned int m_uintMaxFrameSize;
