@@ -236,6 +236,12 @@ CTcpApartment::Leadership::Leadership(CTcpApartment& owner)
     m_Condition.bindMutex(&m_Mutex);
 }
 
+timespec CTcpApartment::Leadership::afterGrace(timespec at) {
+    at.tv_nsec += HAND_BACK_GRACE_US * 1000L;
+    OS::Clock::adjustClockTime(&at);
+    return at;
+}
+
 bool CTcpApartment::Leadership::takeForCommThread(DWORD dwTimeout) {
     TAutoMutex<OS::TBaseMutex> lock(&m_Mutex);
     const timespec deadline = OS::Clock::monotonicDeadline(dwTimeout);
@@ -247,21 +253,26 @@ bool CTcpApartment::Leadership::takeForCommThread(DWORD dwTimeout) {
             break;
         }
         if (m_bPumpLeads) {
-            // Until the pump leaves its wait (which wakes us), or the pass
-            // is over: no wake-up of an idle host is added to today's one
-            // per pass.
-            m_bCommParked = true;
-            m_Condition.wait(deadline);
-            m_bCommParked = false;
+            // A pump that has led for a grace period (an idle host) calls
+            // us when it leaves, and its wait costs no wake-up of ours; one
+            // that comes and goes (round trips, a stream it reads itself)
+            // is looked at once a grace period instead of calling us at
+            // every leave, which would cost both threads a switch each time.
+            const timespec settled = afterGrace(m_PumpLedAt);
+            if (!OS::Clock::isEarlier(OS::Clock::monotonicNow(), settled)) {
+                m_bCommParked = true;
+                m_Condition.wait(deadline);
+                m_bCommParked = false;
+            } else {
+                m_Condition.wait(OS::Clock::isEarlier(settled, deadline) ? settled : deadline);
+            }
         } else if (m_bCommStreams) {
             break;  // a stream: read on while the pump dispatches
         } else {
             // A pump that has just left its wait is most likely back at
             // once (a round trip's next request); taking the links over for
             // that moment would cost both threads a wake-up each time.
-            timespec grace = m_PumpLeftAt;
-            grace.tv_nsec += HAND_BACK_GRACE_US * 1000L;
-            OS::Clock::adjustClockTime(&grace);
+            const timespec grace = afterGrace(m_PumpLeftAt);
             if (!OS::Clock::isEarlier(OS::Clock::monotonicNow(), grace)) break;
             m_Condition.wait(OS::Clock::isEarlier(grace, deadline) ? grace : deadline);
         }
@@ -289,6 +300,7 @@ bool CTcpApartment::Leadership::waitElsewhere(timespec deadline) {
         // thread brings a single message (a round trip's answer).
         if (m_bCommStreams) return false;
         m_bPumpLeads = true;
+        m_PumpLedAt = OS::Clock::monotonicNow();
         m_ulPumpThread.store(OS::Thread::current(), std::memory_order_relaxed);
         // A link handed back is served by the communication thread first.
         bool waitedForPass = false;

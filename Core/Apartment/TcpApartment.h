@@ -141,6 +141,7 @@ private:
         // thread when it is parked and a callback may follow (not after a
         // wait that ran out), or when it must take a link at once.
         void leave(bool bHandBack, bool bRanOut);
+        static timespec afterGrace(timespec at);
 
         CTcpApartment& m_Owner;
         // A leaf but for the poller's wake-up: guards the fields below but
@@ -150,8 +151,9 @@ private:
         bool m_bPumpLeads = false;     // a pump holds the links or waits for them
         bool m_bCommServing = false;   // the communication thread is in a pass
         bool m_bCommStreams = false;   // its last pass was part of a stream
-        bool m_bCommParked = false;    // ... or waits for the pump to leave
+        bool m_bCommParked = false;    // ... or waits to be called when the pump leaves
         bool m_bHandBack = false;      // a link the pump may not serve is carried
+        timespec m_PumpLedAt{0, 0};
         timespec m_PumpLeftAt{0, 0};
         std::atomic<unsigned long> m_ulPumpThread;
     };
