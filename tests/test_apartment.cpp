@@ -983,6 +983,37 @@ TEST_F(Connection, AResponseAwaitedOnTheLinkIsReadByTheWaitingThread) {
     EXPECT_GT(tcp->messagesReadByPump(), before);
 }
 
+// A pump that led the links hands them back while it runs a callback: a
+// peer's write larger than the sockets hold completes during a long
+// callback, instead of stalling until its link is condemned.
+TEST_F(Connection, LinksAreReadWhileThePumpRunsALongCallback) {
+    CReference<Recorder> node = addNode(a, "node");
+    std::atomic<bool> busy{false};
+    node->onRequest([&](const Recorder::Request& r) {
+        if (r.data != "wait") return;
+        busy = true;
+        sleepMs(600);
+    });
+    addNode(b, "src");
+    ASSERT_TRUE(b->connectApartment(urlA.c_str(), false));
+    ASSERT_TRUE(pumpUntil(a, [&] { return a->hasConnection(urlB.c_str(), false); }));
+    bool written = false;
+    std::thread writer([&] {
+        for (int i = 0; i < 600 && !busy; ++i) sleepMs(5);
+        sleepMs(50);  // the pump is well into its callback
+        std::string big(24u << 20, 'x');
+        unsigned int id = 0;
+        written = b->writeRequestFrame("src", urlA.c_str(), "node", &big[0],
+                                       static_cast<unsigned int>(big.size()), false, id, false);
+    });
+    char wait[] = "wait";
+    unsigned int id = 0;
+    ASSERT_TRUE(b->writeRequestFrame("src", urlA.c_str(), "node", wait, 4, false, id, false));
+    EXPECT_TRUE(pumpUntil(a, [&] { return node->requestCount() == 2; }, 5000));
+    writer.join();
+    EXPECT_TRUE(written);
+}
+
 // A node may drop itself (or another node) when it hears that a peer went
 // away: the notice round must survive the node map changing under it.
 TEST_F(Connection, NodesMayBeDestroyedFromAnOfflineNotice) {
