@@ -668,7 +668,7 @@ CTcpApartmentSink::READ_RESULT CTcpApartmentSink::readAvailable(unsigned int uin
         // A closed link's descriptor number may already be another's.
         if (m_Socket.getSockFd() == -1) return READ_FAILED;
         received = m_pTls->read(into, room);
-        m_bReadDrained = false;  // records may wait decrypted in the session
+        m_bReadDrained = received > 0 && m_pTls->takeDrained();
     } else {
         received = m_Socket.receive(into, static_cast<int>(room), 0);
         m_bReadDrained = received > 0 && static_cast<unsigned int>(received) < room;

@@ -161,10 +161,11 @@ public:
     // unless the link holds a partial frame of its own: a reader calls
     // settleReadBuffer before it leaves the link.
     READ_RESULT readAvailable(unsigned int uintMost = 0xFFFFFFFFu);
-    // Owning thread only. The last READ_DATA took fewer bytes than it had
-    // room for from a plaintext socket, which therefore held no more at that
-    // moment: another read before the next wait would find nothing (bytes
-    // that come meanwhile show as readiness again).
+    // Owning thread only. The last READ_DATA left nothing to read: a
+    // plaintext socket gave fewer bytes than there was room for, or the TLS
+    // session says it and its socket are empty. Another read before the
+    // next wait would find nothing (bytes that come meanwhile show as
+    // readiness again).
     bool readDrained() const { return m_bReadDrained; }
     // Owning thread only. Gives back the borrowed read buffer: bytes of an
     // incomplete frame still in it move to a buffer of the link's own, just

@@ -275,18 +275,23 @@ bool CTlsSession::hasPending() {
     return SSL_has_pending(m_pSsl) == 1;
 }
 
+bool CTlsSession::takeDrained() {
+    if (!m_bDrained) return false;
+    m_bDrained = false;
+    m_bReadStalled.store(true, std::memory_order_relaxed);
+    return true;
+}
+
 int CTlsSession::read(void* buffer, size_t size) {
     if (m_pSsl == nullptr) {
         errno = EIO;
         return -1;
     }
     const int want = size > INT_MAX ? INT_MAX : static_cast<int>(size);
-    if (m_bDrained) {
+    if (takeDrained()) {
         // What this read would find is EAGAIN, at the cost of an OpenSSL
         // call and a recv(2) on every frame's path. The poller is level-
         // triggered: bytes that came meanwhile show as readable.
-        m_bDrained = false;
-        m_bReadStalled.store(true, std::memory_order_relaxed);
         errno = EAGAIN;
         return -1;
     }

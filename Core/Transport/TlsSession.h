@@ -90,6 +90,10 @@ public:
     // before waiting on the socket, whose readiness no longer shows them.
     // False after a read that answered EAGAIN, until a read brings bytes.
     bool hasPending();
+    // The communication thread. Whether the last read emptied both the
+    // socket and the session, so that the next would answer EAGAIN; a true
+    // counts as that read, which the caller then need not make.
+    bool takeDrained();
 
     // One writer at a time. Writes the parts in order, as much as the
     // socket takes now: the count of bytes consumed (> 0), or -1 with errno
