@@ -594,6 +594,15 @@ TEST_F(MessageLoop, OnlyAnswersThatSomeoneWaitsForAreKept) {
     const std::string late = testing::internal::GetCapturedStdout();
     EXPECT_NE(late.find("response(s) dropped unread after 600 ms"), std::string::npos) << late;
     EXPECT_FALSE(read(70, 0));
+    // Answers handed out leave nothing behind, however fast they come.
+    CApartmentNode* const kept = awaiting({});
+    const size_t held = kept->bookkept();
+    for (unsigned int id = 100; id < 200; ++id) {
+        awaiting({id});
+        answer(id);
+        EXPECT_TRUE(read(id, 0) && node->removeResponse(id)) << id;
+    }
+    EXPECT_EQ(held, kept->bookkept());
 }
 
 // Without a response, a zero time-out fails at once, also while another

@@ -124,8 +124,7 @@ CApartmentNode::ANSWER CApartmentNode::acceptResponse(unsigned int uintRequestId
     m_responseDataMap.emplace(uintRequestId, CReference<IApartmentNodeResponseData>(
                                                  new CApartmentNodeResponseData(
                                                      intResponseCode, pResponseBuffer, uintBufLen)));
-    m_ExpiresAt[uintRequestId] = _EXPIRY{expires, givenUp};
-    m_Expiries.emplace(expires, uintRequestId);
+    m_ExpiresAt[uintRequestId] = m_Expiries.emplace(expires, _EXPIRY{uintRequestId, givenUp});
     m_QueueNotEmptyCondition.notifyAll();
     return ANSWER_STORED;
 }
@@ -134,13 +133,10 @@ void CApartmentNode::sweepLocked(long long llNow,
                                  std::vector<CReference<IApartmentNodeResponseData>>& dropped) {
     size_t unread = 0;
     while (!m_Expiries.empty() && m_Expiries.begin()->first <= llNow) {
-        const long long expiry = m_Expiries.begin()->first;
-        const unsigned int id = m_Expiries.begin()->second;
+        const unsigned int id = m_Expiries.begin()->second.m_uintRequestId;
+        const bool quiet = m_Expiries.begin()->second.m_bQuiet;
         m_Expiries.erase(m_Expiries.begin());
-        auto at = m_ExpiresAt.find(id);
-        if (at == m_ExpiresAt.end() || at->second.m_llAt != expiry) continue;  // removed since
-        const bool quiet = at->second.m_bQuiet;
-        m_ExpiresAt.erase(at);
+        m_ExpiresAt.erase(id);
         auto data = m_responseDataMap.find(id);
         if (data == m_responseDataMap.end()) continue;
         dropped.push_back(data->second);
@@ -245,12 +241,21 @@ bool CApartmentNode::removeResponse(unsigned int uintRequestId) {
     CReference<IApartmentNodeResponseData> removed;
     TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
     m_Awaited.erase(uintRequestId);  // handed out: a second answer is not awaited
-    m_ExpiresAt.erase(uintRequestId);
+    auto at = m_ExpiresAt.find(uintRequestId);
+    if (at != m_ExpiresAt.end()) {
+        m_Expiries.erase(at->second);
+        m_ExpiresAt.erase(at);
+    }
     auto it = m_responseDataMap.find(uintRequestId);
     if (it == m_responseDataMap.end()) return false;
     removed = it->second;  // released after the mutex, when `lock` has gone
     m_responseDataMap.erase(it);
     return true;
+}
+
+size_t CApartmentNode::bookkept() {
+    TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
+    return m_Awaited.size() + m_responseDataMap.size() + m_Expiries.size() + m_ExpiresAt.size();
 }
 
 unsigned int CApartmentNode::setTimer(unsigned int uintLagTime, unsigned int uintInterval) {

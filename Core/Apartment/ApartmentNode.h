@@ -87,6 +87,8 @@ public:
     unsigned int setSingleTimer(unsigned int uintLagTime) override;
     bool killTimer(unsigned int uintTimerId) override;
     void killAllTimer();
+    // Entries held for requests and answers, all kinds together (tests).
+    size_t bookkept();
 
 private:
     // A request written and not yet answered.
@@ -96,11 +98,13 @@ private:
         unsigned int m_uintReaders = 0;  // reads of it under way
     };
 
-    // When a kept answer expires; quietly for one to a given-up request.
+    // A kept answer's place in the order of expiry; quietly for one to a
+    // given-up request.
     struct _EXPIRY {
-        long long m_llAt;
+        unsigned int m_uintRequestId;
         bool m_bQuiet;
     };
+    typedef std::multimap<long long, _EXPIRY> Expiries;
 
     CReference<IApartmentNodeCallback> callback();
     CReference<IApartmentNodeResponseData> findResponse(unsigned int uintRequestId);
@@ -120,13 +124,14 @@ private:
     OS::TBaseMutex m_DataMutex;
     OS::TCondition m_QueueNotEmptyCondition;
     std::map<unsigned int, CReference<IApartmentNodeResponseData>> m_responseDataMap;
-    // Also under m_DataMutex: the requests awaited; when each answer that
-    // acceptResponse kept expires, and the same by time (entries whose
-    // answer went meanwhile are skipped); when the awaited requests are
-    // next looked over.
+    // Also under m_DataMutex: the requests awaited; the answers that
+    // acceptResponse kept, by time of expiry, and where each one's entry
+    // is (removed with its answer, so that what is held follows what is
+    // unread, not the rate of answers); when the awaited requests are next
+    // looked over.
     std::unordered_map<unsigned int, _AWAITED> m_Awaited;
-    std::unordered_map<unsigned int, _EXPIRY> m_ExpiresAt;
-    std::multimap<long long, unsigned int> m_Expiries;
+    Expiries m_Expiries;
+    std::unordered_map<unsigned int, Expiries::iterator> m_ExpiresAt;
     long long m_llNextAwaitedSweep = 0;
     unsigned int m_uintUnreadLimitMs = DEFAULT_UNREAD_RESPONSE_MS;
     // Guards m_timerIdSet (host threads set and kill timers while the
