@@ -26,10 +26,9 @@ public:
     // UNEXPECTED_VALUE_ERROR before anything is written.
     void text(const char* pText) {
         if (pText == nullptr) fail(StreamException::UNEXPECTED_VALUE_ERROR);
-        size_t length = 0;
-        for (; pText[length] != '\0'; ++length)
-            if (static_cast<unsigned char>(pText[length]) >= 0x80)
-                fail(StreamException::UNEXPECTED_VALUE_ERROR);
+        const size_t length = std::strlen(pText);
+        if (!OS::CLibrary::String::isAsciiText(pText, length))
+            fail(StreamException::UNEXPECTED_VALUE_ERROR);
         m_texts[m_count++] = Text{pText, length};
     }
     // The sender's own URL: carried as UTF-8.

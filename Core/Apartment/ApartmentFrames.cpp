@@ -188,20 +188,24 @@ namespace {
 // callback may pump, and so parse the next request, before its own returns),
 // kept across frames so that their strings keep their room: the fields of a
 // request then cost no allocation.
-thread_local std::vector<std::unique_ptr<APARTMENT_REQUEST_PAYLOAD>> t_requests;
-thread_local size_t t_requestDepth = 0;
+struct ThreadRequests {
+    std::vector<std::unique_ptr<APARTMENT_REQUEST_PAYLOAD>> parsed;
+    size_t depth = 0;
+};
+thread_local ThreadRequests t_requests;
 
 class RequestSlot {
 public:
-    RequestSlot() {
-        if (t_requests.size() <= t_requestDepth)
-            t_requests.emplace_back(new APARTMENT_REQUEST_PAYLOAD());
-        m_pRequest = t_requests[t_requestDepth++].get();
+    RequestSlot() : m_Requests(t_requests) {
+        if (m_Requests.parsed.size() <= m_Requests.depth)
+            m_Requests.parsed.emplace_back(new APARTMENT_REQUEST_PAYLOAD());
+        m_pRequest = m_Requests.parsed[m_Requests.depth++].get();
     }
-    ~RequestSlot() { --t_requestDepth; }
+    ~RequestSlot() { --m_Requests.depth; }
     APARTMENT_REQUEST_PAYLOAD& request() { return *m_pRequest; }
 
 private:
+    ThreadRequests& m_Requests;  // looked up once
     APARTMENT_REQUEST_PAYLOAD* m_pRequest;
 };
 }  // namespace
@@ -232,8 +236,15 @@ void CApartment::onRequestFrameArrived(IApartmentFrame* pFrame) {
                          request.m_uintDataSize, request.m_bRequireResponse);
 }
 
+namespace {
+// The dispatching thread's parsed response, kept for the room of its
+// strings as requests are (storing an answer calls out to nobody, so one
+// level is enough).
+thread_local APARTMENT_RESPONSE_PAYLOAD t_response;
+}  // namespace
+
 void CApartment::onResponseFrameArrived(IApartmentFrame* pFrame) {
-    APARTMENT_RESPONSE_PAYLOAD response;
+    APARTMENT_RESPONSE_PAYLOAD& response = t_response;
     if (!CApartmentFrameCodec::parseResponsePayload(pFrame->getFrameBuffer(),
                                                     pFrame->getFrameSize(), response))
         return;

@@ -101,7 +101,7 @@ bool CTcpApartment::watchLink(IApartmentSink* pSink, bool bRtThread) {
     // Frames of the real-time thread's links never wait in the queues.
     if (!bRtThread && !tcp->backlog()) tcp->setBacklog(std::make_shared<CLinkBacklog>(queueBudget()));
     CLinkPoller& poller = m_Comm[bRtThread ? 1 : 0].poller;
-    if (!poller.watch(pSink, tcp->getSocketFd())) return false;
+    if (!poller.watch(pSink, tcp->getSocketFd(), tcp)) return false;
     // Raw frames on a real-time link are never queued.
     if (!bRtThread && !pSink->getRTConnection() && sendQueueBytes() != 0)
         tcp->enableSendQueue(sendQueueBytes(), &poller);
@@ -121,8 +121,8 @@ void CTcpApartment::resumeHeldLinks(CommThread& thread) {
             it = thread.held.erase(it);
             continue;
         }
-        CTcpApartmentSink* tcp = dynamic_cast<CTcpApartmentSink*>(link.sink);
-        if (lift || tcp == nullptr || !tcp->backlog() || tcp->backlog()->mayResume(it->second)) {
+        CTcpApartmentSink* tcp = static_cast<CTcpApartmentSink*>(link.context);
+        if (lift || !tcp->backlog() || tcp->backlog()->mayResume(it->second)) {
             thread.poller.resume(it->first);
             --queueBudget()->m_heldLinks;
             it = thread.held.erase(it);
@@ -377,8 +377,8 @@ void CTcpApartment::Leadership::wake() {
 bool CTcpApartment::serveLink(CommThread& thread, const CLinkPoller::Link& link,
                               MessageBatch& batch) {
     IApartmentSink* pSink = link.sink;
-    CTcpApartmentSink* tcp = dynamic_cast<CTcpApartmentSink*>(pSink);
-    if (tcp == nullptr || pSink->isSinkClosed()) return false;
+    CTcpApartmentSink* tcp = static_cast<CTcpApartmentSink*>(link.context);  // see watchLink
+    if (pSink->isSinkClosed()) return false;
     // Room again for what its writers queued; with nothing to read
     // reported, the socket is not asked.
     if ((link.events & OS_POLLER_WRITE) != 0) {

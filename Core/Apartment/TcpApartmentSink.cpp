@@ -70,8 +70,12 @@ void pauseMicroseconds(long us) {
 // The read buffer of the calling thread, lent to one link at a time (see
 // settleReadBuffer), and the link that holds it; null when none could be
 // had.
-thread_local std::unique_ptr<char[]> t_readBuffer;
-thread_local CTcpApartmentSink* t_readBufferHolder = nullptr;
+// One thread-local object, so that a function finds both with one look-up.
+struct ThreadReadBuffer {
+    std::unique_ptr<char[]> buffer;
+    CTcpApartmentSink* holder = nullptr;
+};
+thread_local ThreadReadBuffer t_read;
 
 unsigned int readU32(const char* p) {
     unsigned int value;
@@ -867,14 +871,14 @@ bool CTcpApartmentSink::_ensureReceiveBuffer() {
     if (m_pReceiveBuffer != nullptr && (m_bBorrowedBuffer || m_uintReadEnd != m_uintReadBegin))
         return true;
     if (m_pReceiveBuffer != nullptr) _releaseReadBuffer();  // its frame is taken: borrow again
-    if (!t_readBuffer) t_readBuffer.reset(new (std::nothrow) char[READ_BUFFER_SIZE]);
-    if (!t_readBuffer) return false;
+    ThreadReadBuffer& read = t_read;
+    if (!read.buffer) read.buffer.reset(new (std::nothrow) char[READ_BUFFER_SIZE]);
+    if (!read.buffer) return false;
     // Another link of this thread that was not settled gives it back first.
-    if (t_readBufferHolder != nullptr && t_readBufferHolder != this &&
-        !t_readBufferHolder->settleReadBuffer())
+    if (read.holder != nullptr && read.holder != this && !read.holder->settleReadBuffer())
         return false;
-    t_readBufferHolder = this;
-    m_pReceiveBuffer = t_readBuffer.get();
+    read.holder = this;
+    m_pReceiveBuffer = read.buffer.get();
     m_bBorrowedBuffer = true;
     m_uintReceiveBufferSize = READ_BUFFER_SIZE;
     m_uintReadBegin = m_uintReadEnd = 0;
@@ -899,7 +903,7 @@ bool CTcpApartmentSink::settleReadBuffer() {
     char* own = new (std::nothrow) char[capacity];
     if (own == nullptr) return false;
     std::memcpy(own, m_pReceiveBuffer + m_uintReadBegin, held);
-    if (t_readBufferHolder == this) t_readBufferHolder = nullptr;
+    if (t_read.holder == this) t_read.holder = nullptr;
     m_pReceiveBuffer = own;
     m_bBorrowedBuffer = false;
     m_uintReceiveBufferSize = capacity;
@@ -910,7 +914,7 @@ bool CTcpApartmentSink::settleReadBuffer() {
 
 void CTcpApartmentSink::_releaseReadBuffer() {
     if (m_bBorrowedBuffer) {
-        if (t_readBufferHolder == this) t_readBufferHolder = nullptr;
+        if (t_read.holder == this) t_read.holder = nullptr;
         m_pReceiveBuffer = nullptr;
         m_bBorrowedBuffer = false;
     }

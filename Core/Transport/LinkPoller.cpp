@@ -24,12 +24,12 @@ CLinkPoller::~CLinkPoller() {
     os_poller_close(m_intPoller);
 }
 
-bool CLinkPoller::watch(IApartmentSink* pSink, int fd) {
+bool CLinkPoller::watch(IApartmentSink* pSink, int fd, void* context) {
     if (pSink == nullptr || fd < 0 || !valid()) return false;
     Lock lock(&m_Mutex);
     if (m_Keys.count(pSink) != 0) return false;
     const uint64_t key = m_uintNextKey++;
-    m_Entries.emplace(key, Entry{pSink, fd, false, false});
+    m_Entries.emplace(key, Entry{pSink, context, fd, false, false});
     m_Keys.emplace(pSink, key);
     if (os_poller_add(m_intPoller, fd, OS_POLLER_READ, key) != 0) {
         m_Entries.erase(key);
@@ -112,7 +112,7 @@ bool CLinkPoller::wait(int timeoutMs, std::vector<Link>& ready) {
         auto it = m_Entries.find(events[i].key);
         if (it == m_Entries.end()) continue;  // forgotten since the kernel reported it
         it->second.sink->addRef();
-        ready.push_back(Link{it->second.sink, events[i].key, events[i].events});
+        ready.push_back(Link{it->second.sink, events[i].key, events[i].events, it->second.context});
     }
     for (uint64_t key : m_Nudged) {
         auto it = m_Entries.find(key);
@@ -121,7 +121,7 @@ bool CLinkPoller::wait(int timeoutMs, std::vector<Link>& ready) {
         for (int i = 0; i < count && !reported; ++i) reported = events[i].key == key;
         if (reported) continue;
         it->second.sink->addRef();
-        ready.push_back(Link{it->second.sink, key, OS_POLLER_READ});
+        ready.push_back(Link{it->second.sink, key, OS_POLLER_READ, it->second.context});
     }
     m_Nudged.clear();
     return true;
@@ -132,7 +132,7 @@ bool CLinkPoller::lookup(uint64_t key, Link& link) {
     auto it = m_Entries.find(key);
     if (it == m_Entries.end()) return false;
     it->second.sink->addRef();
-    link = Link{it->second.sink, key, 0};
+    link = Link{it->second.sink, key, 0, it->second.context};
     return true;
 }
 

@@ -32,11 +32,13 @@
 class CLinkPoller {
 public:
     // A ready link: the sink carries one reference for the caller; events
-    // are the OS_POLLER_* bits reported (0 from lookup).
+    // are the OS_POLLER_* bits reported (0 from lookup); context is what
+    // the watcher gave at watch, so that it needs no cast per report.
     struct Link {
         IApartmentSink* sink;
         uint64_t key;
         uint32_t events;
+        void* context;
     };
 
     CLinkPoller();
@@ -51,7 +53,7 @@ public:
     // Registers the sink's descriptor for reading. False (nothing
     // registered) for a sink already watched here, a negative descriptor
     // or a refusal of the system.
-    bool watch(IApartmentSink* pSink, int fd);
+    bool watch(IApartmentSink* pSink, int fd, void* context = nullptr);
     // Forgets the sink, if watched. Its descriptor must still be open.
     void unwatch(IApartmentSink* pSink);
     // Stops and restarts reporting a watched link (a link held back keeps
@@ -84,6 +86,7 @@ public:
 private:
     struct Entry {
         IApartmentSink* sink;
+        void* context;
         int fd;
         bool paused;
         bool write;
