@@ -602,7 +602,7 @@ TEST_F(MessageLoop, OnlyAnswersThatSomeoneWaitsForAreKept) {
         answer(id);
         EXPECT_TRUE(read(id, 0) && node->removeResponse(id)) << id;
     }
-    EXPECT_EQ(held, kept->bookkept());
+    EXPECT_LE(kept->bookkept(), held);
 }
 
 // Without a response, a zero time-out fails at once, also while another

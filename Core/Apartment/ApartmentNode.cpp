@@ -77,8 +77,10 @@ bool CApartmentNode::addResponse(unsigned int uintRequestId, int intResponseCode
         new CApartmentNodeResponseData(intResponseCode, pResponseBuffer, uintBufLen));
     {
         TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
-        if (m_responseDataMap.count(uintRequestId) != 0) return false;
-        m_responseDataMap.emplace(uintRequestId, data);
+        _REQUEST& request = m_Requests[uintRequestId];
+        if (!request.m_Answer.nil()) return false;
+        request.m_Answer = data;
+        request.m_llExpiresAt = 0;
         m_QueueNotEmptyCondition.notifyAll();
     }
     return true;
@@ -86,18 +88,30 @@ bool CApartmentNode::addResponse(unsigned int uintRequestId, int intResponseCode
 
 CReference<IApartmentNodeResponseData> CApartmentNode::findResponse(unsigned int uintRequestId) {
     TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
-    auto it = m_responseDataMap.find(uintRequestId);
-    return it == m_responseDataMap.end() ? CReference<IApartmentNodeResponseData>() : it->second;
+    auto it = m_Requests.find(uintRequestId);
+    if (it == m_Requests.end() ||
+        (it->second.m_llExpiresAt != 0 && it->second.m_llExpiresAt <= nowNs()))
+        return CReference<IApartmentNodeResponseData>();
+    return it->second.m_Answer;
 }
 
 void CApartmentNode::expectResponse(unsigned int uintRequestId) {
     TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
-    m_Awaited[uintRequestId].m_llSince = nowNs();
+    _REQUEST& request = m_Requests[uintRequestId];
+    if (!request.m_bAwaited) request.m_uintReaders = 0;  // a read of an earlier answer ended long ago
+    request.m_bAwaited = true;
+    request.m_bGivenUp = false;
+    request.m_llSince = nowNs();
 }
 
 void CApartmentNode::forgetResponse(unsigned int uintRequestId) {
     TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
-    m_Awaited.erase(uintRequestId);
+    auto it = m_Requests.find(uintRequestId);
+    if (it == m_Requests.end()) return;
+    if (it->second.m_Answer.nil())
+        m_Requests.erase(it);
+    else
+        it->second.m_bAwaited = false;
 }
 
 CApartmentNode::ANSWER CApartmentNode::acceptResponse(unsigned int uintRequestId,
@@ -108,59 +122,59 @@ CApartmentNode::ANSWER CApartmentNode::acceptResponse(unsigned int uintRequestId
     TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
     const long long now = nowNs();
     sweepLocked(now, dropped);
-    if (m_responseDataMap.count(uintRequestId) != 0) return ANSWER_DUPLICATE;
-    auto awaited = m_Awaited.find(uintRequestId);
-    if (awaited == m_Awaited.end()) return ANSWER_UNEXPECTED;
+    auto it = m_Requests.find(uintRequestId);
+    if (it == m_Requests.end()) return ANSWER_UNEXPECTED;
+    _REQUEST& request = it->second;
+    if (!request.m_Answer.nil()) return ANSWER_DUPLICATE;
+    if (!request.m_bAwaited) return ANSWER_UNEXPECTED;
     long long expires = now + static_cast<long long>(m_uintUnreadLimitMs) * NS_PER_MS;
-    const bool givenUp = awaited->second.m_bGivenUp;
-    if (givenUp) {
-        expires = awaited->second.m_llSince + GIVE_UP_GRACE_MS * NS_PER_MS;
+    if (request.m_bGivenUp) {
+        expires = request.m_llSince + GIVE_UP_GRACE_MS * NS_PER_MS;
         if (expires <= now) {
-            m_Awaited.erase(awaited);
+            m_Requests.erase(it);
             return ANSWER_UNEXPECTED;
         }
     }
-    m_Awaited.erase(awaited);
-    m_responseDataMap.emplace(uintRequestId, CReference<IApartmentNodeResponseData>(
-                                                 new CApartmentNodeResponseData(
-                                                     intResponseCode, pResponseBuffer, uintBufLen)));
-    m_ExpiresAt[uintRequestId] = m_Expiries.emplace(expires, _EXPIRY{uintRequestId, givenUp});
+    request.m_Answer = CReference<IApartmentNodeResponseData>(
+        new CApartmentNodeResponseData(intResponseCode, pResponseBuffer, uintBufLen));
+    request.m_llExpiresAt = expires;
+    request.m_bQuiet = request.m_bGivenUp;
+    request.m_bAwaited = false;
     m_QueueNotEmptyCondition.notifyAll();
     return ANSWER_STORED;
 }
 
 void CApartmentNode::sweepLocked(long long llNow,
                                  std::vector<CReference<IApartmentNodeResponseData>>& dropped) {
+    if (llNow < m_llNextSweep) return;
+    const long long limit = static_cast<long long>(m_uintUnreadLimitMs) * NS_PER_MS;
+    // A quarter of the limit, at most a second: what waits past its time
+    // is held that much longer at most.
+    m_llNextSweep = llNow + (limit / 4 > 1000 * NS_PER_MS ? 1000 * NS_PER_MS : limit / 4);
     size_t unread = 0;
-    while (!m_Expiries.empty() && m_Expiries.begin()->first <= llNow) {
-        const unsigned int id = m_Expiries.begin()->second.m_uintRequestId;
-        const bool quiet = m_Expiries.begin()->second.m_bQuiet;
-        m_Expiries.erase(m_Expiries.begin());
-        m_ExpiresAt.erase(id);
-        auto data = m_responseDataMap.find(id);
-        if (data == m_responseDataMap.end()) continue;
-        dropped.push_back(data->second);
-        m_responseDataMap.erase(data);
-        // Answers to given-up requests go quietly: their requester moved on.
-        if (!quiet) ++unread;
+    for (auto it = m_Requests.begin(); it != m_Requests.end();) {
+        _REQUEST& request = it->second;
+        if (!request.m_Answer.nil()) {
+            if (request.m_llExpiresAt != 0 && request.m_llExpiresAt <= llNow) {
+                dropped.push_back(request.m_Answer);
+                // Answers to given-up requests go quietly: their requester moved on.
+                if (!request.m_bQuiet) ++unread;
+                it = m_Requests.erase(it);
+                continue;
+            }
+        } else if (request.m_bAwaited && request.m_uintReaders == 0) {
+            const long long age = llNow - request.m_llSince;
+            if (request.m_bGivenUp ? age > GIVE_UP_GRACE_MS * NS_PER_MS : age > limit) {
+                it = m_Requests.erase(it);
+                continue;
+            }
+        }
+        ++it;
     }
     if (unread != 0)
         log_task_line("[Apartment Warning]: %zu response(s) dropped unread after %u ms "
                       "(APARTMENT_UNREAD_RESPONSE_MS).",
                       unread, m_uintUnreadLimitMs);
-
-    // The requests: looked over now and then, not per call.
-    if (llNow < m_llNextAwaitedSweep) return;
-    const long long limit = static_cast<long long>(m_uintUnreadLimitMs) * NS_PER_MS;
-    m_llNextAwaitedSweep = llNow + (limit / 4 > 1000 * NS_PER_MS ? 1000 * NS_PER_MS : limit / 4);
-    for (auto it = m_Awaited.begin(); it != m_Awaited.end();) {
-        const long long age = llNow - it->second.m_llSince;
-        const bool over = it->second.m_bGivenUp ? age > GIVE_UP_GRACE_MS * NS_PER_MS : age > limit;
-        if (over && it->second.m_uintReaders == 0)
-            it = m_Awaited.erase(it);
-        else
-            ++it;
-    }
 }
 
 bool CApartmentNode::getResponse(unsigned int uintRequestId, int& intResponseCode,
@@ -170,10 +184,10 @@ bool CApartmentNode::getResponse(unsigned int uintRequestId, int& intResponseCod
     {
         TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
         sweepLocked(nowNs(), dropped);
-        auto awaited = m_Awaited.find(uintRequestId);
-        if (awaited != m_Awaited.end()) {
-            ++awaited->second.m_uintReaders;
-            awaited->second.m_bGivenUp = false;  // a new read takes it up again
+        auto it = m_Requests.find(uintRequestId);
+        if (it != m_Requests.end() && it->second.m_bAwaited) {
+            ++it->second.m_uintReaders;
+            it->second.m_bGivenUp = false;  // a new read takes it up again
         }
     }
     bool found = false;
@@ -184,11 +198,13 @@ bool CApartmentNode::getResponse(unsigned int uintRequestId, int& intResponseCod
         bool givesUp;
         ~ReadEnd() {
             TAutoMutex<OS::TBaseMutex> lock(&node->m_DataMutex);
-            auto awaited = node->m_Awaited.find(id);
-            if (awaited == node->m_Awaited.end() || --awaited->second.m_uintReaders != 0) return;
+            auto it = node->m_Requests.find(id);
+            if (it == node->m_Requests.end() || !it->second.m_bAwaited ||
+                --it->second.m_uintReaders != 0)
+                return;
             if (!found && givesUp) {
-                awaited->second.m_bGivenUp = true;
-                awaited->second.m_llSince = nowNs();
+                it->second.m_bGivenUp = true;
+                it->second.m_llSince = nowNs();
             }
         }
     } end{this, uintRequestId, found, intTimeout > 0};
@@ -214,9 +230,9 @@ bool CApartmentNode::waitResponse(unsigned int uintRequestId, int& intResponseCo
             {
                 TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
                 for (;;) {
-                    auto it = m_responseDataMap.find(uintRequestId);
-                    if (it != m_responseDataMap.end()) {
-                        data = it->second;
+                    auto it = m_Requests.find(uintRequestId);
+                    if (it != m_Requests.end() && !it->second.m_Answer.nil()) {
+                        data = it->second.m_Answer;
                         break;
                     }
                     const int rc = intTimeout < 0 ? m_QueueNotEmptyCondition.wait()
@@ -238,24 +254,19 @@ bool CApartmentNode::waitResponse(unsigned int uintRequestId, int& intResponseCo
 }
 
 bool CApartmentNode::removeResponse(unsigned int uintRequestId) {
-    CReference<IApartmentNodeResponseData> removed;
+    CReference<IApartmentNodeResponseData> removed;  // released after the mutex
     TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
-    m_Awaited.erase(uintRequestId);  // handed out: a second answer is not awaited
-    auto at = m_ExpiresAt.find(uintRequestId);
-    if (at != m_ExpiresAt.end()) {
-        m_Expiries.erase(at->second);
-        m_ExpiresAt.erase(at);
-    }
-    auto it = m_responseDataMap.find(uintRequestId);
-    if (it == m_responseDataMap.end()) return false;
-    removed = it->second;  // released after the mutex, when `lock` has gone
-    m_responseDataMap.erase(it);
-    return true;
+    auto it = m_Requests.find(uintRequestId);
+    if (it == m_Requests.end()) return false;
+    // Handed out: a second answer is not awaited either.
+    removed = it->second.m_Answer;
+    m_Requests.erase(it);
+    return !removed.nil();
 }
 
 size_t CApartmentNode::bookkept() {
     TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
-    return m_Awaited.size() + m_responseDataMap.size() + m_Expiries.size() + m_ExpiresAt.size();
+    return m_Requests.size();
 }
 
 unsigned int CApartmentNode::setTimer(unsigned int uintLagTime, unsigned int uintInterval) {

@@ -19,15 +19,16 @@
 // GIVE_UP_GRACE_MS (so that a read made of several shorter waits loses
 // nothing between them), and for no longer than that unless read. Reads
 // with time-out 0 (polls) and reads without limit never give up. Every
-// answer kept is dropped, with one diagnostic line per batch, once it has
-// waited uncollected for the unread limit (APARTMENT_UNREAD_RESPONSE_MS,
-// read by the apartment). A request that is never answered is forgotten
-// after the same limit when nobody reads it. addResponse is the plain
-// store underneath, for any id.
+// answer kept is no longer handed out once it has waited uncollected for
+// the unread limit (APARTMENT_UNREAD_RESPONSE_MS, read by the apartment),
+// and is dropped, with one diagnostic line per batch, when the node next
+// looks its entries over (a quarter of the limit later at most, and at
+// most a second). A request that is never answered is forgotten after the
+// same limit when nobody reads it. addResponse is the plain store
+// underneath, for any id.
 #ifndef APARTMENT_APARTMENTNODE_H
 #define APARTMENT_APARTMENTNODE_H
 
-#include <map>
 #include <set>
 #include <unordered_map>
 #include <vector>
@@ -91,48 +92,41 @@ public:
     size_t bookkept();
 
 private:
-    // A request written and not yet answered.
-    struct _AWAITED {
-        long long m_llSince;           // when written, or given up (ns, monotonic)
-        bool m_bGivenUp = false;
+    // What the node holds for one request id: that it awaits the answer
+    // (written and not yet answered), the answer once stored, or both (a
+    // plain store of an id it awaits). One entry per id, so that a round
+    // trip costs one entry made and one removed.
+    struct _REQUEST {
+        long long m_llSince = 0;      // awaited: when written, or given up (ns, monotonic)
+        long long m_llExpiresAt = 0;  // answered from a link: dropped then unless read; 0: never
+        CReference<IApartmentNodeResponseData> m_Answer;  // nil until answered
         unsigned int m_uintReaders = 0;  // reads of it under way
+        bool m_bAwaited = false;
+        bool m_bGivenUp = false;
+        bool m_bQuiet = false;  // its answer goes without a line (the request was given up)
     };
-
-    // A kept answer's place in the order of expiry; quietly for one to a
-    // given-up request.
-    struct _EXPIRY {
-        unsigned int m_uintRequestId;
-        bool m_bQuiet;
-    };
-    typedef std::multimap<long long, _EXPIRY> Expiries;
 
     CReference<IApartmentNodeCallback> callback();
     CReference<IApartmentNodeResponseData> findResponse(unsigned int uintRequestId);
     bool waitResponse(unsigned int uintRequestId, int& intResponseCode, void* pResponseBuffer,
                       unsigned int& uintBufLen, int intTimeout);
-    // Drops the answers whose time is up and forgets the requests given up
-    // or never answered past theirs. m_DataMutex held; what goes is moved
-    // into `dropped`, to be released after the mutex.
+    // Now and then (not per call): drops the answers whose time is up and
+    // forgets the requests given up or never answered past theirs. An
+    // answer past its time is never handed out meanwhile (findResponse
+    // looks at it). m_DataMutex held; what goes is moved into `dropped`,
+    // to be released after the mutex.
     void sweepLocked(long long llNow, std::vector<CReference<IApartmentNodeResponseData>>& dropped);
 
     // Guards m_apartmentNodeCallback: setCallback may run on any host thread
     // while the dispatching thread calls out. Never held during a callback.
     OS::TBaseMutex m_CallbackMutex;
     CReference<IApartmentNodeCallback> m_apartmentNodeCallback;
-    // Guards m_responseDataMap; m_QueueNotEmptyCondition wakes every reader
-    // waiting on it when a response is stored.
+    // Guards m_Requests and m_llNextSweep; m_QueueNotEmptyCondition wakes
+    // every reader waiting on it when a response is stored.
     OS::TBaseMutex m_DataMutex;
     OS::TCondition m_QueueNotEmptyCondition;
-    std::map<unsigned int, CReference<IApartmentNodeResponseData>> m_responseDataMap;
-    // Also under m_DataMutex: the requests awaited; the answers that
-    // acceptResponse kept, by time of expiry, and where each one's entry
-    // is (removed with its answer, so that what is held follows what is
-    // unread, not the rate of answers); when the awaited requests are next
-    // looked over.
-    std::unordered_map<unsigned int, _AWAITED> m_Awaited;
-    Expiries m_Expiries;
-    std::unordered_map<unsigned int, Expiries::iterator> m_ExpiresAt;
-    long long m_llNextAwaitedSweep = 0;
+    std::unordered_map<unsigned int, _REQUEST> m_Requests;
+    long long m_llNextSweep = 0;
     unsigned int m_uintUnreadLimitMs = DEFAULT_UNREAD_RESPONSE_MS;
     // Guards m_timerIdSet (host threads set and kill timers while the
     // dispatching thread forgets finished ones).
