@@ -53,8 +53,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             canonical[input.size() - parsed.m_uintDataSize - 1] = parsed.m_bRequireResponse;
             checkRoundTrip(canonical, input.size(), [&] {
                 return CApartmentFrameCodec::buildRequestPayload(
-                    parsed.m_strSourceApartmentUrl, parsed.m_strSourceNodeUrl.c_str(),
-                    parsed.m_strTargetApartmentUrl.c_str(), parsed.m_strTargetNodeUrl.c_str(),
+                    parsed.m_strSourceApartmentUrl, parsed.m_strSourceNodeUrl,
+                    parsed.m_strTargetApartmentUrl, parsed.m_strTargetNodeUrl,
                     parsed.m_uintRequestId, parsed.m_bRequireResponse, parsed.m_pData,
                     static_cast<unsigned int>(parsed.m_uintDataSize));
             });
@@ -66,8 +66,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (CApartmentFrameCodec::parseResponsePayload(buffer, length, parsed)) {
             checkRoundTrip(input, input.size(), [&] {
                 return CApartmentFrameCodec::buildResponsePayload(
-                    parsed.m_strSourceApartmentUrl, parsed.m_strSourceNodeUrl.c_str(),
-                    parsed.m_strTargetApartmentUrl.c_str(), parsed.m_strTargetNodeUrl.c_str(),
+                    parsed.m_strSourceApartmentUrl, parsed.m_strSourceNodeUrl,
+                    parsed.m_strTargetApartmentUrl, parsed.m_strTargetNodeUrl,
                     parsed.m_uintRequestId, parsed.m_intResponseCode, parsed.m_pData,
                     static_cast<unsigned int>(parsed.m_uintDataSize));
             });

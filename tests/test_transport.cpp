@@ -41,10 +41,10 @@ TEST(FrameCodec, ARequestMatchesTheReferenceFrameByteForByte) {
     EXPECT_EQ(frame(APARTMENT_REQUEST_FRAME, payload.data(), payload.size()), expected);
     APARTMENT_REQUEST_PAYLOAD parsed;
     ASSERT_TRUE(Codec::parseRequestPayload(const_cast<char*>(payload.data()), 66, parsed));
-    EXPECT_EQ(parsed.m_strSourceApartmentUrl, "tcp://10.0.0.1:5000");
-    EXPECT_EQ(parsed.m_strSourceNodeUrl, "cam");
-    EXPECT_EQ(parsed.m_strTargetApartmentUrl, "tcp://10.0.0.2:6000");
-    EXPECT_EQ(parsed.m_strTargetNodeUrl, "ui");
+    EXPECT_STREQ(parsed.m_strSourceApartmentUrl, "tcp://10.0.0.1:5000");
+    EXPECT_STREQ(parsed.m_strSourceNodeUrl, "cam");
+    EXPECT_STREQ(parsed.m_strTargetApartmentUrl, "tcp://10.0.0.2:6000");
+    EXPECT_STREQ(parsed.m_strTargetNodeUrl, "ui");
     EXPECT_EQ(parsed.m_uintRequestId, 7u);
     EXPECT_TRUE(parsed.m_bRequireResponse);
     EXPECT_EQ(std::string(parsed.m_pData, parsed.m_uintDataSize), std::string(data, 2));
@@ -84,7 +84,11 @@ TEST(FrameCodec, EdgeEncodings) {
             delete pException;
         }
     }
-    EXPECT_NO_THROW(Codec::buildResponsePayload("tcp://\xc3\xa9", "a", "b", "c", 1, 0, "x", 1));
+    std::vector<char> wide = Codec::buildResponsePayload("tcp://\xc3\xa9", "a", "b", "c", 1, 0, "x", 1);
+    // It arrives in the local code page, the other fields as they were.
+    ASSERT_TRUE(Codec::parseResponsePayload(wide.data(), wide.size(), parsed));
+    EXPECT_EQ(parsed.m_strSourceApartmentUrl, OS::UTF8Helper::oemFromUTF8("tcp://\xc3\xa9"));
+    EXPECT_STREQ(parsed.m_strTargetNodeUrl, "c");
 }
 
 TEST(FrameCodec, RoundTripsWithEmptyAndLargeData) {
@@ -103,8 +107,8 @@ TEST(FrameCodec, RoundTripsWithEmptyAndLargeData) {
             static_cast<unsigned int>(size));
         APARTMENT_RESPONSE_PAYLOAD rsp;
         ASSERT_TRUE(Codec::parseResponsePayload(response.data(), response.size(), rsp));
-        EXPECT_EQ(rsp.m_strSourceNodeUrl, "t");
-        EXPECT_EQ(rsp.m_strTargetNodeUrl, "s");
+        EXPECT_STREQ(rsp.m_strSourceNodeUrl, "t");
+        EXPECT_STREQ(rsp.m_strTargetNodeUrl, "s");
         EXPECT_EQ(rsp.m_uintRequestId, 3u);
         EXPECT_EQ(rsp.m_intResponseCode, -3);
         EXPECT_EQ(std::string(rsp.m_pData != nullptr ? rsp.m_pData : "", rsp.m_uintDataSize), data);

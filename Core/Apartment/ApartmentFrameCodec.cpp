@@ -118,6 +118,7 @@ public:
         m_left -= length;
         return true;
     }
+    const char* position() const { return m_p; }
     bool skip(uint32_t length) {
         if (length > m_left) return false;
         m_p += length;
@@ -146,20 +147,59 @@ void writeRoute(Writer& writer, std::string_view strLocalApartmentUrl,
     writer.text(strTargetNodeUrl);
 }
 
+// Lays the four addressing texts down in the route's store, each followed
+// by a zero, and points the route's fields at them. The store grows only
+// for a longer route than any before.
+bool storeRoute(APARTMENT_PAYLOAD_ROUTE& route, const char* const texts[4],
+                const uint32_t lengths[4]) {
+    std::string converted[4];  // UTF-8 on the wire, the local code page in memory
+    const char* from[4];
+    size_t sizes[4];
+    size_t total = 0;
+    for (int i = 0; i < 4; ++i) {
+        from[i] = texts[i];
+        sizes[i] = lengths[i];
+        if (!OS::CLibrary::String::isAsciiText(texts[i], lengths[i])) {
+            converted[i] = OS::UTF8Helper::oemFromUTF8(std::string(texts[i], lengths[i]).c_str());
+            from[i] = converted[i].data();
+            sizes[i] = converted[i].size();
+        }
+        total += sizes[i] + 1;
+    }
+    if (route.m_uintTextsCapacity < total) {
+        route.m_pTexts.reset(new (std::nothrow) char[total]);
+        route.m_uintTextsCapacity = route.m_pTexts ? total : 0;
+        if (!route.m_pTexts) return false;
+    }
+    const char** fields[4] = {&route.m_strSourceApartmentUrl, &route.m_strSourceNodeUrl,
+                              &route.m_strTargetApartmentUrl, &route.m_strTargetNodeUrl};
+    char* p = route.m_pTexts.get();
+    for (int i = 0; i < 4; ++i) {
+        if (sizes[i] != 0) std::memcpy(p, from[i], sizes[i]);
+        p[sizes[i]] = '\0';
+        *fields[i] = p;
+        p += sizes[i] + 1;
+    }
+    return true;
+}
+
 // Parses a request or response payload: the addressing fields, then the
-// field `last` reads, then the data, pointed at where it lies. The payload's
-// strings keep their room from one parse to the next.
+// field `last` reads, then the data, pointed at where it lies. The texts
+// are checked in place first and copied once, into the route's store.
 template <class Payload, class Last>
 bool parseRouted(char* pFrameBuffer, unsigned int uintFrameSize, Payload& payload, Last last) {
     if (pFrameBuffer == nullptr && uintFrameSize != 0) return false;
     Reader reader(pFrameBuffer, uintFrameSize);
+    const char* texts[4];
+    uint32_t lengths[4];
+    for (int i = 0; i < 4; ++i) {
+        texts[i] = reader.position();
+        if (!reader.u32(lengths[i]) || !reader.skip(lengths[i])) return false;
+        texts[i] += 4;
+    }
+    if (!reader.u32(payload.m_uintRequestId) || !last(reader)) return false;
     try {
-        if (!reader.text(payload.m_strSourceApartmentUrl) ||
-            !reader.text(payload.m_strSourceNodeUrl) ||
-            !reader.text(payload.m_strTargetApartmentUrl) ||
-            !reader.text(payload.m_strTargetNodeUrl) || !reader.u32(payload.m_uintRequestId) ||
-            !last(reader))
-            return false;
+        if (!storeRoute(payload, texts, lengths)) return false;
     } catch (const std::bad_alloc&) {
         return false;
     }

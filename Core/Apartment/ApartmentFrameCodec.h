@@ -27,18 +27,31 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <memory>
 #include <vector>
 
 // Size of the connection frame's payload, and the most URL bytes it carries.
 static const size_t APARTMENT_CONNECTION_BLOCK_SIZE = 130;
 static const size_t APARTMENT_CONNECTION_URL_CAPACITY = 128;
 
+// The addressing fields that open a received request or response payload,
+// as C texts laid out one after another in storage of their own, which
+// keeps its room from one parse to the next: a parse then costs no
+// allocation and no string per field. Not copied: the texts point into it.
+struct APARTMENT_PAYLOAD_ROUTE {
+    APARTMENT_PAYLOAD_ROUTE() = default;
+    APARTMENT_PAYLOAD_ROUTE(const APARTMENT_PAYLOAD_ROUTE&) = delete;
+    APARTMENT_PAYLOAD_ROUTE& operator=(const APARTMENT_PAYLOAD_ROUTE&) = delete;
+    const char* m_strSourceApartmentUrl = "";
+    const char* m_strSourceNodeUrl = "";
+    const char* m_strTargetApartmentUrl = "";
+    const char* m_strTargetNodeUrl = "";
+    std::unique_ptr<char[]> m_pTexts;
+    size_t m_uintTextsCapacity = 0;
+};
+
 // Fields of a received request payload.
-typedef struct _APARTMENT_REQUEST_PAYLOAD {
-    std::string m_strSourceApartmentUrl;
-    std::string m_strSourceNodeUrl;
-    std::string m_strTargetApartmentUrl;
-    std::string m_strTargetNodeUrl;
+typedef struct _APARTMENT_REQUEST_PAYLOAD : APARTMENT_PAYLOAD_ROUTE {
     unsigned int m_uintRequestId = 0;
     bool m_bRequireResponse = false;
     // The opaque request data, in place in the parsed buffer (null when
@@ -48,11 +61,7 @@ typedef struct _APARTMENT_REQUEST_PAYLOAD {
 } APARTMENT_REQUEST_PAYLOAD;
 
 // Fields of a received response payload.
-typedef struct _APARTMENT_RESPONSE_PAYLOAD {
-    std::string m_strSourceApartmentUrl;
-    std::string m_strSourceNodeUrl;
-    std::string m_strTargetApartmentUrl;
-    std::string m_strTargetNodeUrl;
+typedef struct _APARTMENT_RESPONSE_PAYLOAD : APARTMENT_PAYLOAD_ROUTE {
     unsigned int m_uintRequestId = 0;
     int m_intResponseCode = 0;
     // The opaque response data, in place as for a request.

@@ -216,7 +216,7 @@ void CApartment::onRequestFrameArrived(IApartmentFrame* pFrame) {
     if (!CApartmentFrameCodec::parseRequestPayload(pFrame->getFrameBuffer(), pFrame->getFrameSize(),
                                                    request))
         return;
-    CReference<IApartmentNode> node(findApartmentNode(request.m_strTargetNodeUrl.c_str()));
+    CReference<IApartmentNode> node(findApartmentNode(request.m_strTargetNodeUrl));
     if (node.nil()) return;
     // The host reads the data where it lies in the frame, which is this
     // handler's until it returns. The receiver lays frames out with the data
@@ -229,10 +229,10 @@ void CApartment::onRequestFrameArrived(IApartmentFrame* pFrame) {
             std::memmove(data, request.m_pData, request.m_uintDataSize);
         }
     }
-    node->receiveRequest(request.m_strSourceApartmentUrl.c_str(),
-                         request.m_strSourceNodeUrl.c_str(),
-                         request.m_strTargetApartmentUrl.c_str(),
-                         request.m_strTargetNodeUrl.c_str(), request.m_uintRequestId, data,
+    node->receiveRequest(request.m_strSourceApartmentUrl,
+                         request.m_strSourceNodeUrl,
+                         request.m_strTargetApartmentUrl,
+                         request.m_strTargetNodeUrl, request.m_uintRequestId, data,
                          request.m_uintDataSize, request.m_bRequireResponse);
 }
 
@@ -248,7 +248,7 @@ void CApartment::onResponseFrameArrived(IApartmentFrame* pFrame) {
     if (!CApartmentFrameCodec::parseResponsePayload(pFrame->getFrameBuffer(),
                                                     pFrame->getFrameSize(), response))
         return;
-    CReference<IApartmentNode> node(findApartmentNode(response.m_strTargetNodeUrl.c_str()));
+    CReference<IApartmentNode> node(findApartmentNode(response.m_strTargetNodeUrl));
     if (node.nil()) return;
     const CApartmentNode::ANSWER answer =
         static_cast<CApartmentNode*>(node.operator->())
@@ -271,11 +271,11 @@ void CApartment::onResponseFrameArrived(IApartmentFrame* pFrame) {
         if (quiet == 0)
             log_task_line("[Apartment Warning]: Response %u to node %s answers no request it "
                           "waits for: dropped.",
-                          response.m_uintRequestId, response.m_strTargetNodeUrl.c_str());
+                          response.m_uintRequestId, response.m_strTargetNodeUrl);
         else
             log_task_line("[Apartment Warning]: Response %u to node %s answers no request it "
                           "waits for: dropped (and %lu more since the last such line).",
-                          response.m_uintRequestId, response.m_strTargetNodeUrl.c_str(), quiet);
+                          response.m_uintRequestId, response.m_strTargetNodeUrl, quiet);
     }
 }
 
