@@ -25,9 +25,9 @@
 #define APARTMENT_APARTMENTFRAMECODEC_H
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
-#include <memory>
 #include <vector>
 
 // Size of the connection frame's payload, and the most URL bytes it carries.

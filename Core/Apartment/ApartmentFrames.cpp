@@ -186,8 +186,8 @@ void CApartment::onLoopbackFrameArrived(IApartmentFrame* pFrame) {
 namespace {
 // Parsed requests of the dispatching thread, one per nesting level (a node
 // callback may pump, and so parse the next request, before its own returns),
-// kept across frames so that their strings keep their room: the fields of a
-// request then cost no allocation.
+// kept across frames so that their text stores keep their room: the fields
+// of a request then cost no allocation.
 struct ThreadRequests {
     std::vector<std::unique_ptr<APARTMENT_REQUEST_PAYLOAD>> parsed;
     size_t depth = 0;
@@ -237,8 +237,8 @@ void CApartment::onRequestFrameArrived(IApartmentFrame* pFrame) {
 }
 
 namespace {
-// The dispatching thread's parsed response, kept for the room of its
-// strings as requests are (storing an answer calls out to nobody, so one
+// The dispatching thread's parsed response, kept for the room of its text
+// store as requests are (storing an answer calls out to nobody, so one
 // level is enough).
 thread_local APARTMENT_RESPONSE_PAYLOAD t_response;
 }  // namespace
