@@ -98,7 +98,8 @@ CReference<IApartmentNodeResponseData> CApartmentNode::findResponse(unsigned int
 void CApartmentNode::expectResponse(unsigned int uintRequestId) {
     TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
     _REQUEST& request = m_Requests[uintRequestId];
-    if (!request.m_bAwaited) request.m_uintReaders = 0;  // a read of an earlier answer ended long ago
+    // Reads counted on an earlier answer of this id ended long ago.
+    if (!request.m_bAwaited) request.m_uintReaders = 0;
     request.m_bAwaited = true;
     request.m_bGivenUp = false;
     request.m_llSince = nowNs();

@@ -333,14 +333,8 @@ bool CTcpApartment::Leadership::waitElsewhere(timespec deadline) {
         }
     }
     int timeoutMs = -1;
-    if (!OS::Clock::isNoLimit(deadline)) {
-        const timespec now = OS::Clock::monotonicNow();
-        const long long ns =
-            (deadline.tv_sec - now.tv_sec) * 1000000000LL + (deadline.tv_nsec - now.tv_nsec);
-        // Rounded up, so that the wait does not end just before the
-        // deadline and spin on a zero wait.
-        timeoutMs = ns <= 0 ? 0 : static_cast<int>(std::min(ns / 1000000 + 1, 1LL << 30));
-    }
+    if (!OS::Clock::isNoLimit(deadline))
+        timeoutMs = static_cast<int>(std::min(OS::Clock::millisecondsUntil(deadline), 1LL << 30));
     bool handBack = false;
     try {
         handBack = m_Owner.runPass(m_Owner.m_Comm[0], timeoutMs, true);
@@ -596,10 +590,8 @@ void CTcpApartment::acceptLinks(DWORD dwTimeout, std::vector<IApartmentServerSin
     // The wait ends in time for the first handshake that may run out.
     int timeoutMs = static_cast<int>(dwTimeout);
     if (!m_Handshakes.empty()) {
-        const timespec now = OS::Clock::monotonicNow();
-        const long long ms = (m_EarliestDeadline.tv_sec - now.tv_sec) * 1000LL +
-                             (m_EarliestDeadline.tv_nsec - now.tv_nsec) / 1000000 + 1;
-        if (ms < timeoutMs) timeoutMs = ms < 0 ? 0 : static_cast<int>(ms);
+        const long long ms = OS::Clock::millisecondsUntil(m_EarliestDeadline);
+        if (ms < timeoutMs) timeoutMs = static_cast<int>(ms);
     }
 
     std::vector<CLinkPoller::Link> links;

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <initializer_list>
 #include <memory>
 #include <new>
 #include <random>
@@ -48,12 +49,6 @@ const size_t SEND_QUEUE_KEPT_CAPACITY = 64 * 1024;
 // Pause between passes of waitRemoteConnectionInfo that made no progress,
 // so that a peer holding half a header does not make the wait spin.
 const long NO_PROGRESS_PAUSE_US = 1000;
-
-// Milliseconds left until `deadline`, rounded up; 0 or less once it passed.
-long long millisecondsUntil(const timespec& deadline) {
-    const timespec now = OS::Clock::monotonicNow();
-    return (deadline.tv_sec - now.tv_sec) * 1000LL + (deadline.tv_nsec - now.tv_nsec) / 1000000 + 1;
-}
 
 const char* textOrEmpty(const char* text) { return text == nullptr ? "" : text; }
 
@@ -494,8 +489,10 @@ CTcpApartmentSink::FLUSH_RESULT CTcpApartmentSink::_flushQueue(bool bWait,
         bool writable = false;
         if (result < 0 && bWait && !isPermanentSendError(error)) {
             long long waitMs = SEND_STALL_TIMEOUT_MS;
-            if (pGiveUpAt != nullptr) waitMs = std::min(waitMs, std::max(0LL, millisecondsUntil(*pGiveUpAt)));
-            writable = OS::Socket::writable(fd, static_cast<unsigned long>(waitMs), nullptr, USE_DEFAULT);
+            if (pGiveUpAt != nullptr)
+                waitMs = std::min(waitMs, OS::Clock::millisecondsUntil(*pGiveUpAt));
+            writable = OS::Socket::writable(fd, static_cast<unsigned long>(waitMs), nullptr,
+                                            USE_DEFAULT);
         }
         m_SendMutex.lock();
         if (result > 0) {
@@ -527,8 +524,8 @@ void CTcpApartmentSink::_endFlush(FLUSH_RESULT result) {
     if (arm != m_bSendArmed && m_pSendPoller != nullptr) m_pSendPoller->wantWrite(this, arm);
     m_bSendArmed = arm;
     if (result == FLUSH_EMPTY) {
-        if (m_SendFlush.capacity() > SEND_QUEUE_KEPT_CAPACITY) std::vector<char>().swap(m_SendFlush);
-        if (m_SendFill.capacity() > SEND_QUEUE_KEPT_CAPACITY) std::vector<char>().swap(m_SendFill);
+        for (std::vector<char>* buffer : {&m_SendFlush, &m_SendFill})
+            if (buffer->capacity() > SEND_QUEUE_KEPT_CAPACITY) std::vector<char>().swap(*buffer);
     }
     m_SendDoneCondition.notifyAll();
 }
@@ -1150,7 +1147,7 @@ bool CTcpClientSink::handshake() {
             reason = m_pTls->failureReason();
             break;
         }
-        const long long left = millisecondsUntil(giveUpAt);
+        const long long left = OS::Clock::millisecondsUntil(giveUpAt);
         if (left <= 0 || OS::Clock::hasPassed(giveUpAt)) {
             reason = "not done within " + std::to_string(CONNECT_TIMEOUT_MS) + " ms";
             break;

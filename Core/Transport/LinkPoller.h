@@ -17,8 +17,8 @@
 // thread (wantWrite also under a sink's send mutex); wait and lookup from
 // the thread that serves the links, one at a time (a communication thread,
 // or a pumping thread while it leads in its place), and lookup from any
-// thread that holds the sink. One mutex, a leaf, guards the registry; nothing is released or
-// called out under it.
+// thread that holds the sink. One mutex, a leaf, guards the registry;
+// nothing is released or called out under it.
 #ifndef APARTMENT_TRANSPORT_LINKPOLLER_H
 #define APARTMENT_TRANSPORT_LINKPOLLER_H
 

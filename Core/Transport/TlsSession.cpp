@@ -300,7 +300,8 @@ int CTlsSession::read(void* buffer, size_t size) {
         int n;
         do n = os_socket_recv(m_fd, buffer, want, 0, USE_DEFAULT);
         while (n < 0 && errno == EINTR);
-        m_bReadStalled.store(n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK), std::memory_order_relaxed);
+        const bool stalled = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+        m_bReadStalled.store(stalled, std::memory_order_relaxed);
         // EIO: a record that is not data (an alert, close_notify most
         // likely) heads the queue; OpenSSL reads it with its type below.
         if (n >= 0 || errno != EIO) return n;

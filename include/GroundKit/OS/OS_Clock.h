@@ -47,6 +47,15 @@ public:
         time->tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
         adjustClockTime(time);
     }
+    // Whole milliseconds until `deadline`, rounded up so that a wait that
+    // long does not end just before it (and spin on zero waits); 0 once it
+    // has passed.
+    static long long millisecondsUntil(const timespec& deadline) {
+        const timespec now = monotonicNow();
+        const long long ns =
+            (deadline.tv_sec - now.tv_sec) * 1000000000LL + (deadline.tv_nsec - now.tv_nsec);
+        return ns <= 0 ? 0 : ns / 1000000 + 1;
+    }
     // True when a is strictly earlier than b.
     static bool isEarlier(const timespec& a, const timespec& b) {
         return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
