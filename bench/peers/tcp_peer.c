@@ -11,9 +11,6 @@
  * --unix: the same over a Unix stream socket, the floor of a same-host link:
  * the binding side takes an abstract name and prints it as "@name", and an
  * ADDR of that form connects to it. */
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <pthread.h>
 #include <stddef.h>
 #include <sys/socket.h>
@@ -23,61 +20,7 @@
 
 #include "peer_common.h"
 
-/* What has arrived and is not yet taken, over a buffer of READ_CHUNK bytes;
- * a message larger than that is read straight into the caller's buffer. */
-#define READ_CHUNK (256 * 1024)
-struct reader {
-    int fd;
-    char* buf;
-    size_t begin, end;
-};
-
-static int fill(struct reader* r) {
-    if (r->begin == r->end) r->begin = r->end = 0;
-    if (r->end == READ_CHUNK) {
-        memmove(r->buf, r->buf + r->begin, r->end - r->begin);
-        r->end -= r->begin;
-        r->begin = 0;
-    }
-    ssize_t n = recv(r->fd, r->buf + r->end, READ_CHUNK - r->end, 0);
-    if (n <= 0) return -1;
-    r->end += (size_t)n;
-    return 0;
-}
-
-static int take(struct reader* r, void* out, size_t len) {
-    char* p = out;
-    while (len > 0) {
-        if (r->begin == r->end) {
-            if (len >= READ_CHUNK) { /* large: no detour through the buffer */
-                ssize_t n = recv(r->fd, p, len, 0);
-                if (n <= 0) return -1;
-                p += n;
-                len -= (size_t)n;
-                continue;
-            }
-            if (fill(r) != 0) return -1;
-        }
-        size_t n = r->end - r->begin;
-        if (n > len) n = len;
-        memcpy(p, r->buf + r->begin, n);
-        r->begin += n;
-        p += n;
-        len -= n;
-    }
-    return 0;
-}
-
-static int read_message(struct reader* r, char** buf, size_t* cap, uint32_t* len) {
-    uint32_t n;
-    if (take(r, &n, 4) != 0) return -1;
-    *len = ntohl(n);
-    if (*len > *cap) {
-        *buf = realloc(*buf, *len);
-        *cap = *len;
-    }
-    return take(r, *buf, *len);
-}
+static long from_socket(void* fd, void* buf, size_t len) { return recv(*(int*)fd, buf, len, 0); }
 
 /* Header and body in one call, as a framing library would, without a copy. */
 static int write_message(int fd, const char* buf, uint32_t len) {
@@ -133,27 +76,7 @@ static int listen_unix(void) {
     return c;
 }
 
-static int listen_any(int unix_socket) {
-    if (unix_socket) return listen_unix();
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    struct sockaddr_in a;
-    memset(&a, 0, sizeof a);
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    if (bind(fd, (struct sockaddr*)&a, sizeof a) != 0 || listen(fd, 1) != 0 ||
-        getsockname(fd, (struct sockaddr*)&a, &len) != 0)
-        peer_die("cannot listen");
-    char text[64];
-    snprintf(text, sizeof text, "127.0.0.1:%u", ntohs(a.sin_port));
-    peer_endpoint(text);
-    int c = accept(fd, NULL, NULL);
-    if (c < 0) peer_die("accept failed");
-    close(fd);
-    int one = 1;
-    setsockopt(c, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    return c;
-}
+static int listen_any(int unix_socket) { return unix_socket ? listen_unix() : peer_listen_tcp(); }
 
 static int connect_to(const char* addr) {
     if (addr[0] == '@') {
@@ -163,21 +86,7 @@ static int connect_to(const char* addr) {
         if (fd < 0 || connect(fd, (struct sockaddr*)&u, len) != 0) peer_die("cannot connect");
         return fd;
     }
-    char host[64];
-    snprintf(host, sizeof host, "%s", addr);
-    char* colon = strrchr(host, ':');
-    if (colon == NULL) peer_die("bad address");
-    *colon = 0;
-    struct sockaddr_in a;
-    memset(&a, 0, sizeof a);
-    a.sin_family = AF_INET;
-    a.sin_port = htons((unsigned short)atoi(colon + 1));
-    inet_pton(AF_INET, host, &a.sin_addr);
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (connect(fd, (struct sockaddr*)&a, sizeof a) != 0) peer_die("cannot connect");
-    int one = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    return fd;
+    return peer_connect_tcp(addr);
 }
 
 struct flooder {
@@ -211,22 +120,23 @@ int main(int argc, char** argv) {
     char* buf = NULL;
     size_t cap = 0;
     uint32_t len = 0;
-    struct reader r = {-1, malloc(READ_CHUNK), 0, 0};
+    int fd = -1;
+    struct peer_reader r = {from_socket, &fd, malloc(PEER_READ_CHUNK), 0, 0};
     if (strcmp(argv[1], "echo") == 0) {
-        r.fd = listen_any(unix_socket);
-        while (read_message(&r, &buf, &cap, &len) == 0)
-            if (write_message(r.fd, buf, len) != 0) break;
+        fd = listen_any(unix_socket);
+        while (peer_read_message(&r, &buf, &cap, &len) == 0)
+            if (write_message(fd, buf, len) != 0) break;
         return 0;
     }
     if (strcmp(argv[1], "ping") == 0 && argc == 5) {
-        r.fd = connect_to(argv[2]);
+        fd = connect_to(argv[2]);
         size_t size = (size_t)atol(argv[3]), count = (size_t)atol(argv[4]);
         char* msg = calloc(size, 1);
         double* samples = malloc(count * sizeof *samples);
         for (size_t i = 0, w = peer_warmup(count); i < w + count; ++i) {
             double t = peer_now();
-            if (write_message(r.fd, msg, (uint32_t)size) != 0 ||
-                read_message(&r, &buf, &cap, &len) != 0)
+            if (write_message(fd, msg, (uint32_t)size) != 0 ||
+                peer_read_message(&r, &buf, &cap, &len) != 0)
                 peer_die("round trip failed");
             if (i >= w) samples[i - w] = (peer_now() - t) * 1e6;
         }
@@ -235,17 +145,12 @@ int main(int argc, char** argv) {
     }
     if (strcmp(argv[1], "sink") == 0 && argc == 4) {
         size_t size = (size_t)atol(argv[2]), count = (size_t)atol(argv[3]);
-        r.fd = listen_any(unix_socket);
-        double start = 0;
-        for (size_t i = 0; i < count; ++i) {
-            if (read_message(&r, &buf, &cap, &len) != 0) peer_die("stream ended early");
-            if (i == 0) start = peer_now();
-        }
-        peer_report_stream(size, count - 1, peer_now() - start);
+        fd = listen_any(unix_socket);
+        peer_sink(&r, size, count);
         return 0;
     }
     if (strcmp(argv[1], "flood") == 0 && (argc == 5 || argc == 6)) {
-        int fd = connect_to(argv[2]);
+        fd = connect_to(argv[2]);
         size_t size = (size_t)atol(argv[3]), count = (size_t)atol(argv[4]);
         size_t threads = argc == 6 ? (size_t)atol(argv[5]) : 1;
         if (threads < 1 || threads > 64) peer_die("THREADS must be 1..64");

@@ -10,18 +10,13 @@
  *   tls_peer CERTDIR sink SIZE COUNT        bind, count COUNT messages, report the rate
  *   tls_peer CERTDIR flood ADDR SIZE COUNT  send COUNT messages
  * CERTDIR holds a.pem, a.key and ca.pem (scripts/make-test-certs.sh). */
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "peer_common.h"
 
 #define RECORD 16384
-#define READ_CHUNK (256 * 1024)
 
 static SSL* session(const char* dir, int fd, int server) {
     char cert[512], key[512], ca[512];
@@ -48,87 +43,8 @@ static SSL* session(const char* dir, int fd, int server) {
     return ssl;
 }
 
-static int listen_tcp(void) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    struct sockaddr_in a;
-    memset(&a, 0, sizeof a);
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    if (bind(fd, (struct sockaddr*)&a, sizeof a) != 0 || listen(fd, 1) != 0 ||
-        getsockname(fd, (struct sockaddr*)&a, &len) != 0)
-        peer_die("cannot listen");
-    char text[64];
-    snprintf(text, sizeof text, "127.0.0.1:%u", ntohs(a.sin_port));
-    peer_endpoint(text);
-    int c = accept(fd, NULL, NULL);
-    if (c < 0) peer_die("accept failed");
-    close(fd);
-    int one = 1;
-    setsockopt(c, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    return c;
-}
-
-static int connect_tcp(const char* addr) {
-    char host[64];
-    snprintf(host, sizeof host, "%s", addr);
-    char* colon = strrchr(host, ':');
-    if (colon == NULL) peer_die("bad address");
-    *colon = 0;
-    struct sockaddr_in a;
-    memset(&a, 0, sizeof a);
-    a.sin_family = AF_INET;
-    a.sin_port = htons((unsigned short)atoi(colon + 1));
-    inet_pton(AF_INET, host, &a.sin_addr);
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (connect(fd, (struct sockaddr*)&a, sizeof a) != 0) peer_die("cannot connect");
-    int one = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    return fd;
-}
-
-/* What has been decrypted and not yet taken. */
-struct reader {
-    SSL* ssl;
-    char* buf;
-    size_t begin, end;
-};
-
-static int take(struct reader* r, void* out, size_t len) {
-    char* p = out;
-    while (len > 0) {
-        if (r->begin == r->end) {
-            r->begin = r->end = 0;
-            if (len >= READ_CHUNK) { /* large: decrypted straight into place */
-                int n = SSL_read(r->ssl, p, len > 1u << 30 ? 1 << 30 : (int)len);
-                if (n <= 0) return -1;
-                p += n;
-                len -= (size_t)n;
-                continue;
-            }
-            int n = SSL_read(r->ssl, r->buf, READ_CHUNK);
-            if (n <= 0) return -1;
-            r->end = (size_t)n;
-        }
-        size_t n = r->end - r->begin;
-        if (n > len) n = len;
-        memcpy(p, r->buf + r->begin, n);
-        r->begin += n;
-        p += n;
-        len -= n;
-    }
-    return 0;
-}
-
-static int read_message(struct reader* r, char** buf, size_t* cap, uint32_t* len) {
-    uint32_t n;
-    if (take(r, &n, 4) != 0) return -1;
-    *len = ntohl(n);
-    if (*len > *cap) {
-        *buf = realloc(*buf, *len);
-        *cap = *len;
-    }
-    return take(r, *buf, *len);
+static long from_session(void* ssl, void* buf, size_t len) {
+    return SSL_read(ssl, buf, len > 1u << 30 ? 1 << 30 : (int)len);
 }
 
 /* The length and the first record's worth in one record, the rest in place. */
@@ -151,21 +67,22 @@ int main(int argc, char** argv) {
     char* buf = NULL;
     size_t cap = 0;
     uint32_t len = 0;
-    struct reader r = {NULL, malloc(READ_CHUNK), 0, 0};
+    SSL* ssl = NULL;
+    struct peer_reader r = {from_session, NULL, malloc(PEER_READ_CHUNK), 0, 0};
     if (strcmp(what, "echo") == 0) {
-        r.ssl = session(dir, listen_tcp(), 1);
-        while (read_message(&r, &buf, &cap, &len) == 0)
-            if (write_message(r.ssl, buf, len) != 0) break;
+        r.from = ssl = session(dir, peer_listen_tcp(), 1);
+        while (peer_read_message(&r, &buf, &cap, &len) == 0)
+            if (write_message(ssl, buf, len) != 0) break;
         return 0;
     }
     if (strcmp(what, "ping") == 0 && argc == 6) {
-        r.ssl = session(dir, connect_tcp(argv[3]), 0);
+        r.from = ssl = session(dir, peer_connect_tcp(argv[3]), 0);
         size_t size = (size_t)atol(argv[4]), count = (size_t)atol(argv[5]);
         char* msg = calloc(size, 1);
         double* samples = malloc(count * sizeof *samples);
         for (size_t i = 0, w = peer_warmup(count); i < w + count; ++i) {
             double t = peer_now();
-            if (write_message(r.ssl, msg, (uint32_t)size) != 0 || read_message(&r, &buf, &cap, &len) != 0)
+            if (write_message(ssl, msg, (uint32_t)size) != 0 || peer_read_message(&r, &buf, &cap, &len) != 0)
                 peer_die("round trip failed");
             if (i >= w) samples[i - w] = (peer_now() - t) * 1e6;
         }
@@ -174,18 +91,13 @@ int main(int argc, char** argv) {
     }
     if (strcmp(what, "sink") == 0 && argc == 5) {
         size_t size = (size_t)atol(argv[3]), count = (size_t)atol(argv[4]);
-        r.ssl = session(dir, listen_tcp(), 1);
-        double start = 0;
-        for (size_t i = 0; i < count; ++i) {
-            if (read_message(&r, &buf, &cap, &len) != 0) peer_die("stream ended early");
-            if (i == 0) start = peer_now();
-        }
-        peer_report_stream(size, count - 1, peer_now() - start);
+        r.from = ssl = session(dir, peer_listen_tcp(), 1);
+        peer_sink(&r, size, count);
         return 0;
     }
     if (strcmp(what, "flood") == 0 && argc == 6) {
-        int fd = connect_tcp(argv[3]);
-        SSL* ssl = session(dir, fd, 0);
+        int fd = peer_connect_tcp(argv[3]);
+        ssl = session(dir, fd, 0);
         size_t size = (size_t)atol(argv[4]), count = (size_t)atol(argv[5]);
         char* msg = calloc(size, 1);
         for (size_t i = 0; i < count; ++i)
