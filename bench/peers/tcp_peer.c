@@ -8,11 +8,15 @@
  *   tcp_peer flood ADDR SIZE COUNT [THREADS]
  *                                           send COUNT messages; with THREADS > 1 that
  *                                           many threads share the socket under a mutex
+ * --epoll: echo and ping wait for readiness in epoll, then read (see below).
  * --unix: the same over a Unix stream socket, the floor of a same-host link:
  * the binding side takes an abstract name and prints it as "@name", and an
  * ADDR of that form connects to it. */
+#include <errno.h>
 #include <pthread.h>
 #include <stddef.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <sys/un.h>
@@ -21,6 +25,28 @@
 #include "peer_common.h"
 
 static long from_socket(void* fd, void* buf, size_t len) { return recv(*(int*)fd, buf, len, 0); }
+
+/* --epoll: the reader waits for readiness in an epoll set that also holds an
+ * eventfd (as a host's queue wake-up would be), then reads without blocking:
+ * the floor of any readiness-based receiver, one more system call per read. */
+static int g_epoll = -1;
+static long from_socket_polled(void* fd, void* buf, size_t len) {
+    for (;;) {
+        struct epoll_event ev[2];
+        if (epoll_wait(g_epoll, ev, 2, -1) < 0 && errno != EINTR) return -1;
+        long n = recv(*(int*)fd, buf, len, MSG_DONTWAIT);
+        if (n >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) return n;
+    }
+}
+static void watch(int fd) {
+    g_epoll = epoll_create1(0);
+    int wake = eventfd(0, EFD_NONBLOCK);
+    struct epoll_event ev = {EPOLLIN, {.fd = fd}};
+    struct epoll_event ew = {EPOLLIN, {.fd = wake}};
+    if (g_epoll < 0 || wake < 0 || epoll_ctl(g_epoll, EPOLL_CTL_ADD, fd, &ev) != 0 ||
+        epoll_ctl(g_epoll, EPOLL_CTL_ADD, wake, &ew) != 0)
+        peer_die("no epoll");
+}
 
 /* Header and body in one call, as a framing library would, without a copy. */
 static int write_message(int fd, const char* buf, uint32_t len) {
@@ -109,10 +135,14 @@ static void* flood(void* arg) {
 }
 
 int main(int argc, char** argv) {
-    int unix_socket = argc > 1 && strcmp(argv[1], "--unix") == 0;
-    if (unix_socket) {
-        --argc;
-        ++argv;
+    int unix_socket = 0, polled = 0;
+    for (; argc > 1 && strncmp(argv[1], "--", 2) == 0; --argc, ++argv) {
+        if (strcmp(argv[1], "--unix") == 0)
+            unix_socket = 1;
+        else if (strcmp(argv[1], "--epoll") == 0)
+            polled = 1;
+        else
+            peer_die("unknown option");
     }
     if (argc < 2)
         peer_die("usage: tcp_peer [--unix] echo | ping ADDR SIZE COUNT | [--unix] sink SIZE COUNT | "
@@ -121,15 +151,18 @@ int main(int argc, char** argv) {
     size_t cap = 0;
     uint32_t len = 0;
     int fd = -1;
-    struct peer_reader r = {from_socket, &fd, malloc(PEER_READ_CHUNK), 0, 0};
+    struct peer_reader r = {polled ? from_socket_polled : from_socket, &fd, malloc(PEER_READ_CHUNK),
+                            0, 0};
     if (strcmp(argv[1], "echo") == 0) {
         fd = listen_any(unix_socket);
+        if (polled) watch(fd);
         while (peer_read_message(&r, &buf, &cap, &len) == 0)
             if (write_message(fd, buf, len) != 0) break;
         return 0;
     }
     if (strcmp(argv[1], "ping") == 0 && argc == 5) {
         fd = connect_to(argv[2]);
+        if (polled) watch(fd);
         size_t size = (size_t)atol(argv[3]), count = (size_t)atol(argv[4]);
         char* msg = calloc(size, 1);
         double* samples = malloc(count * sizeof *samples);

@@ -15,12 +15,14 @@ enum CPU_ENDIAN_TYPE {
 
 class CEndianType {
 public:
-    // Computed once, on first use, by the language's thread-safe
-    // initialisation of a local static: senders on many threads convert
-    // their first header at the same time.
-    static CPU_ENDIAN_TYPE getCPUEndianType() {
-        static const CPU_ENDIAN_TYPE cached = probeCPUEndianType();
-        return cached;
+    // Known when the code is compiled: every header on every frame is
+    // converted, and a probe at run time cost a guarded static's check each.
+    static constexpr CPU_ENDIAN_TYPE getCPUEndianType() {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+        return BIG_ENDIAN_TYPE;
+#else
+        return LITTLE_ENDIAN_TYPE;
+#endif
     }
 
     // Both directions are the same operation: reverse the bytes in place on
@@ -28,7 +30,7 @@ public:
     // is changed in place and also returned.
     template <class T>
     static T hostToNetwork(T& value) {
-        if (getCPUEndianType() != BIG_ENDIAN_TYPE) reverse(value);
+        if constexpr (getCPUEndianType() != BIG_ENDIAN_TYPE) reverse(value);
         return value;
     }
     template <class T>
@@ -37,21 +39,31 @@ public:
     }
 
 private:
-    static CPU_ENDIAN_TYPE probeCPUEndianType() {
-        const unsigned char bytes[2] = {0x12, 0x34};
-        uint16_t probe;
-        std::memcpy(&probe, bytes, sizeof probe);
-        return probe == 0x1234 ? BIG_ENDIAN_TYPE : LITTLE_ENDIAN_TYPE;
-    }
-
     template <class T>
     static void reverse(T& value) {
-        unsigned char* bytes = reinterpret_cast<unsigned char*>(&value);
-        for (size_t i = 0; i < sizeof(T) / 2; ++i) {
-            unsigned char tmp = bytes[i];
-            bytes[i] = bytes[sizeof(T) - 1 - i];
-            bytes[sizeof(T) - 1 - i] = tmp;
+        if constexpr (sizeof(T) == 2) {
+            swapped<uint16_t>(value, [](uint16_t v) { return __builtin_bswap16(v); });
+        } else if constexpr (sizeof(T) == 4) {
+            swapped<uint32_t>(value, [](uint32_t v) { return __builtin_bswap32(v); });
+        } else if constexpr (sizeof(T) == 8) {
+            swapped<uint64_t>(value, [](uint64_t v) { return __builtin_bswap64(v); });
+        } else {
+            unsigned char* bytes = reinterpret_cast<unsigned char*>(&value);
+            for (size_t i = 0; i < sizeof(T) / 2; ++i) {
+                unsigned char tmp = bytes[i];
+                bytes[i] = bytes[sizeof(T) - 1 - i];
+                bytes[sizeof(T) - 1 - i] = tmp;
+            }
         }
+    }
+    // Through an unsigned word of the same size, so that floating-point
+    // values and enumerations convert as integers do.
+    template <class Word, class T, class Swap>
+    static void swapped(T& value, Swap swap) {
+        Word word;
+        std::memcpy(&word, &value, sizeof word);
+        word = swap(word);
+        std::memcpy(&value, &word, sizeof word);
     }
 };
 
