@@ -16,6 +16,7 @@
 #include "ApartmentGuard.h"
 #include "ApartmentHelper.h"
 #include "ApartmentManager.h"
+#include "ApartmentNode.h"
 #include "ApartmentTimerManager.h"
 #include "ApartmentVersion.h"
 #include "GroundKit/Reference/Reference.h"
@@ -307,10 +308,11 @@ APARTMENT_API int apartment_node_read_response(const char* strApartmentUrl,
         if (apartment.nil()) return NO_APARTMENT;
         CReference<IApartmentNode> node(apartment->findApartmentNode(strNodeUrl));
         if (node.nil()) return NO_NODE;
-        if (!node->getResponse(uintRequestId, const_cast<int&>(intResponseCode), pResponseBuffer,
-                               const_cast<unsigned int&>(uintBufLen), intTimeout))
+        // Read into a buffer, the answer is removed (a null buffer asks its size).
+        if (!static_cast<CApartmentNode*>(node.operator->())
+                 ->takeResponse(uintRequestId, const_cast<int&>(intResponseCode), pResponseBuffer,
+                                const_cast<unsigned int&>(uintBufLen), intTimeout))
             return FAILED;
-        if (pResponseBuffer != nullptr) node->removeResponse(uintRequestId);
         return 0;
     });
 }

@@ -86,13 +86,28 @@ bool CApartmentNode::addResponse(unsigned int uintRequestId, int intResponseCode
     return true;
 }
 
-CReference<IApartmentNodeResponseData> CApartmentNode::findResponse(unsigned int uintRequestId) {
+CReference<IApartmentNodeResponseData> CApartmentNode::findResponse(unsigned int uintRequestId,
+                                                                    const void* pTakeInto,
+                                                                    unsigned int uintRoom,
+                                                                    bool& bTaken) {
     TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
     auto it = m_Requests.find(uintRequestId);
     if (it == m_Requests.end() ||
         (it->second.m_llExpiresAt != 0 && it->second.m_llExpiresAt <= nowNs()))
         return CReference<IApartmentNodeResponseData>();
-    return it->second.m_Answer;
+    CReference<IApartmentNodeResponseData> answer = it->second.m_Answer;
+    if (pTakeInto != nullptr && !answer.nil()) {
+        // Goes now, in this look-up, when it will fit: the reader's copy
+        // cannot fail then, and removing it afterwards would cost a look-up.
+        int code = 0;
+        unsigned int stored = 0;
+        answer->getResponse(code, nullptr, stored);
+        if (stored <= uintRoom) {
+            m_Requests.erase(it);
+            bTaken = true;
+        }
+    }
+    return answer;
 }
 
 void CApartmentNode::expectResponse(unsigned int uintRequestId) {
@@ -181,6 +196,20 @@ void CApartmentNode::sweepLocked(long long llNow,
 bool CApartmentNode::getResponse(unsigned int uintRequestId, int& intResponseCode,
                                  void* pResponseBuffer, unsigned int& uintBufLen,
                                  int intTimeout) {
+    return readResponse(uintRequestId, intResponseCode, pResponseBuffer, uintBufLen, intTimeout,
+                        false);
+}
+
+bool CApartmentNode::takeResponse(unsigned int uintRequestId, int& intResponseCode,
+                                  void* pResponseBuffer, unsigned int& uintBufLen,
+                                  int intTimeout) {
+    return readResponse(uintRequestId, intResponseCode, pResponseBuffer, uintBufLen, intTimeout,
+                        pResponseBuffer != nullptr);
+}
+
+bool CApartmentNode::readResponse(unsigned int uintRequestId, int& intResponseCode,
+                                  void* pResponseBuffer, unsigned int& uintBufLen,
+                                  int intTimeout, bool bTake) {
     std::vector<CReference<IApartmentNodeResponseData>> dropped;  // released after the mutex
     {
         TAutoMutex<OS::TBaseMutex> lock(&m_DataMutex);
@@ -192,12 +221,15 @@ bool CApartmentNode::getResponse(unsigned int uintRequestId, int& intResponseCod
         }
     }
     bool found = false;
+    bool taken = false;
     struct ReadEnd {
         CApartmentNode* node;
         unsigned int id;
         const bool& found;
+        const bool& taken;
         bool givesUp;
         ~ReadEnd() {
+            if (taken) return;  // its entry went with the answer
             TAutoMutex<OS::TBaseMutex> lock(&node->m_DataMutex);
             auto it = node->m_Requests.find(id);
             if (it == node->m_Requests.end() || !it->second.m_bAwaited ||
@@ -208,14 +240,16 @@ bool CApartmentNode::getResponse(unsigned int uintRequestId, int& intResponseCod
                 it->second.m_llSince = nowNs();
             }
         }
-    } end{this, uintRequestId, found, intTimeout > 0};
-    found = waitResponse(uintRequestId, intResponseCode, pResponseBuffer, uintBufLen, intTimeout);
+    } end{this, uintRequestId, found, taken, intTimeout > 0};
+    found = waitResponse(uintRequestId, intResponseCode, pResponseBuffer, uintBufLen, intTimeout,
+                         bTake, taken);
+    if (found && bTake && !taken) removeResponse(uintRequestId);
     return found;
 }
 
 bool CApartmentNode::waitResponse(unsigned int uintRequestId, int& intResponseCode,
                                   void* pResponseBuffer, unsigned int& uintBufLen,
-                                  int intTimeout) {
+                                  int intTimeout, bool bTake, bool& bTaken) {
     const timespec deadline = OS::Clock::deadlineAfter(intTimeout);
 
     unsigned long lockedThreadId = 0;
@@ -245,7 +279,8 @@ bool CApartmentNode::waitResponse(unsigned int uintRequestId, int& intResponseCo
         }
 
         // Nobody else would deliver the response: pump one message ourselves.
-        CReference<IApartmentNodeResponseData> data = findResponse(uintRequestId);
+        CReference<IApartmentNodeResponseData> data =
+            findResponse(uintRequestId, bTake ? pResponseBuffer : nullptr, uintBufLen, bTaken);
         if (!data.nil()) return data->getResponse(intResponseCode, pResponseBuffer, uintBufLen);
         if (m_pApartment == nullptr) return false;
         APARTMENT_TMSG msg;

@@ -75,6 +75,10 @@ public:
     bool getResponse(unsigned int uintRequestId, int& intResponseCode, void* pResponseBuffer,
                      unsigned int& uintBufLen, int intTimeout) override;
     bool removeResponse(unsigned int uintRequestId) override;
+    // getResponse, and with a buffer the answer read into it is removed as
+    // removeResponse would, in the look-up that finds it where it can.
+    bool takeResponse(unsigned int uintRequestId, int& intResponseCode, void* pResponseBuffer,
+                      unsigned int& uintBufLen, int intTimeout);
     // Any thread, before the request leaves (its answer may come back at
     // once); forgetResponse when it could not be sent.
     void expectResponse(unsigned int uintRequestId);
@@ -107,9 +111,16 @@ private:
     };
 
     CReference<IApartmentNodeCallback> callback();
-    CReference<IApartmentNodeResponseData> findResponse(unsigned int uintRequestId);
+    // The answer, nil while none (or past its time). With pTakeInto, an
+    // answer of at most uintRoom bytes leaves the node in the same look-up,
+    // and bTaken is set.
+    CReference<IApartmentNodeResponseData> findResponse(unsigned int uintRequestId,
+                                                        const void* pTakeInto,
+                                                        unsigned int uintRoom, bool& bTaken);
+    bool readResponse(unsigned int uintRequestId, int& intResponseCode, void* pResponseBuffer,
+                      unsigned int& uintBufLen, int intTimeout, bool bTake);
     bool waitResponse(unsigned int uintRequestId, int& intResponseCode, void* pResponseBuffer,
-                      unsigned int& uintBufLen, int intTimeout);
+                      unsigned int& uintBufLen, int intTimeout, bool bTake, bool& bTaken);
     // Now and then (not per call): drops the answers whose time is up and
     // forgets the requests given up or never answered past theirs. An
     // answer past its time is never handed out meanwhile (findResponse
