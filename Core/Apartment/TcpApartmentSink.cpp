@@ -1147,8 +1147,8 @@ bool CTcpClientSink::handshake() {
             reason = m_pTls->failureReason();
             break;
         }
-        const long long left = OS::Clock::millisecondsUntil(giveUpAt);
-        if (left <= 0 || OS::Clock::hasPassed(giveUpAt)) {
+        const long long left = OS::Clock::millisecondsUntil(giveUpAt);  // 0 once passed
+        if (left == 0) {
             reason = "not done within " + std::to_string(CONNECT_TIMEOUT_MS) + " ms";
             break;
         }
