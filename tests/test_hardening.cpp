@@ -1016,6 +1016,35 @@ TEST_F(HostTest, TlsLinksShowNoPayloadOrUrlInTheClear) {
     EXPECT_EQ(server.stop(), 0);
 }
 
+// The connecting side gives up a handshake that the other end never
+// answers (it accepted, in the kernel, and reads nothing): one line, and
+// the request that needed the link fails in about the time allowed.
+TEST_F(HostTest, TlsHandshakeNobodyAnswersFailsTheWriteInTime) {
+    if (!CTlsContext::available()) GTEST_SKIP() << "built without OpenSSL";
+    ASSERT_FALSE(certDir().empty());
+    unsigned short port = 0;
+    const int silent = bindAnyPort(port, 4);
+    ASSERT_GE(silent, 0);
+    tlsEnvironment("b");
+    testing::internal::CaptureStdout();
+    const std::string url = startHost();
+    tlsEnvironment("");
+    CReference<Recorder> node = addNode("h");
+    const long long began = nowMs();
+    const std::string answer = requestAndRead("h", urlOf(port), "echo", "ping", 3000);
+    const long long took = nowMs() - began;
+    const std::string printed = testing::internal::GetCapturedStdout();
+    os_socket_close(silent, USE_DEFAULT);
+    ASSERT_FALSE(url.empty());
+    EXPECT_EQ(answer.substr(0, 7), "<write ") << answer;
+    EXPECT_GE(took, 900);
+    EXPECT_LT(took, 2900);
+    EXPECT_NE(printed.find("TLS handshake with 127.0.0.1:" + std::to_string(port) +
+                           " failed: not done within 1000 ms."),
+              std::string::npos)
+        << printed;
+}
+
 // ------------------------------------------------------------------ load
 
 // Many links at once, each announcing a URL of its own: a request on the
