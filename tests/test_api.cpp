@@ -430,6 +430,14 @@ TEST_F(ApiWithPeer, AResponseStaysUntilReadIntoABuffer) {
     EXPECT_EQ(std::string(buffer, capacity), "twelve bytes");
     EXPECT_EQ(apartment_node_read_response(nullptr, "me", id, code, buffer, capacity, 100),
               APARTMENT_METHOD_FAILED);
+    // The same when another thread dispatches and this one only waits.
+    DispatchThread dispatcher;
+    ASSERT_TRUE(dispatcher.bound());
+    ASSERT_EQ(apartment_node_write_request(nullptr, "me", m_peerUrl.c_str(), "echo", request, 12, id), 0);
+    capacity = 12;
+    ASSERT_EQ(apartment_node_read_response(nullptr, "me", id, code, buffer, capacity, 5000), 0);
+    EXPECT_EQ(apartment_node_read_response(nullptr, "me", id, code, buffer, capacity, 100),
+              APARTMENT_METHOD_FAILED);
 }
 
 // A notification arrives without the response flag and gets no answer; a
